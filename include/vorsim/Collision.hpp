@@ -1,0 +1,50 @@
+// The library's own layer over the installed collision library. Every geom
+// carries a GeomData record, reached in constant time through the geom's user
+// data pointer: the owning object's index in the world, the local body index,
+// the material name, and the geoms it ignores. Category and collide bits stay in
+// the geom itself, where the collision library's broad phase tests them.
+#ifndef VORSIM_COLLISION_HPP
+#define VORSIM_COLLISION_HPP
+
+#include <ode/ode.h>
+
+#include <cstdint>
+#include <set>
+#include <string>
+
+namespace vorsim {
+
+struct GeomData {
+  std::string name;
+  std::string material;
+  size_t objectIndex = size_t(-1);
+  size_t localIndex = 0;
+  std::set<dxGeom*> ignoredGeoms;
+  // Free for the owner's own data (a mesh keeps its triangle data here).
+  void* userData = nullptr;
+};
+
+// Gives a freshly created geom its record; returns the geom.
+dGeomID attachGeomData(dGeomID geom);
+// The record of a geom made through attachGeomData.
+inline GeomData& geomData(dGeomID geom) { return *static_cast<GeomData*>(dGeomGetData(geom)); }
+// Frees the record and destroys the geom.
+void destroyGeom(dGeomID geom);
+
+// Group and mask, cut to their low 32 bits. A pair is tested when
+// (g1.category & g2.collide) || (g2.category & g1.collide).
+void setCollisionBits(dGeomID geom, uint64_t collisionGroup, uint64_t collisionMask);
+uint32_t getCategoryBits(dGeomID geom);
+uint32_t getCollideBits(dGeomID geom);
+
+// Collides a ray geom (not a member of the space) with every geom of the space
+// whose category bits share a bit with the ray's collide bits, writing up to maxHits points with the
+// given stride. In each point g1 is the geom hit and g2 the ray; the normal is
+// the hit surface's outward normal and depth the distance along the ray.
+// Geoms whose record has the ray's object index and local index are left out,
+// so a sensor mounted inside its own body does not see that body.
+int dRayTest(dSpaceID space, dGeomID ray, int maxHits, dContactGeom* contacts, int stride);
+
+}  // namespace vorsim
+
+#endif  // VORSIM_COLLISION_HPP

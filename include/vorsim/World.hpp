@@ -1,0 +1,195 @@
+// The simulated world: it owns every object and wire, the collision space, the
+// material table and the contact solver, and advances all of them in fixed
+// steps. One step is integrate1 (collision, contact records, Delassus blocks)
+// then integrate2 (free velocities, contact problems, solver, integration).
+#ifndef VORSIM_WORLD_HPP
+#define VORSIM_WORLD_HPP
+
+#include <ode/ode.h>
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "vorsim/Materials.hpp"
+#include "vorsim/Object.hpp"
+#include "vorsim/contact/BisectionContactSolver.hpp"
+#include "vorsim/contact/Single3DContactProblem.hpp"
+#include "vorsim/math.hpp"
+#include "vorsim/object/LengthConstraint.hpp"
+
+namespace vorsim {
+
+class SingleBodyObject;
+class Sphere;
+class Box;
+class Cylinder;
+class Capsule;
+class Ground;
+
+// One hit of a ray: the collision library's point (its g1 is the geom hit), the
+// hit point and the object hit.
+struct RayCollisionItem {
+  dContactGeom rayContact;
+  Mat<3, 1> position;
+  Object* object;
+
+  const Mat<3, 1>& getPosition() const { return position; }
+  Object* getObject() const { return object; }
+};
+
+struct RayCollisionList {
+  std::vector<RayCollisionItem> items;
+  size_t size = 0;  // hits of the last query
+
+  void resize(size_t n) { items.resize(n); }
+  size_t getNumOfHits() const { return size; }
+  const RayCollisionItem& operator[](size_t i) const { return items[i]; }
+};
+
+class World {
+ public:
+  static constexpr size_t kAllBits = size_t(-1);
+
+  World();
+  virtual ~World();
+  World(const World&) = delete;
+  World& operator=(const World&) = delete;
+
+  // ---- stepping ----
+  void integrate() {
+    integrate1();
+    integrate2();
+  }
+  // Clears the last step's problems, runs collision detection, makes contacts
+  // and problems, appends constraints and wires, and lets every non-static
+  // object build its Delassus blocks. Forces applied after this act in this step.
+  void integrate1();
+  // Advances time, computes free velocities, fills the problems, solves them and
+  // integrates every non-static object.
+  void integrate2();
+
+  void setTimeStep(double dt);
+  double getTimeStep() const { return timeStep_; }
+  void setGravity(const Mat<3, 1>& gravity) { gravity_ = gravity; }
+  void setGravity(const Eigen::Vector3d& gravity) { gravity_ = gravity; }
+  const Mat<3, 1>& getGravity() const { return gravity_; }
+  double getWorldTime() const { return worldTime_; }
+  void setWorldTime(double time) { worldTime_ = time; }
+  int getWorldStep() const { return worldStep_; }
+  int getConfigurationNumber() const { return configurationNumber_; }
+
+  // Warns when erp is negative; stores both in any case.
+  void setERP(double erp, double erp2 = 0.0);
+  void setContactSolverParam(double alpha_init, double alpha_min, double alpha_decay, int maxIter,
+                             double threshold);
+  contact::BisectionContactSolver& getContactSolver() { return solver_; }
+  const contact::BisectionContactSolver& getContactSolver() const { return solver_; }
+  const ContactProblemList& getContactProblem() const { return contactProblems_; }
+  // Collision points found in the last step, before filtering.
+  int getNumberOfCollisionPoints() const { return numContacts_; }
+
+  // ---- materials ----
+  void setDefaultMaterial(double friction, double restitution, double restThreshold);
+  void setDefaultMaterial(double friction, double restitution, double restThreshold, double staticFriction,
+                          double staticThreshold);
+  void setMaterialPairProp(const std::string& name1, const std::string& name2, double friction,
+                           double restitution, double restThreshold);
+  void setMaterialPairProp(const std::string& name1, const std::string& name2, double friction,
+                           double restitution, double restThreshold, double staticFriction,
+                           double staticThreshold);
+  void updateMaterialProp(const MaterialManager& other);
+  const MaterialManager& getMaterialManager() const { return materialManager_; }
+
+  // ---- registry ----
+  Sphere* addSphere(double radius, double mass, const std::string& material = "default",
+                    size_t collisionGroup = 1, size_t collisionMask = kAllBits);
+  Box* addBox(double xLength, double yLength, double zLength, double mass, const std::string& material = "default",
+              size_t collisionGroup = 1, size_t collisionMask = kAllBits);
+  Cylinder* addCylinder(double radius, double height, double mass, const std::string& material = "default",
+                        size_t collisionGroup = 1, size_t collisionMask = kAllBits);
+  Capsule* addCapsule(double radius, double height, double mass, const std::string& material = "default",
+                      size_t collisionGroup = 1, size_t collisionMask = kAllBits);
+  // A static plane z = height, in the fixed collision group 0x80000000.
+  Ground* addGround(double height = 0.0, const std::string& material = "default",
+                    size_t collisionMask = kAllBits);
+
+  StiffLengthConstraint* addStiffWire(Object* object1, size_t localIdx1, const Eigen::Vector3d& pos1,
+                                      Object* object2, size_t localIdx2, const Eigen::Vector3d& pos2,
+                                      double length);
+  CompliantLengthConstraint* addCompliantWire(Object* object1, int localIdx1, const Eigen::Vector3d& pos1,
+                                              Object* object2, int localIdx2, const Eigen::Vector3d& pos2,
+                                              double length, double stiffness);
+  CustomLengthConstraint* addCustomWire(Object* object1, size_t localIdx1, const Eigen::Vector3d& pos1,
+                                        Object* object2, size_t localIdx2, const Eigen::Vector3d& pos2,
+                                        double length);
+
+  // The first object (or wire) of that name in list order, or null.
+  Object* getObject(const std::string& name);
+  LengthConstraint* getWire(const std::string& name);
+  Constraints* getConstraint(const std::string& name);
+  std::vector<Object*>& getObjList() { return objects_; }
+  const std::vector<std::unique_ptr<LengthConstraint>>& getWires() const { return wires_; }
+
+  // The last object takes the freed index. Wires attached to the object go too
+  // (by a walk that skips the wire moved into a freed slot: remove wires first
+  // when two of them hang on one object). Not between integrate1 and integrate2.
+  void removeObject(Object* object);
+  void removeObject(LengthConstraint* wire);
+
+  // ---- rays ----
+  // Casts one ray against the space. With closestOnly the nearest hit is in
+  // item 0 and size is 1. Geoms of the owner (objectIndex, localIndex) are left
+  // out. The list stays valid until the next call.
+  const RayCollisionList& rayTest(const Eigen::Vector3d& start, const Eigen::Vector3d& direction, double length,
+                                  bool closestOnly = true, size_t objectIndex = size_t(-1),
+                                  size_t localIndex = size_t(-1), size_t collisionMask = kAllBits);
+
+  dSpaceID getCollisionSpace() { return collisionSpace_; }
+  // Never locked by the library; for a client's threads.
+  std::mutex& getMutex() { return worldMutex_; }
+
+ protected:
+  void init();
+  // Steps 1 and 3-4 of every add-function: count the change, append the object
+  // and give it its index.
+  template <typename T>
+  T* registerObject(T* object) {
+    ++configurationNumber_;
+    objects_.push_back(object);
+    object->setIndexInWorld(objects_.size() - 1);
+    return object;
+  }
+  // Writes the per-geom items of a freshly added object's geom and adds the geom
+  // to the space.
+  void addCollisionObject(dxGeom* geom, size_t localIdx, const std::string& material, size_t collisionGroup,
+                          size_t collisionMask);
+  void contactProblemUpdate(Object* object);
+  template <typename W>
+  W* registerWire(W* wire);
+
+  static void nearCallback(void* data, dxGeom* o1, dxGeom* o2);
+
+  dxSpace* collisionSpace_ = nullptr;
+  std::vector<dContactGeom> contactGeoms_;
+  int numContacts_ = 0;
+  Mat<3, 1> gravity_{0.0, 0.0, -9.81};
+  contact::BisectionContactSolver solver_;
+  std::vector<Object*> objects_;
+  ContactProblemList contactProblems_;
+  std::vector<std::unique_ptr<LengthConstraint>> wires_;
+  MaterialManager materialManager_;
+  double timeStep_ = 0.005;
+  double worldTime_ = 0.0;
+  std::string configFile_;
+  int worldStep_ = 0;
+  int configurationNumber_ = 0;
+  dxGeom* rayGeom_ = nullptr;
+  RayCollisionList rayContactList_;
+  std::mutex worldMutex_;
+};
+
+}  // namespace vorsim
+
+#endif  // VORSIM_WORLD_HPP

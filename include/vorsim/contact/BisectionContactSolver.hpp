@@ -1,0 +1,44 @@
+// Per-contact Gauss-Seidel sweep. At each problem the solver removes the
+// problem's own impulse from the current contact velocity, solves the 3D
+// problem of this one contact exactly inside the friction cone (the sliding
+// direction by a bracketed root search on the cone's angle), and pushes the
+// impulse change into the objects at once so the next problem sees it.
+#ifndef VORSIM_CONTACT_BISECTIONCONTACTSOLVER_HPP
+#define VORSIM_CONTACT_BISECTIONCONTACTSOLVER_HPP
+
+#include <cstdint>
+#include <vector>
+
+#include "vorsim/contact/Single3DContactProblem.hpp"
+
+namespace vorsim {
+namespace contact {
+
+class BisectionContactSolver {
+ public:
+  using ProblemList = std::vector<Single3DContactProblem, AlignedAllocator<Single3DContactProblem, 32>>;
+
+  // Preconditions: impulses zeroed, Delassus blocks filled. Afterwards every
+  // impulse is final, every object's working velocity updated and loopCounter
+  // holds the number of sweeps.
+  void solve(ProblemList& problems);
+
+  int getLoopCounter() const { return loopCounter; }
+  bool isForwardOrder() const { return forwardOrder; }
+
+  int loopCounter = 0;
+  bool forwardOrder = true;
+  double timeStep = 0.01;    // kept for the caller; solve does not read it
+  double alpha_init = 1.0;   // kept for the parameter signature; no effect
+  double alpha_min = 1.0;    // kept for the parameter signature; no effect
+  double alpha_decay = 1.0;  // kept for the parameter signature; no effect
+  double threshold = 1e-8;   // mean squared velocity error that ends the sweeps
+  double erp = 0.3;          // penetration-to-velocity rate
+  double erp2 = 0.002;       // added to the restitution coefficient
+  int maxIter = 150;
+};
+
+}  // namespace contact
+}  // namespace vorsim
+
+#endif  // VORSIM_CONTACT_BISECTIONCONTACTSOLVER_HPP

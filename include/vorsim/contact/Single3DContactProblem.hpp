@@ -1,0 +1,67 @@
+// The one record the contact solver sweeps: a constraint point between at most
+// two objects (a frictional contact, a wire, a joint limit or a bilateral pin)
+// with its 3x3 Delassus block, its impulse and the material numbers of the pair.
+#ifndef VORSIM_CONTACT_SINGLE3DCONTACTPROBLEM_HPP
+#define VORSIM_CONTACT_SINGLE3DCONTACTPROBLEM_HPP
+
+#include <type_traits>
+
+#include "vorsim/Materials.hpp"
+#include "vorsim/math.hpp"
+
+namespace vorsim {
+class Object;
+namespace contact {
+
+// rank says both the kind of the problem and the dimension of G's range:
+// 0 inactive, 1/2/3 contact of that rank, 4 one-sided normal constraint (stiff
+// wire), 5 joint limit, 7/8/9 bilateral of rank 1/2/3.
+class Single3DContactProblem {
+ public:
+  Single3DContactProblem() = default;
+  Single3DContactProblem(const MaterialPairProperties& mat, double x, double y, double z, double depth);
+
+  // Classifies G at the start of every solve and builds the reduced blocks for
+  // the singular cases.
+  void checkRank();
+
+  Mat<3, 1> impulse;
+  Mat<3, 1> tauStar;
+  Mat<3, 3> delassus;
+  Mat<3, 3> delassusInverse;
+  Mat<2, 2> reducedDelassus;
+  Mat<2, 2> reducedDelassusInverse;
+  Mat<3, 1> basis[2];
+  Mat<3, 1> reducedColumnX;
+  Mat<3, 1> reducedColumnY;
+  double mu = 0.0;
+  double normalDelassusOverMu = 0.0;
+  double muInverse = 0.0;
+  double restitution = 0.0;
+  double restitutionThreshold = 0.0;
+  double targetNormalVel = 0.0;
+  double rankOneDelassus = 0.0;
+  double impactVel = 0.0;
+  double depth = 0.0;
+  double inverseGzz = 0.0;
+  Object* objectA = nullptr;
+  Object* objectB = nullptr;
+  int rank = 3;
+  size_t localIndexA = 0;
+  size_t localIndexB = 0;
+  Mat<3, 1> position;
+  double staticFriction = 0.0;
+  double staticFrictionThreshold = 0.0;
+  double inverseStaticThreshold = 0.0;
+
+  const Mat<3, 1>& getImpulse() const { return impulse; }
+  const Mat<3, 1>& getPosition() const { return position; }
+};
+
+static_assert(std::is_trivially_copyable_v<Single3DContactProblem>,
+              "problems are moved by the vector as plain bytes");
+
+}  // namespace contact
+}  // namespace vorsim
+
+#endif  // VORSIM_CONTACT_SINGLE3DCONTACTPROBLEM_HPP

@@ -1,0 +1,180 @@
+// One rigid body with six degrees of freedom. The state (position, orientation,
+// linear and angular velocity) is kept in world coordinates around the centre
+// of mass. A step: Delassus blocks of the contacts (preContactSolverUpdate1),
+// contact-free velocity and Jacobians (preContactSolverUpdate2), impulses from
+// the solver (updateGenVelWithImpulse), and integrate: a fourth-order
+// Runge-Kutta scheme for rotation and angular velocity, and a trapezoidal (free
+// flight) or forward (in contact) rule for the position.
+#ifndef VORSIM_OBJECT_SINGLEBODYOBJECT_HPP
+#define VORSIM_OBJECT_SINGLEBODYOBJECT_HPP
+
+#include <ode/ode.h>
+
+#include <string>
+#include <vector>
+
+#include "vorsim/Object.hpp"
+#include "vorsim/math.hpp"
+
+namespace vorsim {
+
+// How the gyroscopic term would be treated. Stored and reported only: every
+// body follows the same integration, which treats the term explicitly.
+enum GyroscopicMode {
+  IMPLICIT_GYROSCOPIC_FORCE_BODY = 0,
+  IMPLICIT_GYROSCOPIC_FORCE_WORLD = 1,
+  EXPLICIT_GYROSCOPIC_FORCE = 2,
+  NO_GYROSCOPIC_FORCE = 3
+};
+
+// Rotation by the world angular velocity w over dt, applied from the left:
+// Rout = D(w dt) * R. Copies R when |w| dt < 1e-11.
+void rotationIntegration(const Mat<3, 3>& R, Mat<3, 3>& Rout, double dt, const Mat<3, 1>& w);
+// Residual of the implicit body-frame Euler equation and its Jacobian in w;
+// exported for callers that want a Newton step (with solve33). No step uses them.
+void evalEulerEqn(const Mat<3, 1>& w, const Mat<3, 1>& wOld, const Mat<3, 1>& torque, double dt,
+                  const Mat<3, 3>& inertia, Mat<3, 1>& out);
+void evalEulerEqnDeriv(const Mat<3, 1>& w, const Mat<3, 1>& wOld, double dt, const Mat<3, 3>& inertia,
+                       Mat<3, 3>& out);
+
+class SingleBodyObject : public Object {
+ public:
+  explicit SingleBodyObject(ObjectType type);
+  ~SingleBodyObject() override = default;
+
+  // ---- Object contract ----
+  void updateCollision() override;
+  void preContactSolverUpdate1(const Mat<3, 1>& gravity, double dt) override;
+  void preContactSolverUpdate2(const Mat<3, 1>& gravity, double dt, ContactProblemList& problems) override;
+  void integrate(double dt, World& world) override;
+  void setExternalForce(size_t localIdx, const Mat<3, 1>& pos, const Mat<3, 1>& force) override;
+  void setExternalForce(size_t localIdx, const Mat<3, 1>& force) override;
+  void setExternalTorque(size_t localIdx, const Mat<3, 1>& torque) override;
+  void setConstraintForce(size_t localIdx, const Mat<3, 1>& pos, const Mat<3, 1>& force) override;
+  double getMass(size_t /*localIdx*/) const override { return mass_; }
+  ObjectType getObjectType() const override { return objectType_; }
+  void getPosition(size_t localIdx, const Mat<3, 1>& posInBody, Mat<3, 1>& posInWorld) const override;
+  void getPosition(size_t localIdx, Mat<3, 1>& pos) const override;
+  void getVelocity(size_t localIdx, const Mat<3, 1>& posInBody, Mat<3, 1>& velInWorld) const override;
+  void getVelocity(size_t localIdx, Mat<3, 1>& vel) const override;
+  void getOrientation(size_t localIdx, Mat<3, 3>& rot) const override;
+  void getContactPointVel(size_t contactIdx, Mat<3, 1>& vel) const override;
+  void clearExternalForcesAndTorques() override;
+  void destroyCollisionBodies(dxSpace* space) override;
+  void addContactPointVel(size_t contactIdx, Mat<3, 1>& vel) override;
+  void subContactPointVel(size_t contactIdx, Mat<3, 1>& vel) override;
+  void addContactPointVel2(size_t contactIdx, Mat<3, 1>& vel) override;
+  void subContactPointVel2(size_t contactIdx, Mat<3, 1>& vel) override;
+  void updateTimeStep(double /*dt*/) override {}
+  void updateTimeStepIfNecessary(double /*dt*/) override {}
+  void updateGenVelWithImpulse(size_t contactIdx, const Mat<3, 1>& impulse) override;
+
+  // ---- pose and velocity (between steps) ----
+  virtual void setPosition(const Mat<3, 1>& pos);
+  virtual void setPosition(double x, double y, double z);
+  virtual void setPosition(const Eigen::Vector3d& pos);
+  // Stored as given, without normalisation.
+  virtual void setOrientation(const Mat<4, 1>& quat);
+  virtual void setOrientation(const Eigen::Matrix3d& rotation);
+  virtual void setOrientation(double w, double x, double y, double z);
+  virtual void setOrientation(const Eigen::Vector4d& quat);
+  // Normalised before use.
+  virtual void setOrientation(const Eigen::Quaterniond& quat);
+  virtual void setPose(const Eigen::Vector3d& pos, const Eigen::Matrix3d& rotation);
+  virtual void setPose(const Eigen::Vector3d& pos, const Eigen::Vector4d& quat);
+  virtual void setPose(const Eigen::Vector3d& pos, const Eigen::Quaterniond& quat);
+  // Writes the velocity of the start of the next step.
+  virtual void setVelocity(double vx, double vy, double vz, double wx, double wy, double wz);
+  virtual void setVelocity(const Eigen::Vector3d& linear, const Eigen::Vector3d& angular);
+  // Stores the type only; mass, inertia and velocities stay.
+  virtual void setBodyType(BodyType type) { bodyType_ = type; }
+
+  void setInertia(const Mat<3, 3>& inertia);
+  void setInertia(const Eigen::Matrix3d& inertia);
+  void setMass(double mass) {
+    mass_ = mass;
+    inverseMass_ = 1.0 / mass;
+  }
+  void setLinearDamping(double damping) { linearDamping_ = damping; }
+  void setAngularDamping(const Mat<3, 1>& damping) { angularDamping_ = damping; }
+  void setAngularDamping(const Eigen::Vector3d& damping) { angularDamping_ = damping; }
+  GyroscopicMode getGyroscopicMode() const { return gyroscopicMode_; }
+  void setGyroscopicMode(GyroscopicMode mode) { gyroscopicMode_ = mode; }
+  const std::string& getAppearance() const { return appearance_; }
+  void setAppearance(const std::string& appearance) { appearance_ = appearance; }
+
+  // ---- state ----
+  const Mat<3, 1>& getPosition() const { return position_; }
+  Eigen::Vector3d getPositionEigen() const { return position_.e(); }
+  const Mat<3, 1>& getComPosition() const { return comPosition_; }
+  const Mat<3, 1>& getBodyComOffset() const { return comOffset_; }
+  const Mat<4, 1>& getQuaternion() const { return orientationQuat_; }
+  const Mat<3, 3>& getRotationMatrix() const { return rotationMatrix_; }
+  const Mat<3, 1>& getLinearVelocity() const { return linearVelocity_; }
+  const Mat<3, 1>& getAngularVelocity() const { return angularVelocity_; }
+  Eigen::Vector3d getLinearVelocityEigen() const { return linearVelocity_.e(); }
+  Eigen::Vector3d getAngularVelocityEigen() const { return angularVelocity_.e(); }
+  const Mat<6, 1>& getGeneralizedVelocity() const { return generalizedVelocity_; }
+  const Mat<3, 3>& getInertiaMatrix_B() const { return bodyInertia_; }
+  const Mat<3, 3>& getInertiaMatrix_W() const { return worldInertia_; }
+  double getMass() const { return mass_; }
+  double getLinearDamping() const { return linearDamping_; }
+  const Mat<3, 1>& getAngularDamping() const { return angularDamping_; }
+  dxGeom* getCollisionObject() const { return collisionObject_; }
+  uint32_t getCollisionGroup() const;
+  uint32_t getCollisionMask() const;
+
+  double getKineticEnergy() const;
+  double getPotentialEnergy(const Mat<3, 1>& gravity) const;
+  double getEnergy(const Mat<3, 1>& gravity) const { return getKineticEnergy() + getPotentialEnergy(gravity); }
+  Eigen::Vector3d getLinearMomentum() const { return linearVelocity_.e() * mass_; }
+  // Angular momentum about the centre of mass, world frame.
+  Eigen::Vector3d getAngularMomentum() const;
+
+ protected:
+  // Recomputes the rotation (and, for a dynamic body, the world inertia) from
+  // the quaternion and moves the geom. The centre of mass is not moved.
+  void updateOrientation();
+  void updateWorldInertia();
+  // Shared part of the primitives' constructors: pose at the origin, the geom
+  // (given its record here), mass, inertia and their inverses.
+  void initPrimitive(dxGeom* geom, double mass, const Mat<3, 3>& inertia);
+  // Angular increment over dt at orientation R and angular velocity w.
+  void eulerIntegrate(double dt, const Mat<3, 3>& R, const Mat<3, 1>& w, Mat<3, 1>& out) const;
+
+  dxGeom* collisionObject_ = nullptr;
+  ObjectType objectType_;
+  Mat<4, 1> orientationQuat_{1.0, 0.0, 0.0, 0.0};
+  Mat<3, 3> rotationMatrix_ = Mat<3, 3>::getIdentity();
+  Mat<3, 1> position_{};
+  Mat<3, 1> comPosition_{};
+  Mat<3, 1> comOffset_{};
+  Mat<3, 1> collisionCenter_{};
+  Mat<3, 1> linearVelocity_{};
+  Mat<3, 1> previousLinearVelocity_{};
+  Mat<3, 1> angularVelocity_{};
+  Mat<6, 1> generalizedVelocity_{};
+  Mat<3, 3> bodyInertia_ = Mat<3, 3>::getIdentity();
+  Mat<3, 3> worldInertia_ = Mat<3, 3>::getIdentity();
+  Mat<3, 3> bodyInertiaInverse_ = Mat<3, 3>::getIdentity();
+  Mat<3, 3> worldInertiaInverse_ = Mat<3, 3>::getIdentity();
+  GyroscopicMode gyroscopicMode_ = IMPLICIT_GYROSCOPIC_FORCE_BODY;
+  Mat<3, 1> angularScratch_{};
+  Mat<3, 1> freeLinearVelocity_{};
+  Mat<3, 1> freeAngularVelocity_{};
+  Mat<3, 1> externalForce_{};
+  Mat<3, 1> externalTorque_{};
+  std::vector<Mat<3, 1>> contactArms_;
+  double mass_ = 1.0;
+  double inverseMass_ = 1.0;
+  double linearDamping_ = 0.0;
+  Mat<3, 1> angularDamping_{};
+  std::vector<Mat<6, 3>> MinvJT_;
+  std::vector<Mat<3, 6>> J_;
+  bool hasConstraintForce_ = false;
+  std::string appearance_;
+};
+
+}  // namespace vorsim
+
+#endif  // VORSIM_OBJECT_SINGLEBODYOBJECT_HPP

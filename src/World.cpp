@@ -1,0 +1,464 @@
+#include "vorsim/World.hpp"
+
+#include <limits>
+
+#include "vorsim/Collision.hpp"
+#include "vorsim/VorSimMsg.hpp"
+#include "vorsim/object/Primitives.hpp"
+
+namespace vorsim {
+
+namespace {
+// A pair of links of one articulated system keeps this many points of a set.
+constexpr int kMaxSelfCollisionContacts = 1;
+
+inline Mat<3, 1> toMat(const Eigen::Vector3d& v) { return {v(0), v(1), v(2)}; }
+}  // namespace
+
+World::World() { init(); }
+
+void World::init() {
+  dInitODE2(0);
+  dAllocateODEDataForThread(dAllocateMaskAll);
+  solver_.timeStep = timeStep_;
+  gravity_ = {0.0, 0.0, -9.81};
+  collisionSpace_ = dSweepAndPruneSpaceCreate(nullptr, dSAP_AXES_YXZ);
+  rayGeom_ = attachGeomData(dCreateRay(collisionSpace_, 0));
+  dSpaceRemove(collisionSpace_, rayGeom_);
+  contactGeoms_.resize(1000);
+  rayContactList_.resize(200);
+}
+
+World::~World() {
+  wires_.clear();
+  for (Object* object : objects_) {
+    object->destroyCollisionBodies(collisionSpace_);
+    delete object;
+  }
+  objects_.clear();
+  destroyGeom(rayGeom_);
+  dSpaceDestroy(collisionSpace_);
+  dCloseODE();
+}
+
+// ------------------------------------------------------------------ settings --
+
+void World::setTimeStep(double dt) {
+  timeStep_ = dt;
+  solver_.timeStep = dt;
+  for (Object* object : objects_) object->updateTimeStep(dt);
+}
+
+void World::setERP(double erp, double erp2) {
+  if (erp < 0) MSG_WARN("ERP should be positive");
+  solver_.erp = erp;
+  solver_.erp2 = erp2;
+}
+
+void World::setContactSolverParam(double alpha_init, double alpha_min, double alpha_decay, int maxIter,
+                                  double threshold) {
+  solver_.alpha_init = alpha_init;
+  solver_.alpha_min = alpha_min;
+  solver_.alpha_decay = alpha_decay;
+  solver_.maxIter = maxIter;
+  solver_.threshold = threshold;
+}
+
+void World::setDefaultMaterial(double friction, double restitution, double restThreshold) {
+  materialManager_.setDefaultMaterialProperties(friction, restitution, restThreshold, friction, 0.001);
+}
+
+void World::setDefaultMaterial(double friction, double restitution, double restThreshold, double staticFriction,
+                               double staticThreshold) {
+  materialManager_.setDefaultMaterialProperties(friction, restitution, restThreshold, staticFriction,
+                                                staticThreshold);
+}
+
+void World::setMaterialPairProp(const std::string& name1, const std::string& name2, double friction,
+                                double restitution, double restThreshold) {
+  materialManager_.setMaterialPairProp(name1, name2, friction, restitution, restThreshold, friction, 0.001);
+}
+
+void World::setMaterialPairProp(const std::string& name1, const std::string& name2, double friction,
+                                double restitution, double restThreshold, double staticFriction,
+                                double staticThreshold) {
+  materialManager_.setMaterialPairProp(name1, name2, friction, restitution, restThreshold, staticFriction,
+                                       staticThreshold);
+}
+
+void World::updateMaterialProp(const MaterialManager& other) { materialManager_ = other; }
+
+// ------------------------------------------------------------------ stepping --
+
+void World::nearCallback(void* data, dxGeom* o1, dxGeom* o2) {
+  auto* world = static_cast<World*>(data);
+  if (geomData(o1).ignoredGeoms.count(o2)) return;
+  auto& store = world->contactGeoms_;
+  if (store.size() < size_t(world->numContacts_) + 500) store.resize(store.size() * 3);
+  world->numContacts_ += dCollide(o1, o2, 500, &store[size_t(world->numContacts_)], sizeof(dContactGeom));
+}
+
+void World::integrate1() {
+  contactProblems_.clear();
+  for (Object* object : objects_) object->clearPerObjectContact();
+  for (Object* object : objects_)
+    if (object->getBodyType() == DYNAMIC) object->updateTimeStepIfNecessary(timeStep_);
+  for (Object* object : objects_)
+    if (object->getBodyType() != STATIC) object->updateCollision();
+
+  numContacts_ = 0;
+  dSpaceCollide(collisionSpace_, this, &World::nearCallback);
+  contactProblems_.reserve(size_t(numContacts_) + 20 + wires_.size());
+
+  // One Contact per non-static side and one problem per collision point.
+  for (int i = 0; i < numContacts_; ++i) {
+    const dContactGeom& g = contactGeoms_[size_t(i)];
+    const GeomData& d1 = geomData(g.g1);
+    const GeomData& d2 = geomData(g.g2);
+    Object* A = objects_[d1.objectIndex];
+    Object* B = objects_[d2.objectIndex];
+    const size_t la = d1.localIndex, lb = d2.localIndex;
+    const BodyType typeA = A->getBodyType(la), typeB = B->getBodyType(lb);
+    if (typeA != DYNAMIC && typeB != DYNAMIC) continue;
+
+    if (A == B) {
+      if (la == lb) continue;
+      // The twin records of a self-collision stand next to each other.
+      int found = 0;
+      const auto& list = A->getContacts();
+      for (size_t k = 0; k + 1 < list.size(); ++k) {
+        if (list[k].pairObjectIndex == A->getIndexInWorld() &&
+            ((list[k].localBodyIndex == la && list[k + 1].localBodyIndex == lb) ||
+             (list[k].localBodyIndex == lb && list[k + 1].localBodyIndex == la))) {
+          found = 1;
+          break;
+        }
+      }
+      if (A->getObjectType() == ARTICULATED_SYSTEM && found >= kMaxSelfCollisionContacts) continue;
+    }
+
+    Mat<3, 1> n{g.normal[0], g.normal[1], g.normal[2]};
+    n /= n.norm();
+    Mat<3, 3> frame;
+    Contact::computeFrame(n, frame);
+    const Mat<3, 1> pos{g.pos[0], g.pos[1], g.pos[2]};
+    const size_t problemIndex = contactProblems_.size();
+
+    auto fill = [&](Contact& c) {
+      c.frame = frame;
+      c.position = pos;
+      c.normal = n;
+      c.impulse = nullptr;
+      c.depth = -g.depth;
+      c.contactProblemIndex = problemIndex;
+      c.colObjectA = g.g1;
+      c.colObjectB = g.g2;
+      c.isSelfCollision = false;
+      c.skip = false;
+    };
+
+    if (typeA != STATIC) {
+      auto& list = A->getContacts();
+      const size_t pairIndex = B->getContacts().size() + (A == B ? 1 : 0);
+      Contact& c = list.emplace_back();
+      fill(c);
+      c.isObjectA = true;
+      c.localContactIndex = list.size() - 1;
+      c.pairObjectIndex = d2.objectIndex;
+      c.pairObjectBodyType = typeB;
+      c.pairContactIndex = pairIndex;
+      c.localBodyIndex = la;
+    }
+    if (typeB != STATIC) {
+      auto& list = B->getContacts();
+      const size_t pairIndex = A->getContacts().size() - 1;
+      Contact& c = list.emplace_back();
+      fill(c);
+      c.isObjectA = false;
+      c.localContactIndex = list.size() - 1;
+      c.pairObjectIndex = d1.objectIndex;
+      c.pairObjectBodyType = typeA;
+      c.pairContactIndex = pairIndex;
+      c.localBodyIndex = lb;
+    }
+
+    contactProblems_.emplace_back(materialManager_.getMaterialPairProp(d1.material, d2.material), pos[0], pos[1],
+                                  pos[2], -g.depth);
+  }
+
+  for (Object* object : objects_) object->appendConstraints(contactProblems_);
+  for (auto& wire : wires_) wire->update(contactProblems_);
+  for (Object* object : objects_)
+    if (object->getBodyType() != STATIC) object->preContactSolverUpdate1(gravity_, timeStep_);
+}
+
+void World::contactProblemUpdate(Object* object) {
+  auto& list = object->getContacts();
+  const bool dynamicObject = object->getBodyType() == DYNAMIC;
+  for (size_t i = 0; i < list.size(); ++i) {
+    Contact& c = list[i];
+    contact::Single3DContactProblem& P = contactProblems_[c.contactProblemIndex];
+    c.impulse = &P.impulse;
+    if (c.skip || !dynamicObject) continue;
+    // The A side of a dynamic pair does the work for both.
+    if (c.pairObjectBodyType == DYNAMIC && !c.isObjectA) continue;
+
+    Object* pair = objects_[c.pairObjectIndex];
+    const size_t j = c.pairContactIndex;
+    P.tauStar.setZero();
+
+    if (c.pairObjectBodyType == DYNAMIC) {
+      P.impactVel = object->getImpactVel(i) - pair->getImpactVel(j);
+      P.objectA = object;
+      P.localIndexA = i;
+      if (c.isSelfCollision) {
+        P.delassus = c.delassus;
+      } else {
+        const Mat<3, 3>& other = pair->getContacts()[j].delassus;
+        for (size_t k = 0; k < 9; ++k) P.delassus[k] = c.delassus[k] + other[k];
+        P.objectB = pair;
+        P.localIndexB = j;
+      }
+    } else {
+      // A static or kinematic partner is not an object of the problem; a
+      // kinematic one enters as the constant velocity tauStar.
+      P.delassus = c.delassus;
+      const bool kinematic = c.pairObjectBodyType == KINEMATIC;
+      if (c.isObjectA) {
+        P.objectA = object;
+        P.localIndexA = i;
+        P.impactVel = object->getImpactVel(i);
+        if (kinematic) {
+          pair->subContactPointVel(j, P.tauStar);
+          P.impactVel -= pair->getImpactVel(j);
+        }
+      } else {
+        P.objectB = object;
+        P.localIndexB = i;
+        P.impactVel = -object->getImpactVel(i);
+        if (kinematic) {
+          pair->addContactPointVel(j, P.tauStar);
+          P.impactVel += pair->getImpactVel(j);
+        }
+      }
+    }
+  }
+}
+
+void World::integrate2() {
+  worldStep_ += 1;
+  worldTime_ += timeStep_;
+
+  for (Object* object : objects_)
+    if (object->getBodyType() != STATIC) object->preContactSolverUpdate2(gravity_, timeStep_, contactProblems_);
+  for (Object* object : objects_) contactProblemUpdate(object);
+
+  // Static friction: below the threshold velocity the friction coefficient
+  // blends linearly toward the static one. 1/mu keeps the dynamic value.
+  for (auto& P : contactProblems_) {
+    if (P.rank > 3) continue;
+    Mat<3, 1> v = P.tauStar;
+    if (P.objectA) P.objectA->addContactPointVel2(P.localIndexA, v);
+    if (P.objectB) P.objectB->subContactPointVel2(P.localIndexB, v);
+    const double vt = std::sqrt(v[0] * v[0] + v[1] * v[1]);
+    if (P.staticFrictionThreshold > vt)
+      P.mu = P.mu + (1.0 - vt * P.inverseStaticThreshold) * (P.staticFriction - P.mu);
+  }
+
+  if (!contactProblems_.empty()) {
+    for (auto& P : contactProblems_) P.impulse.setZero();
+    solver_.solve(contactProblems_);
+  }
+
+  for (Object* object : objects_)
+    if (object->getBodyType() != STATIC) object->integrate(timeStep_, *this);
+}
+
+// ------------------------------------------------------------------ registry --
+
+void World::addCollisionObject(dxGeom* geom, size_t localIdx, const std::string& material, size_t collisionGroup,
+                               size_t collisionMask) {
+  GeomData& data = geomData(geom);
+  data.material = material;
+  setCollisionBits(geom, collisionGroup, collisionMask);
+  data.localIndex = localIdx;
+  data.objectIndex = objects_.size() - 1;
+  dSpaceAdd(collisionSpace_, geom);
+}
+
+Sphere* World::addSphere(double radius, double mass, const std::string& material, size_t collisionGroup,
+                         size_t collisionMask) {
+  auto* object = registerObject(new Sphere(radius, mass));
+  addCollisionObject(object->getCollisionObject(), 0, material, collisionGroup, collisionMask);
+  return object;
+}
+
+Box* World::addBox(double xLength, double yLength, double zLength, double mass, const std::string& material,
+                   size_t collisionGroup, size_t collisionMask) {
+  auto* object = registerObject(new Box(xLength, yLength, zLength, mass));
+  addCollisionObject(object->getCollisionObject(), 0, material, collisionGroup, collisionMask);
+  return object;
+}
+
+Cylinder* World::addCylinder(double radius, double height, double mass, const std::string& material,
+                             size_t collisionGroup, size_t collisionMask) {
+  auto* object = registerObject(new Cylinder(radius, height, mass));
+  addCollisionObject(object->getCollisionObject(), 0, material, collisionGroup, collisionMask);
+  return object;
+}
+
+Capsule* World::addCapsule(double radius, double height, double mass, const std::string& material,
+                           size_t collisionGroup, size_t collisionMask) {
+  auto* object = registerObject(new Capsule(radius, height, mass));
+  addCollisionObject(object->getCollisionObject(), 0, material, collisionGroup, collisionMask);
+  return object;
+}
+
+Ground* World::addGround(double height, const std::string& material, size_t collisionMask) {
+  auto* object = registerObject(new Ground(height));
+  object->setAppearance("grid");
+  dxGeom* geom = object->getCollisionObject();
+  GeomData& data = geomData(geom);
+  data.material = material;
+  data.localIndex = 0;
+  data.objectIndex = objects_.size() - 1;
+  setCollisionBits(geom, 0x80000000u, collisionMask);
+  dSpaceAdd(collisionSpace_, geom);
+  return object;
+}
+
+template <typename W>
+W* World::registerWire(W* wire) {
+  wires_.emplace_back(wire);
+  wire->setStretchType(LengthConstraint::STRETCH_ONLY);
+  return wire;
+}
+
+StiffLengthConstraint* World::addStiffWire(Object* object1, size_t localIdx1, const Eigen::Vector3d& pos1,
+                                           Object* object2, size_t localIdx2, const Eigen::Vector3d& pos2,
+                                           double length) {
+  ++configurationNumber_;
+  return registerWire(
+      new StiffLengthConstraint(object1, localIdx1, toMat(pos1), object2, localIdx2, toMat(pos2), length));
+}
+
+CompliantLengthConstraint* World::addCompliantWire(Object* object1, int localIdx1, const Eigen::Vector3d& pos1,
+                                                   Object* object2, int localIdx2, const Eigen::Vector3d& pos2,
+                                                   double length, double stiffness) {
+  ++configurationNumber_;
+  return registerWire(new CompliantLengthConstraint(object1, localIdx1, toMat(pos1), object2, localIdx2,
+                                                    toMat(pos2), length, stiffness));
+}
+
+CustomLengthConstraint* World::addCustomWire(Object* object1, size_t localIdx1, const Eigen::Vector3d& pos1,
+                                             Object* object2, size_t localIdx2, const Eigen::Vector3d& pos2,
+                                             double length) {
+  ++configurationNumber_;
+  return registerWire(
+      new CustomLengthConstraint(object1, localIdx1, toMat(pos1), object2, localIdx2, toMat(pos2), length));
+}
+
+Object* World::getObject(const std::string& name) {
+  for (Object* object : objects_)
+    if (object->getName() == name) return object;
+  return nullptr;
+}
+
+LengthConstraint* World::getWire(const std::string& name) {
+  for (auto& wire : wires_)
+    if (wire->getName() == name) return wire.get();
+  return nullptr;
+}
+
+Constraints* World::getConstraint(const std::string& name) { return getWire(name); }
+
+void World::removeObject(Object* object) {
+  ++configurationNumber_;
+  size_t k = 0;
+  while (k < objects_.size() && objects_[k] != object) ++k;
+  if (k == objects_.size()) {
+    MSG_INFO("the object is already deleted");
+    return;
+  }
+
+  // A wire moved into a freed slot is not looked at again.
+  for (size_t i = 0; i < wires_.size(); ++i) {
+    if (wires_[i]->getBody1() == object || wires_[i]->getBody2() == object) {
+      if (i + 1 != wires_.size()) std::swap(wires_[i], wires_.back());
+      wires_.pop_back();
+    }
+  }
+
+  object->destroyCollisionBodies(collisionSpace_);
+  delete object;
+
+  const size_t last = objects_.size() - 1;
+  if (k != last) {
+    Object* moved = objects_[last];
+    objects_[k] = moved;
+    if (auto* body = dynamic_cast<SingleBodyObject*>(moved))
+      if (body->getCollisionObject()) geomData(body->getCollisionObject()).objectIndex = k;
+    moved->setIndexInWorld(k);
+  }
+  objects_.pop_back();
+}
+
+void World::removeObject(LengthConstraint* wire) {
+  ++configurationNumber_;
+  for (size_t i = 0; i < wires_.size(); ++i) {
+    if (wires_[i].get() == wire) {
+      if (i + 1 != wires_.size()) std::swap(wires_[i], wires_.back());
+      wires_.pop_back();
+      return;
+    }
+  }
+}
+
+// ---------------------------------------------------------------------- rays --
+
+const RayCollisionList& World::rayTest(const Eigen::Vector3d& start, const Eigen::Vector3d& direction, double length,
+                                       bool closestOnly, size_t objectIndex, size_t localIndex,
+                                       size_t collisionMask) {
+  setCollisionBits(rayGeom_, 0xFFFFFFFFu, collisionMask);
+  GeomData& rayData = geomData(rayGeom_);
+  rayData.objectIndex = objectIndex;
+  rayData.localIndex = localIndex;
+  dGeomRaySetLength(rayGeom_, length);
+  dGeomRaySet(rayGeom_, start(0), start(1), start(2), direction(0), direction(1), direction(2));
+  // The ray is outside the space, so nothing else refreshes its bounding box.
+  dReal aabb[6];
+  dGeomGetAABB(rayGeom_, aabb);
+
+  auto& items = rayContactList_.items;
+  const int n = dRayTest(collisionSpace_, rayGeom_, int(items.size()), &items[0].rayContact,
+                         int(sizeof(RayCollisionItem)));
+  rayContactList_.size = size_t(n);
+
+  if (n == 0 || !closestOnly) {
+    for (int i = 0; i < n; ++i) {
+      RayCollisionItem& item = items[size_t(i)];
+      item.object = objects_[geomData(item.rayContact.g1).objectIndex];
+      item.position = {item.rayContact.pos[0], item.rayContact.pos[1], item.rayContact.pos[2]};
+    }
+    return rayContactList_;
+  }
+
+  double best = std::numeric_limits<double>::max();
+  size_t bestIndex = 0;
+  for (int i = 0; i < n; ++i) {
+    const dReal* p = items[size_t(i)].rayContact.pos;
+    const double d = (p[0] - start(0)) * (p[0] - start(0)) + (p[1] - start(1)) * (p[1] - start(1)) +
+                     (p[2] - start(2)) * (p[2] - start(2));
+    if (d < best) {
+      best = d;
+      bestIndex = size_t(i);
+    }
+  }
+  const dContactGeom& hit = items[bestIndex].rayContact;
+  items[0].object = objects_[geomData(hit.g1).objectIndex];
+  items[0].position = {hit.pos[0], hit.pos[1], hit.pos[2]};
+  rayContactList_.size = 1;
+  return rayContactList_;
+}
+
+}  // namespace vorsim

@@ -1,0 +1,119 @@
+#include "vorsim/math.hpp"
+
+#include <algorithm>
+
+namespace vorsim {
+
+void quatToEulerVec(double const* q, double* ev) {
+  const double s = std::sqrt(q[1] * q[1] + q[2] * q[2] + q[3] * q[3]);
+  if (std::abs(s) < 1e-12) {
+    ev[0] = ev[1] = ev[2] = 0.0;
+    return;
+  }
+  const double c = std::min(q[0], 1.0);
+  const double f = 2.0 * std::acos(c) / s;
+  ev[0] = q[1] * f;
+  ev[1] = q[2] * f;
+  ev[2] = q[3] * f;
+}
+
+void eulerVecToQuat(Mat<3, 1> const& ev, Mat<4, 1>& q) {
+  const double theta = ev.norm();
+  if (theta < 1e-12) {
+    q = {1.0, 0.0, 0.0, 0.0};
+    return;
+  }
+  const double inv = 1.0 / theta;
+  const double s = std::sin(0.5 * theta);
+  q[0] = std::cos(0.5 * theta);
+  q[1] = ev[0] * inv * s;
+  q[2] = ev[1] * inv * s;
+  q[3] = ev[2] * inv * s;
+}
+
+namespace {
+void rodrigues(Mat<3, 1> const& axis, double s, double c, Mat<3, 3>& R) {
+  const double x = axis[0], y = axis[1], z = axis[2];
+  const double d = 1.0 - c;
+  R(0, 0) = x * x * d + c;
+  R(1, 1) = y * y * d + c;
+  R(2, 2) = z * z * d + c;
+  R(1, 0) = x * y * d + z * s;
+  R(0, 1) = x * y * d - z * s;
+  R(2, 0) = x * z * d - y * s;
+  R(0, 2) = x * z * d + y * s;
+  R(2, 1) = y * z * d + x * s;
+  R(1, 2) = y * z * d - x * s;
+}
+}  // namespace
+
+void angleAxisToRotMat(Mat<3, 1> const& axis, double angle, Mat<3, 3>& R) {
+  rodrigues(axis, std::sin(angle), std::cos(angle), R);
+}
+
+void polySinCos(double angle, double& sine, double& cosine) {
+  constexpr double twoPi = 2.0 * M_PI;
+  constexpr double pi = M_PI;
+  constexpr double halfPi = 0.5 * M_PI;
+  const double t = angle / twoPi;
+  const auto k = static_cast<int32_t>(t);
+  const double r = (t - k) * twoPi;
+  const double a = r < -pi ? r + twoPi : (r > pi ? r - twoPi : r);
+  const double b = a > halfPi ? pi - a : (a < -halfPi ? -pi - a : a);
+  const double g = (-halfPi < a && a < halfPi) ? 1.0 : -1.0;
+
+  // Taylor series with ten terms each, the powers of u built by multiplication.
+  static constexpr double sinC[10] = {1.0,
+                                      -1.0 / 6.0,
+                                      1.0 / 120.0,
+                                      -1.0 / 5040.0,
+                                      1.0 / 362880.0,
+                                      -1.0 / 39916800.0,
+                                      1.0 / 6227020800.0,
+                                      -1.0 / 1307674368000.0,
+                                      1.0 / 355687428096000.0,
+                                      -1.0 / 121645100408832000.0};
+  static constexpr double cosC[10] = {1.0,
+                                      -1.0 / 2.0,
+                                      1.0 / 24.0,
+                                      -1.0 / 720.0,
+                                      1.0 / 40320.0,
+                                      -1.0 / 3628800.0,
+                                      1.0 / 479001600.0,
+                                      -1.0 / 87178291200.0,
+                                      1.0 / 20922789888000.0,
+                                      -1.0 / 6402373705728000.0};
+  const double u = b * b;
+  double p = 1.0, sinSum = 0.0, cosSum = 0.0;
+  for (int i = 0; i < 10; ++i) {
+    sinSum += sinC[i] * p;
+    cosSum += cosC[i] * p;
+    p *= u;
+  }
+  sine = b * sinSum;
+  cosine = g * cosSum;
+}
+
+void angleAxisToRotMat2(Mat<3, 1> const& axis, double angle, Mat<3, 3>& R) {
+  double s, c;
+  polySinCos(angle, s, c);
+  rodrigues(axis, s, c, R);
+}
+
+void zaxisToRotMat(Mat<3, 1> const& z, Mat<3, 3>& R) {
+  const Mat<3, 1> d{-z[0], -z[1], 1.0 - z[2]};
+  if (d.squaredNorm() < 1e-18) {
+    R.setIdentity();
+    return;
+  }
+  const Mat<3, 1> e{z[0], z[1], z[2] + 1.0};
+  if (e.norm() < 1e-8) {
+    angleAxisToRotMat(Mat<3, 1>{1.0, 0.0, 0.0}, M_PI, R);
+    return;
+  }
+  Mat<3, 1> axis{-z[1], z[0], 0.0};
+  axis /= axis.norm();
+  angleAxisToRotMat(axis, std::acos(z[2]), R);
+}
+
+}  // namespace vorsim

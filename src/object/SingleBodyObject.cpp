@@ -1,0 +1,419 @@
+#include "vorsim/object/SingleBodyObject.hpp"
+
+#include "vorsim/Collision.hpp"
+#include "vorsim/World.hpp"
+
+namespace vorsim {
+
+namespace {
+inline Mat<3, 1> add(const Mat<3, 1>& a, const Mat<3, 1>& b) { return {a[0] + b[0], a[1] + b[1], a[2] + b[2]}; }
+inline Mat<3, 1> sub(const Mat<3, 1>& a, const Mat<3, 1>& b) { return {a[0] - b[0], a[1] - b[1], a[2] - b[2]}; }
+inline Mat<3, 1> scale(const Mat<3, 1>& a, double s) { return {a[0] * s, a[1] * s, a[2] * s}; }
+inline Mat<3, 1> mul(const Mat<3, 3>& R, const Mat<3, 1>& x) {
+  Mat<3, 1> y;
+  matvecmul(R, x, y);
+  return y;
+}
+inline Mat<3, 1> mulT(const Mat<3, 3>& R, const Mat<3, 1>& x) {
+  return {R(0, 0) * x[0] + R(1, 0) * x[1] + R(2, 0) * x[2], R(0, 1) * x[0] + R(1, 1) * x[1] + R(2, 1) * x[2],
+          R(0, 2) * x[0] + R(1, 2) * x[1] + R(2, 2) * x[2]};
+}
+inline Mat<3, 3> inverse33(const Mat<3, 3>& m) {
+  Mat<3, 3> out;
+  invert33(m, out);
+  return out;
+}
+}  // namespace
+
+void rotationIntegration(const Mat<3, 3>& R, Mat<3, 3>& Rout, double dt, const Mat<3, 1>& w) {
+  const double s = w.norm();
+  const double theta = s * dt;
+  if (theta < 1e-11) {
+    Rout = R;
+    return;
+  }
+  const double ax = w[0] / s, ay = w[1] / s, az = w[2] / s;
+  const double sn = std::sin(theta), c1 = 1.0 - std::cos(theta);
+  Mat<3, 3> D;
+  D(0, 0) = 1.0 - c1 * (ay * ay + az * az);
+  D(1, 1) = 1.0 - c1 * (ax * ax + az * az);
+  D(2, 2) = 1.0 - c1 * (ax * ax + ay * ay);
+  D(0, 1) = -sn * az + c1 * ax * ay;
+  D(1, 0) = sn * az + c1 * ax * ay;
+  D(0, 2) = sn * ay + c1 * ax * az;
+  D(2, 0) = -sn * ay + c1 * ax * az;
+  D(1, 2) = -sn * ax + c1 * ay * az;
+  D(2, 1) = sn * ax + c1 * ay * az;
+  matmul(D, R, Rout);
+}
+
+void evalEulerEqn(const Mat<3, 1>& w, const Mat<3, 1>& wOld, const Mat<3, 1>& torque, double dt,
+                  const Mat<3, 3>& inertia, Mat<3, 1>& out) {
+  const Mat<3, 1> Iw = mul(inertia, w);
+  const Mat<3, 1> IwOld = mul(inertia, wOld);
+  const Mat<3, 1> gyro = cross(w, Iw);
+  for (size_t i = 0; i < 3; ++i) out[i] = Iw[i] + dt * gyro[i] - (IwOld[i] + dt * torque[i]);
+}
+
+void evalEulerEqnDeriv(const Mat<3, 1>& w, const Mat<3, 1>& /*wOld*/, double dt, const Mat<3, 3>& inertia,
+                       Mat<3, 3>& out) {
+  const Mat<3, 1> Iw = mul(inertia, w);
+  const Eigen::Matrix3d d =
+      inertia.e() + dt * (skewMatEigen(w.e()) * inertia.e() - skewMatEigen(Iw.e()));
+  out = d;
+}
+
+SingleBodyObject::SingleBodyObject(ObjectType type) : objectType_(type) {}
+
+// ---------------------------------------------------------------- collision --
+
+void SingleBodyObject::updateCollision() {
+  collisionCenter_ = position_;
+  dGeomSetPosition(collisionObject_, collisionCenter_[0], collisionCenter_[1], collisionCenter_[2]);
+  const Mat<3, 3>& R = rotationMatrix_;
+  dMatrix3 rot = {R(0, 0), R(0, 1), R(0, 2), 0.0, R(1, 0), R(1, 1), R(1, 2), 0.0, R(2, 0), R(2, 1), R(2, 2), 0.0};
+  dGeomSetRotation(collisionObject_, rot);
+}
+
+void SingleBodyObject::destroyCollisionBodies(dxSpace* space) {
+  if (collisionObject_ == nullptr) return;
+  if (space) dSpaceRemove(space, collisionObject_);
+  destroyGeom(collisionObject_);
+  collisionObject_ = nullptr;
+}
+
+uint32_t SingleBodyObject::getCollisionGroup() const { return getCategoryBits(collisionObject_); }
+uint32_t SingleBodyObject::getCollisionMask() const { return getCollideBits(collisionObject_); }
+
+// ------------------------------------------------------------- pose, state --
+
+void SingleBodyObject::setPosition(const Mat<3, 1>& pos) {
+  position_ = pos;
+  comPosition_ = add(position_, mul(rotationMatrix_, comOffset_));
+  updateCollision();
+}
+void SingleBodyObject::setPosition(double x, double y, double z) { setPosition(Mat<3, 1>{x, y, z}); }
+void SingleBodyObject::setPosition(const Eigen::Vector3d& pos) { setPosition(Mat<3, 1>{pos(0), pos(1), pos(2)}); }
+
+void SingleBodyObject::setOrientation(const Mat<4, 1>& quat) {
+  orientationQuat_ = quat;
+  updateOrientation();
+}
+void SingleBodyObject::setOrientation(double w, double x, double y, double z) {
+  setOrientation(Mat<4, 1>{w, x, y, z});
+}
+void SingleBodyObject::setOrientation(const Eigen::Vector4d& quat) {
+  setOrientation(Mat<4, 1>{quat(0), quat(1), quat(2), quat(3)});
+}
+void SingleBodyObject::setOrientation(const Eigen::Quaterniond& quat) {
+  const double n = quat.norm();
+  orientationQuat_ = {quat.w() / n, quat.x() / n, quat.y() / n, quat.z() / n};
+  updateOrientation();
+}
+void SingleBodyObject::setOrientation(const Eigen::Matrix3d& rotation) { setOrientation(Eigen::Quaterniond(rotation)); }
+
+void SingleBodyObject::setPose(const Eigen::Vector3d& pos, const Eigen::Matrix3d& rotation) {
+  setPosition(pos);
+  setOrientation(rotation);
+}
+void SingleBodyObject::setPose(const Eigen::Vector3d& pos, const Eigen::Vector4d& quat) {
+  setPosition(pos);
+  setOrientation(quat);
+}
+void SingleBodyObject::setPose(const Eigen::Vector3d& pos, const Eigen::Quaterniond& quat) {
+  setPosition(pos);
+  setOrientation(quat);
+}
+
+void SingleBodyObject::setVelocity(double vx, double vy, double vz, double wx, double wy, double wz) {
+  linearVelocity_ = {vx, vy, vz};
+  angularVelocity_ = {wx, wy, wz};
+}
+void SingleBodyObject::setVelocity(const Eigen::Vector3d& linear, const Eigen::Vector3d& angular) {
+  setVelocity(linear(0), linear(1), linear(2), angular(0), angular(1), angular(2));
+}
+
+void SingleBodyObject::updateOrientation() {
+  quatToRotMat(orientationQuat_, rotationMatrix_);
+  if (bodyType_ == DYNAMIC) updateWorldInertia();
+  updateCollision();
+}
+
+void SingleBodyObject::updateWorldInertia() {
+  if (bodyType_ != DYNAMIC) return;
+  similarityTransform(rotationMatrix_, bodyInertia_, worldInertia_);
+  similarityTransform(rotationMatrix_, bodyInertiaInverse_, worldInertiaInverse_);
+}
+
+void SingleBodyObject::initPrimitive(dxGeom* geom, double mass, const Mat<3, 3>& inertia) {
+  position_.setZero();
+  rotationMatrix_.setIdentity();
+  comPosition_ = add(position_, mul(rotationMatrix_, comOffset_));
+  collisionObject_ = attachGeomData(geom);
+  setMass(mass);
+  bodyInertia_ = inertia;
+  worldInertia_ = bodyInertia_;
+  bodyInertiaInverse_ = inverse33(bodyInertia_);
+  worldInertiaInverse_ = bodyInertiaInverse_;
+}
+
+void SingleBodyObject::setInertia(const Mat<3, 3>& inertia) {
+  bodyInertia_ = inertia;
+  bodyInertiaInverse_ = inverse33(inertia);
+  updateWorldInertia();
+}
+void SingleBodyObject::setInertia(const Eigen::Matrix3d& inertia) {
+  Mat<3, 3> m;
+  m = inertia;
+  setInertia(m);
+}
+
+void SingleBodyObject::getPosition(size_t, const Mat<3, 1>& posInBody, Mat<3, 1>& posInWorld) const {
+  posInWorld = add(position_, mul(rotationMatrix_, posInBody));
+}
+void SingleBodyObject::getPosition(size_t, Mat<3, 1>& pos) const { pos = position_; }
+void SingleBodyObject::getVelocity(size_t, const Mat<3, 1>& posInBody, Mat<3, 1>& velInWorld) const {
+  velInWorld = add(linearVelocity_, cross(angularVelocity_, mul(rotationMatrix_, posInBody)));
+}
+void SingleBodyObject::getVelocity(size_t, Mat<3, 1>& vel) const { vel = linearVelocity_; }
+void SingleBodyObject::getOrientation(size_t, Mat<3, 3>& rot) const { rot = rotationMatrix_; }
+
+double SingleBodyObject::getKineticEnergy() const {
+  const Mat<3, 1> Iw = mul(worldInertia_, angularVelocity_);
+  return 0.5 * (mass_ * linearVelocity_.squaredNorm() + dot(angularVelocity_, Iw));
+}
+
+double SingleBodyObject::getPotentialEnergy(const Mat<3, 1>& gravity) const {
+  return -mass_ * dot(comPosition_, gravity);
+}
+
+Eigen::Vector3d SingleBodyObject::getAngularMomentum() const {
+  return mul(worldInertia_, angularVelocity_).e();
+}
+
+// -------------------------------------------------------------------- loads --
+
+void SingleBodyObject::setExternalForce(size_t, const Mat<3, 1>& pos, const Mat<3, 1>& force) {
+  const Mat<3, 1> r = mul(rotationMatrix_, sub(pos, comOffset_));
+  externalForce_ += force;
+  externalTorque_ += cross(r, force);
+  externalLoadValues_.push_back(force);
+  externalLoadPositions_.push_back(add(position_, r));
+  externalForceIsForce_.push_back(true);
+}
+
+void SingleBodyObject::setExternalForce(size_t, const Mat<3, 1>& force) {
+  externalForce_ += force;
+  externalLoadValues_.push_back(force);
+  externalLoadPositions_.push_back(comPosition_);
+  externalForceIsForce_.push_back(true);
+}
+
+void SingleBodyObject::setExternalTorque(size_t, const Mat<3, 1>& torque) {
+  externalTorque_ += torque;
+  externalLoadValues_.push_back(torque);
+  externalLoadPositions_.push_back(comPosition_);
+  externalForceIsForce_.push_back(false);
+}
+
+void SingleBodyObject::setConstraintForce(size_t, const Mat<3, 1>& pos, const Mat<3, 1>& force) {
+  const Mat<3, 1> r = mul(rotationMatrix_, sub(pos, comOffset_));
+  externalForce_ += force;
+  externalTorque_ += cross(r, force);
+  hasConstraintForce_ = true;
+}
+
+void SingleBodyObject::clearExternalForcesAndTorques() {
+  externalForceIsForce_.clear();
+  externalLoadValues_.clear();
+  externalLoadPositions_.clear();
+  externalForceViz_.clear();
+  externalForceVizPos_.clear();
+  externalTorqueViz_.clear();
+  externalTorqueVizPos_.clear();
+}
+
+// -------------------------------------------------------------- contact side --
+
+void SingleBodyObject::getContactPointVel(size_t c, Mat<3, 1>& vel) const {
+  vel.setZero();
+  matvecmulThenAdd(J_[c], generalizedVelocity_, vel);
+}
+void SingleBodyObject::addContactPointVel(size_t c, Mat<3, 1>& vel) {
+  matvecmulThenAdd(J_[c], generalizedVelocity_, vel);
+}
+void SingleBodyObject::subContactPointVel(size_t c, Mat<3, 1>& vel) {
+  matvecmulThenSub(J_[c], generalizedVelocity_, vel);
+}
+void SingleBodyObject::addContactPointVel2(size_t c, Mat<3, 1>& vel) {
+  const Mat<6, 1> u0{linearVelocity_[0],  linearVelocity_[1],  linearVelocity_[2],
+                     angularVelocity_[0], angularVelocity_[1], angularVelocity_[2]};
+  matvecmulThenAdd(J_[c], u0, vel);
+}
+void SingleBodyObject::subContactPointVel2(size_t c, Mat<3, 1>& vel) {
+  const Mat<6, 1> u0{linearVelocity_[0],  linearVelocity_[1],  linearVelocity_[2],
+                     angularVelocity_[0], angularVelocity_[1], angularVelocity_[2]};
+  matvecmulThenSub(J_[c], u0, vel);
+}
+void SingleBodyObject::updateGenVelWithImpulse(size_t c, const Mat<3, 1>& impulse) {
+  matvecmulThenAdd(MinvJT_[c], impulse, generalizedVelocity_);
+}
+
+// --------------------------------------------------------------------- step --
+
+void SingleBodyObject::preContactSolverUpdate1(const Mat<3, 1>&, double) {
+  if (bodyType_ == DYNAMIC) {
+    similarityTransform(rotationMatrix_, bodyInertia_, worldInertia_);
+    similarityTransform(rotationMatrix_, bodyInertiaInverse_, worldInertiaInverse_);
+  }
+  contactArms_.resize(contacts_.size());
+  const Mat<3, 3>& I = worldInertiaInverse_;
+  for (size_t i = 0; i < contacts_.size(); ++i) {
+    Contact& c = contacts_[i];
+    const Mat<3, 1> r = sub(comPosition_, c.position);
+    contactArms_[i] = r;
+    // D = S I^-1 S^T with S the skew matrix of r: the six distinct elements.
+    // M = I^-1 S^T, then D(i,j) = row i of S times column j of M.
+    const double S[3][3] = {{0.0, -r[2], r[1]}, {r[2], 0.0, -r[0]}, {-r[1], r[0], 0.0}};
+    double M[3][3];
+    for (size_t a = 0; a < 3; ++a)
+      for (size_t b = 0; b < 3; ++b) M[a][b] = I(a, 0) * S[b][0] + I(a, 1) * S[b][1] + I(a, 2) * S[b][2];
+    Mat<3, 3>& D = c.delassus;
+    for (size_t col = 0; col < 3; ++col)
+      for (size_t row = col; row < 3; ++row)
+        D(row, col) = S[row][0] * M[0][col] + S[row][1] * M[1][col] + S[row][2] * M[2][col];
+    D(0, 1) = D(1, 0);
+    D(0, 2) = D(2, 0);
+    D(1, 2) = D(2, 1);
+    similarityTransform(c.frame, D, D);
+    D(0, 0) += inverseMass_;
+    D(1, 1) += inverseMass_;
+    D(2, 2) += inverseMass_;
+  }
+}
+
+void SingleBodyObject::preContactSolverUpdate2(const Mat<3, 1>& gravity, double dt, ContactProblemList&) {
+  const Mat<3, 1> v = linearVelocity_;
+  const Mat<3, 1> w = angularVelocity_;
+  previousLinearVelocity_ = v;
+
+  if (bodyType_ == DYNAMIC) {
+    const double d = linearDamping_;
+    const Mat<3, 1> a = add(scale(externalForce_, inverseMass_), gravity);
+    const double k = d * dt / (0.5 * d * dt + mass_);
+    for (size_t i = 0; i < 3; ++i) freeLinearVelocity_[i] = v[i] + a[i] * dt - v[i] * k;
+
+    Mat<3, 1> t;
+    VecXMatVec(w, worldInertia_, w, t);
+    t = sub(externalTorque_, t);
+    const Mat<3, 1> alpha = mul(worldInertiaInverse_, t);
+    const Mat<3, 1> wNew = add(w, scale(alpha, dt));
+    angularScratch_ = mulT(rotationMatrix_, w);
+    for (size_t i = 0; i < 3; ++i) angularScratch_[i] = angularScratch_[i] * angularDamping_[i] * dt;
+    freeAngularVelocity_ = sub(wNew, mul(rotationMatrix_, mul(bodyInertiaInverse_, angularScratch_)));
+  } else {
+    freeLinearVelocity_ = v;
+    freeAngularVelocity_ = w;
+  }
+
+  for (size_t i = 0; i < 3; ++i) {
+    generalizedVelocity_[i] = freeLinearVelocity_[i];
+    generalizedVelocity_[i + 3] = freeAngularVelocity_[i];
+  }
+
+  for (size_t i = 0; i < contacts_.size(); ++i) {
+    Contact& c = contacts_[i];
+    const Mat<3, 1> pv = add(v, cross(contactArms_[i], w));
+    c.impactVel = c.frame(2, 0) * pv[0] + c.frame(2, 1) * pv[1] + c.frame(2, 2) * pv[2];
+  }
+
+  MinvJT_.resize(contacts_.size());
+  J_.resize(contacts_.size());
+  for (size_t i = 0; i < contacts_.size(); ++i)
+    computeJandMinvJT(inverseMass_, contacts_[i].frame, worldInertiaInverse_, contactArms_[i], MinvJT_[i], J_[i]);
+
+  if (!externalLoadValues_.empty()) {
+    externalForceViz_.clear();
+    externalForceVizPos_.clear();
+    externalTorqueViz_.clear();
+    externalTorqueVizPos_.clear();
+    for (size_t i = 0; i < externalLoadValues_.size(); ++i) {
+      if (externalForceIsForce_[i]) {
+        externalForceViz_.push_back(externalLoadValues_[i]);
+        externalForceVizPos_.push_back(externalLoadPositions_[i]);
+      } else {
+        externalTorqueViz_.push_back(externalLoadValues_[i]);
+        externalTorqueVizPos_.push_back(externalLoadPositions_[i]);
+      }
+    }
+    externalLoadValues_.clear();
+    externalLoadPositions_.clear();
+    externalForceIsForce_.clear();
+  }
+}
+
+void SingleBodyObject::eulerIntegrate(double dt, const Mat<3, 3>& R, const Mat<3, 1>& w, Mat<3, 1>& out) const {
+  Mat<3, 3> Iw, IwInv;
+  similarityTransform(R, bodyInertia_, Iw);
+  similarityTransform(R, bodyInertiaInverse_, IwInv);
+  Mat<3, 1> gyro;
+  VecXMatVec(w, Iw, w, gyro);
+  const Mat<3, 1> acc = mul(IwInv, sub(externalTorque_, gyro));
+  Mat<3, 1> damp = mulT(R, w);
+  for (size_t i = 0; i < 3; ++i) damp[i] = dt * angularDamping_[i] * damp[i];
+  const Mat<3, 1> dampTerm = mul(R, mul(bodyInertiaInverse_, damp));
+  for (size_t i = 0; i < 3; ++i) out[i] = dt * acc[i] - dampTerm[i];
+}
+
+void SingleBodyObject::integrate(double dt, World&) {
+  const Mat<3, 1> ua{generalizedVelocity_[3], generalizedVelocity_[4], generalizedVelocity_[5]};
+  const Mat<3, 3> R = rotationMatrix_;
+
+  // Velocity change by the impulses alone, then the four Runge-Kutta stages; the
+  // first stage reuses the free-motion increment of preContactSolverUpdate2.
+  const Mat<3, 1> w0 = add(angularVelocity_, sub(ua, freeAngularVelocity_));
+  angularVelocity_ = w0;
+  const Mat<3, 1> k1 = sub(ua, w0);
+  Mat<3, 3> R1, R2, R3;
+  Mat<3, 1> k2, k3, k4;
+
+  const Mat<3, 1> W0 = w0;
+  rotationIntegration(R, R1, 0.5 * dt, w0);
+  const Mat<3, 1> W1 = scale(add(w0, ua), 0.5);
+  eulerIntegrate(dt, R1, W1, k2);
+
+  rotationIntegration(R, R2, 0.5 * dt, add(w0, k2));
+  const Mat<3, 1> W2 = add(w0, scale(k2, 0.5));
+  eulerIntegrate(dt, R2, W2, k3);
+
+  rotationIntegration(R, R3, dt, add(w0, k3));
+  const Mat<3, 1> W3 = add(w0, k3);
+  eulerIntegrate(dt, R3, W3, k4);
+
+  for (size_t i = 0; i < 3; ++i)
+    angularVelocity_[i] = w0[i] + k1[i] / 6.0 + k2[i] / 3.0 + k3[i] / 3.0 + k4[i] / 6.0;
+
+  Mat<3, 1> Wm;
+  for (size_t i = 0; i < 3; ++i) Wm[i] = W0[i] / 6.0 + W1[i] / 3.0 + W2[i] / 3.0 + W3[i] / 6.0;
+  rotationIntegration(R, rotationMatrix_, dt, Wm);
+
+  if (bodyType_ == DYNAMIC)
+    linearVelocity_ = {generalizedVelocity_[0], generalizedVelocity_[1], generalizedVelocity_[2]};
+
+  if (contacts_.empty() && !hasConstraintForce_) {
+    for (size_t i = 0; i < 3; ++i) comPosition_[i] += 0.5 * dt * (linearVelocity_[i] + previousLinearVelocity_[i]);
+  } else {
+    for (size_t i = 0; i < 3; ++i) comPosition_[i] += dt * linearVelocity_[i];
+    hasConstraintForce_ = false;
+  }
+
+  rotMatToQuat(rotationMatrix_, orientationQuat_);
+  orientationQuat_ /= orientationQuat_.norm();
+  quatToRotMat(orientationQuat_, rotationMatrix_);
+
+  position_ = sub(comPosition_, mul(rotationMatrix_, comOffset_));
+  externalForce_.setZero();
+  externalTorque_.setZero();
+}
+
+}  // namespace vorsim
