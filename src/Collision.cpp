@@ -1,5 +1,8 @@
 #include "vorsim/Collision.hpp"
 
+#include <algorithm>
+#include <cmath>
+
 namespace vorsim {
 
 dGeomID attachGeomData(dGeomID geom) {
@@ -21,6 +24,51 @@ void setCollisionBits(dGeomID geom, uint64_t collisionGroup, uint64_t collisionM
 
 uint32_t getCategoryBits(dGeomID geom) { return static_cast<uint32_t>(dGeomGetCategoryBits(geom)); }
 uint32_t getCollideBits(dGeomID geom) { return static_cast<uint32_t>(dGeomGetCollideBits(geom)); }
+
+void SweepAndPrune::collide(dSpaceID space, void* data, dNearCallback* callback) {
+  const int count = dSpaceGetNumGeoms(space);
+  bounded_.clear();
+  unbounded_.clear();
+  for (int i = 0; i < count; ++i) {
+    dGeomID g = dSpaceGetGeom(space, i);
+    if (!dGeomIsEnabled(g)) continue;
+    dReal box[6];
+    dGeomGetAABB(g, box);
+    // Sweep along y first, then x and z.
+    Entry e{{box[2], box[0], box[4]}, {box[3], box[1], box[5]}, getCategoryBits(g), getCollideBits(g), uint32_t(i), g};
+    const bool unbounded = std::isinf(box[0]) || std::isinf(box[1]) || std::isinf(box[2]) ||
+                           std::isinf(box[3]) || std::isinf(box[4]) || std::isinf(box[5]);
+    (unbounded ? unbounded_ : bounded_).push_back(e);
+  }
+  std::sort(bounded_.begin(), bounded_.end(), [](const Entry& a, const Entry& b) {
+    return a.lo[0] < b.lo[0] || (a.lo[0] == b.lo[0] && a.order < b.order);
+  });
+
+  auto passes = [](const Entry& a, const Entry& b) {
+    return ((a.category & b.collide) | (b.category & a.collide)) != 0;
+  };
+  auto overlap = [](const Entry& a, const Entry& b) {
+    return a.lo[0] <= b.hi[0] && b.lo[0] <= a.hi[0] && a.lo[1] <= b.hi[1] && b.lo[1] <= a.hi[1] &&
+           a.lo[2] <= b.hi[2] && b.lo[2] <= a.hi[2];
+  };
+
+  const size_t n = bounded_.size();
+  for (size_t i = 0; i < n; ++i) {
+    const Entry& a = bounded_[i];
+    for (size_t j = i + 1; j < n && bounded_[j].lo[0] <= a.hi[0]; ++j) {
+      const Entry& b = bounded_[j];
+      if (b.lo[1] > a.hi[1] || a.lo[1] > b.hi[1] || b.lo[2] > a.hi[2] || a.lo[2] > b.hi[2]) continue;
+      if (passes(a, b)) callback(data, a.geom, b.geom);
+    }
+  }
+  for (size_t u = 0; u < unbounded_.size(); ++u) {
+    const Entry& a = unbounded_[u];
+    for (const Entry& b : bounded_)
+      if (passes(a, b) && overlap(a, b)) callback(data, b.geom, a.geom);
+    for (size_t v = u + 1; v < unbounded_.size(); ++v)
+      if (passes(a, unbounded_[v]) && overlap(a, unbounded_[v])) callback(data, a.geom, unbounded_[v].geom);
+  }
+}
 
 namespace {
 struct RayQuery {

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "vorsim/VorSimTinyXmlWrapper.hpp"
+
 namespace vorsim {
 
 namespace {
@@ -47,6 +49,32 @@ void MaterialManager::setMaterialPairProp(const std::string& name1, const std::s
   p.c_static_f = staticFriction;
   p.v_static = staticThreshold;
   p.v_static_inv = 1.0 / staticThreshold;
+}
+
+void MaterialManager::init(const VorSimTinyXmlWrapper& node) {
+  // Only the first "default" counts; it sets friction and restitution and leaves
+  // the static-friction fields of the default pair as they were.
+  auto defaults = node.getChildren("default");
+  if (!defaults.empty()) {
+    const VorSimTinyXmlWrapper& d = defaults.front();
+    const auto friction = d.getAttributeMust<double>("friction");
+    const auto restitution = d.getAttributeMust<double>("restitution");
+    const auto restThreshold = d.getAttributeMust<double>("restitution_threshold");
+    defaultProperties_.c_f = friction;
+    defaultProperties_.c_r = restitution;
+    defaultProperties_.r_th = restThreshold;
+  }
+
+  for (auto const& pair : node.getChildren("pair_prop")) {
+    const auto friction = pair.getAttributeMust<double>("friction");
+    const auto restitution = pair.getAttributeMust<double>("restitution");
+    const auto restThreshold = pair.getAttributeMust<double>("restitution_threshold");
+    const auto staticFriction = pair.getAttributeMust<double>("static_friction");
+    const auto staticThreshold = pair.getAttributeMust<double>("static_friction_velocity_threshold");
+    const auto name1 = pair.getAttributeMust<std::string>("name1");
+    const auto name2 = pair.getAttributeMust<std::string>("name2");
+    setMaterialPairProp(name1, name2, friction, restitution, restThreshold, staticFriction, staticThreshold);
+  }
 }
 
 }  // namespace vorsim

@@ -107,7 +107,7 @@ void World::integrate1() {
     if (object->getBodyType() != STATIC) object->updateCollision();
 
   numContacts_ = 0;
-  dSpaceCollide(collisionSpace_, this, &World::nearCallback);
+  broadPhase_.collide(collisionSpace_, this, &World::nearCallback);
   contactProblems_.reserve(size_t(numContacts_) + 20 + wires_.size());
 
   // One Contact per non-static side and one problem per collision point.

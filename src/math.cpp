@@ -51,49 +51,6 @@ void angleAxisToRotMat(Mat<3, 1> const& axis, double angle, Mat<3, 3>& R) {
   rodrigues(axis, std::sin(angle), std::cos(angle), R);
 }
 
-void polySinCos(double angle, double& sine, double& cosine) {
-  constexpr double twoPi = 2.0 * M_PI;
-  constexpr double pi = M_PI;
-  constexpr double halfPi = 0.5 * M_PI;
-  const double t = angle / twoPi;
-  const auto k = static_cast<int32_t>(t);
-  const double r = (t - k) * twoPi;
-  const double a = r < -pi ? r + twoPi : (r > pi ? r - twoPi : r);
-  const double b = a > halfPi ? pi - a : (a < -halfPi ? -pi - a : a);
-  const double g = (-halfPi < a && a < halfPi) ? 1.0 : -1.0;
-
-  // Taylor series with ten terms each, the powers of u built by multiplication.
-  static constexpr double sinC[10] = {1.0,
-                                      -1.0 / 6.0,
-                                      1.0 / 120.0,
-                                      -1.0 / 5040.0,
-                                      1.0 / 362880.0,
-                                      -1.0 / 39916800.0,
-                                      1.0 / 6227020800.0,
-                                      -1.0 / 1307674368000.0,
-                                      1.0 / 355687428096000.0,
-                                      -1.0 / 121645100408832000.0};
-  static constexpr double cosC[10] = {1.0,
-                                      -1.0 / 2.0,
-                                      1.0 / 24.0,
-                                      -1.0 / 720.0,
-                                      1.0 / 40320.0,
-                                      -1.0 / 3628800.0,
-                                      1.0 / 479001600.0,
-                                      -1.0 / 87178291200.0,
-                                      1.0 / 20922789888000.0,
-                                      -1.0 / 6402373705728000.0};
-  const double u = b * b;
-  double p = 1.0, sinSum = 0.0, cosSum = 0.0;
-  for (int i = 0; i < 10; ++i) {
-    sinSum += sinC[i] * p;
-    cosSum += cosC[i] * p;
-    p *= u;
-  }
-  sine = b * sinSum;
-  cosine = g * cosSum;
-}
-
 void angleAxisToRotMat2(Mat<3, 1> const& axis, double angle, Mat<3, 3>& R) {
   double s, c;
   polySinCos(angle, s, c);

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace vorsim {
 
@@ -36,6 +37,28 @@ void destroyGeom(dGeomID geom);
 void setCollisionBits(dGeomID geom, uint64_t collisionGroup, uint64_t collisionMask);
 uint32_t getCategoryBits(dGeomID geom);
 uint32_t getCollideBits(dGeomID geom);
+
+// Broad phase over the geoms of a space: reports every pair whose bounding
+// boxes overlap and whose bits pass the category test
+// ((g1.category & g2.collide) || (g2.category & g1.collide)). It sweeps along y,
+// then x and z, with buffers kept from step to step, so a steady scene
+// allocates nothing (the installed library's sweep-and-prune space builds its
+// pair list afresh in every call). Geoms with unbounded boxes (planes) are
+// paired with every other geom. Pairs come in a deterministic order.
+class SweepAndPrune {
+ public:
+  void collide(dSpaceID space, void* data, dNearCallback* callback);
+
+ private:
+  struct Entry {
+    double lo[3], hi[3];
+    uint32_t category, collide;
+    uint32_t order;  // position in the space: breaks ties without pointer order
+    dGeomID geom;
+  };
+  std::vector<Entry> bounded_;
+  std::vector<Entry> unbounded_;
+};
 
 // Collides a ray geom (not a member of the space) with every geom of the space
 // whose category bits share a bit with the ray's collide bits, writing up to maxHits points with the

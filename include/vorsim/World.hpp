@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "vorsim/Collision.hpp"
 #include "vorsim/Materials.hpp"
 #include "vorsim/Object.hpp"
 #include "vorsim/contact/BisectionContactSolver.hpp"
@@ -188,6 +189,7 @@ class World {
   dxGeom* rayGeom_ = nullptr;
   RayCollisionList rayContactList_;
   std::mutex worldMutex_;
+  SweepAndPrune broadPhase_;
 };
 
 }  // namespace vorsim

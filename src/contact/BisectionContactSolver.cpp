@@ -1,6 +1,7 @@
 #include "vorsim/contact/BisectionContactSolver.hpp"
 
 #include <algorithm>
+#include <cmath>
 
 #include "vorsim/Object.hpp"
 

@@ -59,8 +59,10 @@ void Single3DContactProblem::checkRank() {
     }
     b0 /= b0.norm();
     b1 /= b1.norm();
+    // Full rank unless the two reduced columns are parallel. Written as a
+    // negated comparison so that a non-finite block keeps its rank.
     const double c = dot(b0, b1);
-    if (c * c <= 0.999999999) return;  // full rank
+    if (!(c * c > 0.999999999)) return;
   }
 
   rank -= 1;

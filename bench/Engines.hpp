@@ -1,0 +1,52 @@
+// The engine adapters. vorsim is always there; the peers are compiled in when
+// CMake found them (VORSIM_BENCH_HAVE_MUJOCO, VORSIM_BENCH_HAVE_BULLET).
+#ifndef VORSIM_BENCH_ENGINES_HPP
+#define VORSIM_BENCH_ENGINES_HPP
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Scene.hpp"
+
+namespace vorsim_bench {
+
+std::unique_ptr<Engine> makeVorsimEngine();
+
+// ---- MuJoCo ----
+struct MujocoSettings {
+  std::string label;  // short name used in the candidate sweep
+  int solver = 2;     // mjtSolver: 0 PGS, 1 CG, 2 Newton
+  int cone = 0;       // mjtCone: 0 pyramidal, 1 elliptic
+  int iterations = 100;
+  double tolerance = 1e-8;
+  int integrator = 0;  // mjtIntegrator: 0 Euler, 1 RK4, 2 implicit
+  int jacobian = 2;    // mjtJacobian: 0 dense, 1 sparse, 2 auto
+  bool warmstart = true;
+};
+bool haveMujoco();
+std::string mujocoVersion();
+// The settings each scene is measured with, and the candidates that were tried.
+MujocoSettings mujocoChosen(const std::string& sceneKey);
+std::vector<MujocoSettings> mujocoCandidates();
+std::unique_ptr<Engine> makeMujocoEngine(const MujocoSettings& settings);
+
+// ---- Bullet ----
+struct BulletSettings {
+  std::string label;
+  int broadphase = 0;  // 0 dynamic AABB tree, 1 3-axis sweep and prune
+  int solver = 0;      // 0 sequential impulse, 1 non-smooth nonlinear conjugate gradient
+  int iterations = 10;
+  bool simd = true;  // SOLVER_SIMD in the solver mode
+  bool splitImpulse = true;
+  bool warmstart = true;
+};
+bool haveBullet();
+std::string bulletVersion();
+BulletSettings bulletChosen(const std::string& sceneKey);
+std::vector<BulletSettings> bulletCandidates();
+std::unique_ptr<Engine> makeBulletEngine(const BulletSettings& settings);
+
+}  // namespace vorsim_bench
+
+#endif  // VORSIM_BENCH_ENGINES_HPP

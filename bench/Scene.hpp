@@ -1,0 +1,99 @@
+// The engine-neutral description of a benchmark scene and the interface every
+// engine adapter implements. A scene is a list of free bodies (spheres and
+// boxes), optional static boxes (walls), an optional ground plane at z = 0 and
+// one set of contact material numbers shared by every pair, so that each engine
+// builds exactly the same geometry, masses and materials.
+#ifndef VORSIM_BENCH_SCENE_HPP
+#define VORSIM_BENCH_SCENE_HPP
+
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace vorsim_bench {
+
+enum class ShapeKind { Sphere, Box };
+
+struct BodyDesc {
+  ShapeKind shape = ShapeKind::Sphere;
+  double radius = 0.1;            // spheres
+  double dims[3] = {0, 0, 0};     // boxes: full edge lengths
+  double mass = 1.0;
+  double pos[3] = {0, 0, 0};
+  double linVel[3] = {0, 0, 0};
+  double angVel[3] = {0, 0, 0};  // world frame
+};
+
+struct WallDesc {
+  double dims[3] = {0, 0, 0};  // full edge lengths
+  double pos[3] = {0, 0, 0};
+};
+
+// A stretch of steps [begin, end) whose stepping is timed on its own.
+struct TimingWindow {
+  std::string name;
+  int begin = 0;
+  int end = 0;
+};
+
+struct SceneDesc {
+  std::string key;    // "a" .. "e"
+  std::string title;  // one line for the table
+  double dt = 0.001;
+  double gravity = -9.81;
+  double friction = 0.5;
+  double restitution = 0.0;
+  double restitutionThreshold = 0.1;  // m/s, engines that have one
+  bool ground = true;
+  std::vector<BodyDesc> bodies;
+  std::vector<WallDesc> walls;
+  int steps = 1000;                    // steps of one run, all of them timed in some window
+  std::vector<TimingWindow> windows;   // the first one is the headline number
+  int contactWindowBegin = 0;          // contacts per step are averaged over [this, steps)
+};
+
+// One engine holding one built scene.
+class Engine {
+ public:
+  virtual ~Engine() = default;
+  virtual std::string name() const = 0;
+  // The settings in force, in words, for the table and the JSON file.
+  virtual std::string settings() const = 0;
+  // Builds the scene from nothing; called once per engine object.
+  virtual void build(const SceneDesc& scene) = 0;
+  virtual void step() = 0;
+  // State of free body i (the index in SceneDesc::bodies) after the last step.
+  virtual void position(size_t i, double out[3]) const = 0;
+  virtual void velocity(size_t i, double out[3]) const = 0;
+  // Contact points the engine worked with in the last step, as it counts them.
+  virtual int contactCount() const = 0;
+  // Anything that went wrong that the numbers would not show (overflowed
+  // buffers and the like); empty when all is well.
+  virtual std::string warnings() const { return {}; }
+};
+
+// The five scenes, in the order a to e.
+std::vector<SceneDesc> makeScenes();
+
+// The physical error figure of a scene, computed from the bodies' states only,
+// the same way for every engine.
+struct PhysicsResult {
+  std::string figure;  // what the value is, with its unit
+  double value = 0.0;  // the headline figure (smaller is better)
+  std::vector<std::pair<std::string, double>> details;
+};
+
+class Monitor {
+ public:
+  virtual ~Monitor() = default;
+  // Called after every step of the measuring run; `step` counts from 0.
+  virtual void observe(const Engine& engine, int step) = 0;
+  virtual PhysicsResult result() const = 0;
+};
+
+std::unique_ptr<Monitor> makeMonitor(const SceneDesc& scene);
+
+}  // namespace vorsim_bench
+
+#endif  // VORSIM_BENCH_SCENE_HPP

@@ -1,0 +1,427 @@
+// The five benchmark scenes and their error measures. Every measure reads body
+// positions and velocities only, so it is computed the same way for every
+// engine and does not depend on how an engine reports its contacts.
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <numeric>
+
+#include "Scene.hpp"
+
+namespace vorsim_bench {
+
+namespace {
+
+constexpr double kG = 9.81;
+
+// A small deterministic generator, so that the jitter is the same in every
+// run and on every machine.
+class Lcg {
+ public:
+  explicit Lcg(uint64_t seed) : state_(seed) {}
+  // Uniform in [-1, 1).
+  double symmetric() {
+    state_ = state_ * 6364136223846793005ULL + 1442695040888963407ULL;
+    return double(state_ >> 11) * (2.0 / 9007199254740992.0) - 1.0;
+  }
+
+ private:
+  uint64_t state_;
+};
+
+BodyDesc sphere(double r, double m, double x, double y, double z) {
+  BodyDesc b;
+  b.shape = ShapeKind::Sphere;
+  b.radius = r;
+  b.mass = m;
+  b.pos[0] = x;
+  b.pos[1] = y;
+  b.pos[2] = z;
+  return b;
+}
+
+BodyDesc box(double edge, double m, double x, double y, double z) {
+  BodyDesc b;
+  b.shape = ShapeKind::Box;
+  b.dims[0] = b.dims[1] = b.dims[2] = edge;
+  b.mass = m;
+  b.pos[0] = x;
+  b.pos[1] = y;
+  b.pos[2] = z;
+  return b;
+}
+
+WallDesc wall(double lx, double ly, double lz, double x, double y, double z) {
+  WallDesc w;
+  w.dims[0] = lx;
+  w.dims[1] = ly;
+  w.dims[2] = lz;
+  w.pos[0] = x;
+  w.pos[1] = y;
+  w.pos[2] = z;
+  return w;
+}
+
+double dist(const double* a, const double* b) {
+  const double dx = a[0] - b[0], dy = a[1] - b[1], dz = a[2] - b[2];
+  return std::sqrt(dx * dx + dy * dy + dz * dz);
+}
+
+// ---------------------------------------------------------------- scene a --
+
+SceneDesc restingSphere() {
+  SceneDesc s;
+  s.key = "a";
+  s.title = "one sphere resting on the ground";
+  s.friction = 0.5;
+  s.bodies.push_back(sphere(0.1, 1.0, 0, 0, 0.1));
+  s.steps = 21000;
+  s.windows = {{"resting, 1-21 s", 1000, 21000}};
+  s.contactWindowBegin = 1000;
+  return s;
+}
+
+// Largest ground penetration (radius minus centre height) from step `from` on.
+class RestingMonitor : public Monitor {
+ public:
+  RestingMonitor(double radius, int from) : radius_(radius), from_(from) {}
+  void observe(const Engine& e, int step) override {
+    if (step < from_) return;
+    double p[3];
+    e.position(0, p);
+    const double pen = radius_ - p[2];
+    maxPen_ = std::max(maxPen_, pen);
+    last_ = pen;
+    double v[3];
+    e.velocity(0, v);
+    maxSpeed_ = std::max(maxSpeed_, std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]));
+  }
+  PhysicsResult result() const override {
+    PhysicsResult r;
+    r.figure = "max penetration [mm]";
+    r.value = maxPen_ * 1e3;
+    r.details = {{"final_penetration_mm", last_ * 1e3}, {"max_speed_m_per_s", maxSpeed_}};
+    return r;
+  }
+
+ private:
+  double radius_;
+  int from_;
+  double maxPen_ = -std::numeric_limits<double>::infinity();
+  double last_ = 0.0;
+  double maxSpeed_ = 0.0;
+};
+
+// ---------------------------------------------------------------- scene b --
+
+constexpr double kBinHalf = 1.0;     // inner half-width of the bin
+constexpr double kWallThick = 0.2;
+constexpr double kWallHeight = 2.6;
+
+SceneDesc sphereBin() {
+  SceneDesc s;
+  s.key = "b";
+  s.title = "666 spheres poured into a 2 m x 2 m bin";
+  s.friction = 0.5;
+  // Four walls around the inner square [-1, 1]^2, overlapping at the corners.
+  const double c = kBinHalf + 0.5 * kWallThick, len = 2 * kBinHalf + 2 * kWallThick, h = 0.5 * kWallHeight;
+  s.walls.push_back(wall(kWallThick, len, kWallHeight, c, 0, h));
+  s.walls.push_back(wall(kWallThick, len, kWallHeight, -c, 0, h));
+  s.walls.push_back(wall(len, kWallThick, kWallHeight, 0, c, h));
+  s.walls.push_back(wall(len, kWallThick, kWallHeight, 0, -c, h));
+
+  // A 9 x 9 grid per layer with 0.22 m pitch and +-8 mm of horizontal jitter
+  // (no two spheres overlap), layers 0.22 m apart from z = 0.3 up.
+  Lcg rng(12345);
+  const int n = 666, perRow = 9;
+  const double pitch = 0.22, layerPitch = 0.22, jitter = 0.008;
+  for (int k = 0; k < n; ++k) {
+    const int layer = k / (perRow * perRow), inLayer = k % (perRow * perRow);
+    const int ix = inLayer % perRow, iy = inLayer / perRow;
+    const double x = (ix - 0.5 * (perRow - 1)) * pitch + jitter * rng.symmetric();
+    const double y = (iy - 0.5 * (perRow - 1)) * pitch + jitter * rng.symmetric();
+    const double z = 0.3 + layer * layerPitch;
+    s.bodies.push_back(sphere(0.1, 1.0, x, y, z));
+  }
+  s.steps = 3000;
+  s.windows = {{"whole run, 0-3 s", 0, 3000}, {"settled, 2-3 s", 2000, 3000}};
+  s.contactWindowBegin = 2000;
+  return s;
+}
+
+// Largest sphere-ground, sphere-sphere and sphere-wall penetrations, over the
+// settled part [from, end) and over the whole run.
+class BinMonitor : public Monitor {
+ public:
+  BinMonitor(size_t n, double radius, int from, int last)
+      : n_(n), r_(radius), from_(from), last_(last), pos_(3 * n), order_(n) {}
+
+  void observe(const Engine& e, int step) override {
+    for (size_t i = 0; i < n_; ++i) e.position(i, &pos_[3 * i]);
+    double ground = -1e9, pair = -1e9, wallPen = -1e9;
+    for (size_t i = 0; i < n_; ++i) {
+      const double* p = &pos_[3 * i];
+      ground = std::max(ground, r_ - p[2]);
+      // Inner faces of the walls at x, y = +-kBinHalf.
+      const double gap = kBinHalf - std::max(std::abs(p[0]), std::abs(p[1]));
+      if (p[2] < kWallHeight) wallPen = std::max(wallPen, r_ - gap);
+    }
+    // Sweep along x: only pairs closer than a diameter in x can overlap.
+    std::iota(order_.begin(), order_.end(), size_t(0));
+    std::sort(order_.begin(), order_.end(), [&](size_t a, size_t b) { return pos_[3 * a] < pos_[3 * b]; });
+    for (size_t a = 0; a < n_; ++a) {
+      const double* pa = &pos_[3 * order_[a]];
+      for (size_t b = a + 1; b < n_; ++b) {
+        const double* pb = &pos_[3 * order_[b]];
+        if (pb[0] - pa[0] > 2 * r_) break;
+        pair = std::max(pair, 2 * r_ - dist(pa, pb));
+      }
+    }
+    whole_.update(ground, pair, wallPen);
+    if (step >= from_) settled_.update(ground, pair, wallPen);
+    if (step == last_) {
+      double ke = 0.0;
+      escaped_ = 0;
+      for (size_t i = 0; i < n_; ++i) {
+        double v[3];
+        e.velocity(i, v);
+        ke += 0.5 * (v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
+        const double* p = &pos_[3 * i];
+        if (std::abs(p[0]) > kBinHalf || std::abs(p[1]) > kBinHalf || p[2] < 0) ++escaped_;
+        maxHeight_ = std::max(maxHeight_, p[2]);
+      }
+      finalKinetic_ = ke;
+    }
+  }
+
+  PhysicsResult result() const override {
+    PhysicsResult r;
+    r.figure = "max penetration, settled [mm]";
+    r.value = std::max(settled_.ground, settled_.pair) * 1e3;
+    r.details = {{"settled_ground_mm", settled_.ground * 1e3},
+                 {"settled_sphere_sphere_mm", settled_.pair * 1e3},
+                 {"settled_wall_mm", settled_.wall * 1e3},
+                 {"whole_ground_mm", whole_.ground * 1e3},
+                 {"whole_sphere_sphere_mm", whole_.pair * 1e3},
+                 {"whole_wall_mm", whole_.wall * 1e3},
+                 {"final_kinetic_energy_J", finalKinetic_},
+                 {"final_top_centre_height_m", maxHeight_},
+                 {"escaped_spheres", double(escaped_)}};
+    return r;
+  }
+
+ private:
+  struct Maxima {
+    double ground = -1e9, pair = -1e9, wall = -1e9;
+    void update(double g, double p, double w) {
+      ground = std::max(ground, g);
+      pair = std::max(pair, p);
+      wall = std::max(wall, w);
+    }
+  };
+  size_t n_;
+  double r_;
+  int from_, last_;
+  std::vector<double> pos_;
+  std::vector<size_t> order_;
+  Maxima whole_, settled_;
+  double finalKinetic_ = 0.0, maxHeight_ = 0.0;
+  int escaped_ = 0;
+};
+
+// ---------------------------------------------------------------- scene c --
+
+constexpr int kPyramidRows = 10;
+
+SceneDesc boxPyramid() {
+  SceneDesc s;
+  s.key = "c";
+  s.title = "pyramid of 55 boxes (10 rows), 5 s";
+  s.friction = 0.6;
+  // 0.2 m cubes of 1 kg, 2 cm apart in a row, every row resting on the two
+  // boxes below it; the faces touch at t = 0.
+  const double edge = 0.2, pitch = 0.22;
+  for (int row = 0; row < kPyramidRows; ++row) {
+    const int count = kPyramidRows - row;
+    for (int k = 0; k < count; ++k) {
+      const double x = (k - 0.5 * (count - 1)) * pitch;
+      s.bodies.push_back(box(edge, 1.0, x, 0, 0.5 * edge + row * edge));
+    }
+  }
+  s.steps = 5000;
+  s.windows = {{"5 s", 0, 5000}};
+  s.contactWindowBegin = 0;
+  return s;
+}
+
+// Largest displacement of any box between t = 0 and the end, and also from
+// t = 1 s (after the first settling) to the end.
+class DriftMonitor : public Monitor {
+ public:
+  DriftMonitor(const SceneDesc& s, int settledStep, int last)
+      : n_(s.bodies.size()), settledStep_(settledStep), last_(last), start_(3 * n_), settled_(3 * n_) {
+    for (size_t i = 0; i < n_; ++i)
+      for (int k = 0; k < 3; ++k) start_[3 * i + k] = s.bodies[i].pos[k];
+  }
+  void observe(const Engine& e, int step) override {
+    if (step == settledStep_)
+      for (size_t i = 0; i < n_; ++i) e.position(i, &settled_[3 * i]);
+    if (step != last_) return;
+    for (size_t i = 0; i < n_; ++i) {
+      double p[3];
+      e.position(i, p);
+      const double d0 = dist(p, &start_[3 * i]);
+      if (d0 > maxFromStart_) {
+        maxFromStart_ = d0;
+        worst_ = i;
+      }
+      maxFromSettled_ = std::max(maxFromSettled_, dist(p, &settled_[3 * i]));
+      if (i + 1 == n_) topDrop_ = start_[3 * i + 2] - p[2];
+    }
+  }
+  PhysicsResult result() const override {
+    PhysicsResult r;
+    r.figure = "max box drift after 5 s [mm]";
+    r.value = maxFromStart_ * 1e3;
+    r.details = {{"max_drift_from_t1s_mm", maxFromSettled_ * 1e3},
+                 {"worst_box_index", double(worst_)},
+                 {"top_box_sink_mm", topDrop_ * 1e3}};
+    return r;
+  }
+
+ private:
+  size_t n_;
+  int settledStep_, last_;
+  std::vector<double> start_, settled_;
+  double maxFromStart_ = 0.0, maxFromSettled_ = 0.0, topDrop_ = 0.0;
+  size_t worst_ = 0;
+};
+
+// ---------------------------------------------------------------- scene d --
+
+constexpr double kSlideV0 = 3.0;
+constexpr double kSlideMu = 0.5;
+
+SceneDesc slidingBox() {
+  SceneDesc s;
+  s.key = "d";
+  s.title = "box sliding, mu 0.5, v0 3 m/s";
+  s.friction = kSlideMu;
+  BodyDesc b = box(0.2, 1.0, 0, 0, 0.1);
+  b.linVel[0] = kSlideV0;
+  s.bodies.push_back(b);
+  s.steps = 1500;
+  s.windows = {{"1.5 s", 0, 1500}};
+  s.contactWindowBegin = 0;
+  return s;
+}
+
+// Sliding distance against v0^2 / (2 mu g).
+class SlideMonitor : public Monitor {
+ public:
+  SlideMonitor(double dt, int last) : dt_(dt), last_(last) {}
+  void observe(const Engine& e, int step) override {
+    double v[3];
+    e.velocity(0, v);
+    const double speed = std::sqrt(v[0] * v[0] + v[1] * v[1]);
+    if (stopTime_ < 0 && speed < 1e-2) stopTime_ = (step + 1) * dt_;
+    if (step != last_) return;
+    double p[3];
+    e.position(0, p);
+    distance_ = p[0];
+    lateral_ = p[1];
+    finalSpeed_ = speed;
+  }
+  PhysicsResult result() const override {
+    const double exact = kSlideV0 * kSlideV0 / (2 * kSlideMu * kG);
+    PhysicsResult r;
+    r.figure = "stopping distance error [%]";
+    r.value = std::abs(distance_ - exact) / exact * 100;
+    r.details = {{"distance_m", distance_},
+                 {"exact_distance_m", exact},
+                 {"signed_error_percent", (distance_ - exact) / exact * 100},
+                 {"stop_time_s", stopTime_},
+                 {"exact_stop_time_s", kSlideV0 / (kSlideMu * kG)},
+                 {"final_speed_m_per_s", finalSpeed_},
+                 {"lateral_offset_m", lateral_}};
+    return r;
+  }
+
+ private:
+  double dt_;
+  int last_;
+  double distance_ = 0, lateral_ = 0, finalSpeed_ = 0, stopTime_ = -1;
+};
+
+// ---------------------------------------------------------------- scene e --
+
+constexpr double kDropHeight = 1.0;
+constexpr double kBounceE = 0.8;
+
+SceneDesc bouncingSphere() {
+  SceneDesc s;
+  s.key = "e";
+  s.title = "sphere bouncing, e 0.8, dropped from 1 m";
+  s.friction = 0.5;
+  s.restitution = kBounceE;
+  s.bodies.push_back(sphere(0.1, 1.0, 0, 0, 0.1 + kDropHeight));
+  s.steps = 1600;
+  s.windows = {{"1.6 s", 0, 1600}};
+  s.contactWindowBegin = 0;
+  return s;
+}
+
+// Height of the lowest point of the sphere at the top of the first rebound,
+// against e^2 h.
+class BounceMonitor : public Monitor {
+ public:
+  explicit BounceMonitor(double radius) : r_(radius) {}
+  void observe(const Engine& e, int) override {
+    double p[3], v[3];
+    e.position(0, p);
+    e.velocity(0, v);
+    if (phase_ == 0) {
+      impactSpeed_ = std::max(impactSpeed_, -v[2]);
+      if (v[2] > 0) phase_ = 1;
+    }
+    if (phase_ == 1) {
+      apex_ = std::max(apex_, p[2] - r_);
+      if (v[2] < 0) phase_ = 2;
+    }
+  }
+  PhysicsResult result() const override {
+    const double exact = kBounceE * kBounceE * kDropHeight;
+    PhysicsResult r;
+    r.figure = "rebound height error [%]";
+    r.value = std::abs(apex_ - exact) / exact * 100;
+    r.details = {{"rebound_height_m", apex_},
+                 {"exact_rebound_height_m", exact},
+                 {"signed_error_percent", (apex_ - exact) / exact * 100},
+                 {"impact_speed_m_per_s", impactSpeed_},
+                 {"rebound_complete", phase_ == 2 ? 1.0 : 0.0}};
+    return r;
+  }
+
+ private:
+  double r_;
+  int phase_ = 0;
+  double apex_ = 0.0, impactSpeed_ = 0.0;
+};
+
+}  // namespace
+
+std::vector<SceneDesc> makeScenes() {
+  return {restingSphere(), sphereBin(), boxPyramid(), slidingBox(), bouncingSphere()};
+}
+
+std::unique_ptr<Monitor> makeMonitor(const SceneDesc& s) {
+  const int last = s.steps - 1;
+  if (s.key == "a") return std::make_unique<RestingMonitor>(s.bodies[0].radius, s.windows[0].begin);
+  if (s.key == "b") return std::make_unique<BinMonitor>(s.bodies.size(), s.bodies[0].radius, 2000, last);
+  if (s.key == "c") return std::make_unique<DriftMonitor>(s, int(std::lround(1.0 / s.dt)) - 1, last);
+  if (s.key == "d") return std::make_unique<SlideMonitor>(s.dt, last);
+  return std::make_unique<BounceMonitor>(s.bodies[0].radius);
+}
+
+}  // namespace vorsim_bench

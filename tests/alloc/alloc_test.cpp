@@ -1,0 +1,167 @@
+// Steady-state steps and ray queries must not touch the heap. Every allocation
+// function of the C library is replaced by a counting one (operator new goes
+// through malloc), and scenes are stepped after a warm-up.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <functional>
+
+#include "vorsim/World.hpp"
+#include "vorsim/object/Primitives.hpp"
+
+#if defined(__SANITIZE_ADDRESS__)
+#define VORSIM_COUNT_ALLOCATIONS 0  // the sanitizer owns malloc
+#else
+#define VORSIM_COUNT_ALLOCATIONS 1
+#endif
+
+namespace {
+bool g_counting = false;
+long g_allocations = 0;
+inline void count() {
+  if (g_counting) ++g_allocations;
+}
+}  // namespace
+
+#if VORSIM_COUNT_ALLOCATIONS
+extern "C" {
+void* __libc_malloc(size_t);
+void* __libc_calloc(size_t, size_t);
+void* __libc_realloc(void*, size_t);
+void* __libc_memalign(size_t, size_t);
+void* malloc(size_t n) {
+  count();
+  return __libc_malloc(n);
+}
+void* calloc(size_t n, size_t size) {
+  count();
+  return __libc_calloc(n, size);
+}
+void* realloc(void* p, size_t n) {
+  count();
+  return __libc_realloc(p, n);
+}
+void* memalign(size_t alignment, size_t n) {
+  count();
+  return __libc_memalign(alignment, n);
+}
+void* aligned_alloc(size_t alignment, size_t n) {
+  count();
+  return __libc_memalign(alignment, n);
+}
+int posix_memalign(void** p, size_t alignment, size_t n) {
+  count();
+  *p = __libc_memalign(alignment, n);
+  return *p ? 0 : 12;
+}
+}
+#endif
+
+using namespace vorsim;
+
+namespace {
+
+// Steps after a warm-up and counts allocations over `steps` more steps, and
+// checks that the number of contact problems stayed within what the warm-up saw.
+long allocationsInSteadySteps(World& world, int warmup, int steps) {
+  size_t most = 0;
+  for (int i = 0; i < warmup; ++i) {
+    world.integrate();
+    most = std::max(most, world.getContactProblem().size());
+  }
+  g_allocations = 0;
+  g_counting = true;
+  size_t mostAfter = 0;
+  for (int i = 0; i < steps; ++i) {
+    world.integrate();
+    mostAfter = std::max(mostAfter, world.getContactProblem().size());
+  }
+  g_counting = false;
+  EXPECT_LE(mostAfter, most) << "the contact count grew after the warm-up";
+  EXPECT_GT(mostAfter, 0u);
+  return g_allocations;
+}
+
+class Allocations : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (!VORSIM_COUNT_ALLOCATIONS) GTEST_SKIP() << "allocation counting is off under AddressSanitizer";
+    // The counter itself must see allocations, or the test proves nothing.
+    g_allocations = 0;
+    g_counting = true;
+    std::vector<double>* volatile probe = new std::vector<double>(100);
+    g_counting = false;
+    delete probe;
+    ASSERT_GE(g_allocations, 1);
+  }
+};
+
+}  // namespace
+
+TEST_F(Allocations, SteadyScenesAllocateNothing) {
+  {
+    World world;
+    world.setTimeStep(0.001);
+    world.addGround();
+    world.addSphere(0.1, 1.0)->setPosition(0, 0, 0.1);
+    EXPECT_EQ(allocationsInSteadySteps(world, 500, 1000), 0) << "resting sphere";
+  }
+  {
+    World world;  // spheres settled in a walled bin
+    world.setTimeStep(0.001);
+    world.addGround();
+    for (int side = 0; side < 4; ++side) {
+      auto* wall = world.addBox(side < 2 ? 0.1 : 1.2, side < 2 ? 1.2 : 0.1, 0.6, 1.0);
+      const double offset = side % 2 ? 0.55 : -0.55;
+      wall->setPosition(side < 2 ? offset : 0.0, side < 2 ? 0.0 : offset, 0.3);
+      wall->setBodyType(STATIC);
+    }
+    for (int i = 0; i < 64; ++i)
+      world.addSphere(0.1, 1.0)->setPosition(-0.35 + 0.23 * (i % 4) + 0.01 * (i % 3), -0.35 + 0.23 * ((i / 4) % 4),
+                                             0.15 + 0.22 * (i / 16));
+    EXPECT_EQ(allocationsInSteadySteps(world, 3000, 1000), 0) << "bin";
+  }
+  {
+    World world;  // a pyramid of boxes
+    world.setTimeStep(0.001);
+    world.addGround();
+    for (int row = 0; row < 5; ++row)
+      for (int k = 0; k < 5 - row; ++k)
+        world.addBox(0.2, 0.2, 0.2, 1.0)->setPosition(-0.4 + 0.2 * k + 0.1 * row, 0, 0.1 + 0.2 * row);
+    EXPECT_EQ(allocationsInSteadySteps(world, 500, 1000), 0) << "pyramid";
+  }
+  {
+    World world;  // a box sliding to rest, and a sphere hanging on a stiff wire
+    world.setTimeStep(0.001);
+    world.addGround();
+    auto* box = world.addBox(0.2, 0.2, 0.2, 1.0);
+    box->setPosition(0, 0, 0.1);
+    box->setVelocity(4.0, 0, 0, 0, 0, 0);
+    auto* anchor = world.addBox(0.1, 0.1, 0.1, 1.0);
+    anchor->setPosition(0, 2, 2);
+    anchor->setBodyType(STATIC);
+    auto* bob = world.addSphere(0.05, 1.0);
+    bob->setPosition(0.5, 2, 2);
+    world.addStiffWire(anchor, 0, Eigen::Vector3d::Zero(), bob, 0, Eigen::Vector3d::Zero(), 0.5);
+    EXPECT_EQ(allocationsInSteadySteps(world, 200, 1000), 0) << "sliding box and pendulum";
+  }
+}
+
+TEST_F(Allocations, RayQueriesAllocateNothing) {
+  World world;
+  world.addGround();
+  for (int i = 0; i < 20; ++i) world.addSphere(0.1, 1.0)->setPosition(0.3 * (i % 5), 0.3 * (i / 5), 0.1);
+  world.integrate();
+  world.rayTest({0, 0, 3}, {0, 0, -1}, 10.0, true);  // the first query may size internal lists
+  g_allocations = 0;
+  g_counting = true;
+  size_t hits = 0;
+  for (int i = 0; i < 5000; ++i) {
+    const double a = 0.001 * i;
+    const Eigen::Vector3d dir(std::cos(a) * 0.3, std::sin(a) * 0.3, -1.0);
+    hits += world.rayTest({0.6, 0.45, 2.0}, dir.normalized(), 10.0, i % 2 == 0).size;
+  }
+  g_counting = false;
+  EXPECT_EQ(g_allocations, 0);
+  EXPECT_GT(hits, 5000u);
+}

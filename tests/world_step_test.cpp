@@ -1,0 +1,220 @@
+// The order in which a step drives objects, and the world's settings.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "test_helpers.hpp"
+#include "vorsim/World.hpp"
+#include "vorsim/contact/Single3DContactProblem.hpp"
+
+using namespace vorsim;
+
+namespace {
+
+// An object that does nothing but write each call it gets into a shared log.
+class RecordingObject : public Object {
+ public:
+  RecordingObject(std::string tag, BodyType type, std::vector<std::string>& log) : tag_(std::move(tag)), log_(log) {
+    bodyType_ = type;
+  }
+  bool appendPin = false;  // append one bilateral problem on itself
+  double timeSeenInIntegrate = -1.0;
+  int stepSeenInIntegrate = -1;
+
+  void updateCollision() override { rec("updateCollision"); }
+  void preContactSolverUpdate1(const Mat<3, 1>&, double dt) override { rec("pre1", dt); }
+  void preContactSolverUpdate2(const Mat<3, 1>&, double dt, ContactProblemList& problems) override {
+    rec("pre2", dt);
+    problemsSeenInPre2 = problems.size();
+  }
+  void integrate(double dt, World& world) override {
+    rec("integrate", dt);
+    timeSeenInIntegrate = world.getWorldTime();
+    stepSeenInIntegrate = world.getWorldStep();
+  }
+  void setExternalForce(size_t, const Mat<3, 1>&, const Mat<3, 1>&) override {}
+  void setExternalForce(size_t, const Mat<3, 1>&) override {}
+  void setExternalTorque(size_t, const Mat<3, 1>&) override {}
+  void setConstraintForce(size_t, const Mat<3, 1>&, const Mat<3, 1>&) override {}
+  double getMass(size_t) const override { return 1.0; }
+  ObjectType getObjectType() const override { return UNRECOGNIZED; }
+  void getPosition(size_t, const Mat<3, 1>& p, Mat<3, 1>& out) const override { out = p; }
+  void getPosition(size_t, Mat<3, 1>& out) const override { out.setZero(); }
+  void getVelocity(size_t, const Mat<3, 1>&, Mat<3, 1>& out) const override { out.setZero(); }
+  void getVelocity(size_t, Mat<3, 1>& out) const override { out.setZero(); }
+  void getOrientation(size_t, Mat<3, 3>& out) const override { out.setIdentity(); }
+  void getContactPointVel(size_t, Mat<3, 1>& v) const override {
+    log_.push_back(tag_ + ".getContactPointVel");
+    v = velocity;
+  }
+  void clearExternalForcesAndTorques() override {}
+  void destroyCollisionBodies(dxSpace*) override { rec("destroy"); }
+  void addContactPointVel(size_t, Mat<3, 1>& v) override { v += velocity; }
+  void subContactPointVel(size_t, Mat<3, 1>& v) override { v -= velocity; }
+  void addContactPointVel2(size_t, Mat<3, 1>&) override {}
+  void subContactPointVel2(size_t, Mat<3, 1>&) override {}
+  void updateTimeStep(double dt) override { rec("updateTimeStep", dt); }
+  void updateTimeStepIfNecessary(double dt) override { rec("updateTimeStepIfNecessary", dt); }
+  void updateGenVelWithImpulse(size_t, const Mat<3, 1>& impulse) override {
+    rec("impulse");
+    velocity += impulse;  // a unit point mass seen in the contact frame
+  }
+  void appendConstraints(ContactProblemList& problems) override {
+    rec("appendConstraints");
+    if (!appendPin) return;
+    MaterialPairProperties mat;
+    problems.emplace_back(mat, 0.0, 0.0, 0.0, 0.0);
+    auto& p = problems.back();
+    p.rank = 9;
+    p.objectA = this;
+    p.delassus.setIdentity();
+    p.tauStar.setZero();
+  }
+
+  Mat<3, 1> velocity{};
+  size_t problemsSeenInPre2 = 0;
+
+ private:
+  void rec(const std::string& what, double dt = -1.0) {
+    log_.push_back(tag_ + "." + what + (dt >= 0 ? "@" + std::to_string(dt) : std::string()));
+  }
+  std::string tag_;
+  std::vector<std::string>& log_;
+};
+
+}  // namespace
+
+TEST(WorldStep, DrivesObjectsInOrderAndSkipsByBodyType) {
+  std::vector<std::string> log;
+  TestWorld world;
+  world.setTimeStep(0.25);
+  auto* d = world.add(new RecordingObject("D", DYNAMIC, log));
+  auto* s = world.add(new RecordingObject("S", STATIC, log));
+  auto* k = world.add(new RecordingObject("K", KINEMATIC, log));
+  log.clear();
+
+  world.integrate1();
+  const std::vector<std::string> first = {
+      "D.updateTimeStepIfNecessary@0.250000",  // dynamic objects only
+      "D.updateCollision", "K.updateCollision",  // not static ones
+      "D.appendConstraints", "S.appendConstraints", "K.appendConstraints",  // every object
+      "D.pre1@0.250000", "K.pre1@0.250000"};
+  EXPECT_EQ(log, first);
+  EXPECT_EQ(world.getWorldStep(), 0);
+
+  log.clear();
+  world.integrate2();
+  const std::vector<std::string> second = {"D.pre2@0.250000", "K.pre2@0.250000", "D.integrate@0.250000",
+                                           "K.integrate@0.250000"};
+  EXPECT_EQ(log, second);
+  // Time and step count already hold their end-of-step values while objects integrate.
+  EXPECT_EQ(d->stepSeenInIntegrate, 1);
+  EXPECT_DOUBLE_EQ(d->timeSeenInIntegrate, 0.25);
+  EXPECT_EQ(s->stepSeenInIntegrate, -1);
+  EXPECT_EQ(k->stepSeenInIntegrate, 1);
+
+  // With no problem, the solver is never called: no sweep, direction untouched.
+  EXPECT_EQ(world.getContactSolver().getLoopCounter(), 0);
+  EXPECT_TRUE(world.getContactSolver().isForwardOrder());
+
+  for (int i = 0; i < 3; ++i) world.integrate();
+  EXPECT_EQ(world.getWorldStep(), 4);
+  EXPECT_DOUBLE_EQ(world.getWorldTime(), 1.0);
+  EXPECT_TRUE(world.getContactSolver().isForwardOrder());
+}
+
+TEST(WorldStep, EmptyWorldAdvancesTime) {
+  World world;
+  world.setTimeStep(0.01);
+  for (int i = 0; i < 10; ++i) world.integrate();
+  EXPECT_EQ(world.getWorldStep(), 10);
+  EXPECT_NEAR(world.getWorldTime(), 0.1, 1e-15);
+  EXPECT_EQ(world.getContactSolver().getLoopCounter(), 0);
+}
+
+TEST(WorldStep, ConstraintProblemsAreSolvedOncePresent) {
+  std::vector<std::string> log;
+  TestWorld world;
+  auto* d = world.add(new RecordingObject("D", DYNAMIC, log));
+  d->appendPin = true;
+  d->velocity = {1.0, -2.0, 0.5};
+  world.integrate1();
+  ASSERT_EQ(world.getContactProblem().size(), 1u);
+  log.clear();
+  world.integrate2();
+  EXPECT_EQ(d->problemsSeenInPre2, 1u);
+  // The pin (identity block, zero depth) stops the point: the impulse cancels the velocity.
+  EXPECT_NEAR(d->velocity.norm(), 0.0, 1e-12);
+  EXPECT_GE(world.getContactSolver().getLoopCounter(), 1);
+  EXPECT_FALSE(world.getContactSolver().isForwardOrder());
+  ASSERT_GE(log.size(), 4u);
+  EXPECT_EQ(log.front(), "D.pre2@0.005000");
+  EXPECT_EQ(log[1], "D.getContactPointVel");
+  EXPECT_EQ(log[2], "D.impulse");
+  EXPECT_EQ(log.back(), "D.integrate@0.005000");
+}
+
+TEST(WorldStep, SettersAndDefaults) {
+  std::vector<std::string> log;
+  TestWorld world;
+  EXPECT_DOUBLE_EQ(world.getTimeStep(), 0.005);
+  EXPECT_DOUBLE_EQ(world.getGravity()[2], -9.81);
+  EXPECT_DOUBLE_EQ(world.getContactSolver().timeStep, 0.005);
+  world.add(new RecordingObject("D", DYNAMIC, log));
+  world.add(new RecordingObject("S", STATIC, log));
+  log.clear();
+  world.setTimeStep(0.002);
+  // Every object hears of a new time step, whatever its type.
+  EXPECT_EQ(log, (std::vector<std::string>{"D.updateTimeStep@0.002000", "S.updateTimeStep@0.002000"}));
+  EXPECT_DOUBLE_EQ(world.getContactSolver().timeStep, 0.002);
+
+  world.setContactSolverParam(0.5, 0.25, 0.75, 7, 1e-6);
+  const auto& solver = world.getContactSolver();
+  EXPECT_EQ(solver.maxIter, 7);
+  EXPECT_DOUBLE_EQ(solver.threshold, 1e-6);
+  EXPECT_DOUBLE_EQ(solver.alpha_init, 0.5);
+
+  {
+    StdoutCapture out;
+    world.setERP(0.0, 0.0);
+    EXPECT_EQ(out.text(), "");
+  }
+  {
+    StdoutCapture out;
+    world.setERP(-1.0, 0.1);
+    EXPECT_NE(out.text().find("\x1b[33mERP should be positive\x1b[0m"), std::string::npos);
+  }
+  EXPECT_DOUBLE_EQ(solver.erp, -1.0);
+  EXPECT_DOUBLE_EQ(solver.erp2, 0.1);
+}
+
+TEST(WorldStep, ObjectTypesAndFrames) {
+  EXPECT_EQ(stringToObjectType("articulated_system"), ARTICULATED_SYSTEM);
+  EXPECT_EQ(stringToObjectType("articulatedSystem"), ARTICULATED_SYSTEM);
+  EXPECT_EQ(stringToObjectType("Sphere"), UNRECOGNIZED);
+  EXPECT_EQ(stringToObjectType("sphere "), UNRECOGNIZED);
+  for (int t = 0; t <= 10; ++t) EXPECT_EQ(stringToObjectType(objectTypeToString(ObjectType(t))), ObjectType(t));
+  EXPECT_EQ(objectTypeToString(ObjectType(42)), "");
+  // A cone can be neither moved nor collided.
+  EXPECT_FALSE(isMovableBody(CONE));
+  EXPECT_FALSE(isSingleBody(CONE));
+  EXPECT_TRUE(isSingleBody(HEIGHTMAP));
+  EXPECT_FALSE(isMovableSingleBody(ARTICULATED_SYSTEM));
+  EXPECT_TRUE(isMovableBody(ARTICULATED_SYSTEM));
+  EXPECT_FALSE(isSingleCollisionBody(GROUND));
+  EXPECT_FALSE(isPrimitiveCollisionBody(MESH));
+
+  Mat<3, 3> f;
+  Contact::computeFrame(Mat<3, 1>{0, 0, -1}, f);
+  EXPECT_EQ(f(0, 0), 1.0);
+  EXPECT_EQ(f(0, 1), 0.0);
+  EXPECT_EQ(f(2, 2), -1.0);
+  // A general normal gives an orthonormal, right-handed frame whose last row is the normal.
+  const Mat<3, 1> n{0.3, -0.4, 0.866};
+  Contact::computeFrame(n, f);
+  Eigen::Matrix3d F = f.e();
+  EXPECT_LT((F * F.transpose() - Eigen::Matrix3d::Identity()).norm(), 1e-12);
+  EXPECT_NEAR(F.determinant(), 1.0, 1e-12);
+  EXPECT_LT((Eigen::Vector3d(F.row(2).transpose()) - n.e().normalized()).norm(), 1e-15);
+}
