@@ -11,7 +11,18 @@
 
 namespace vorsim_bench {
 
-std::unique_ptr<Engine> makeVorsimEngine();
+// vorsim's own knobs: the solver's sweep limit and error threshold, and the
+// penetration-recovery rate. "default" is the library as it comes; "fast"
+// stops the sweeps at a mean squared velocity error of 1e-6 (m/s)^2 and
+// recovers penetration at 10/s.
+struct VorsimSettings {
+  std::string label = "default";
+  int maxIter = 150;
+  double threshold = 1e-8;
+  double erp = 0.3;
+};
+std::vector<VorsimSettings> vorsimConfigurations();
+std::unique_ptr<Engine> makeVorsimEngine(const VorsimSettings& settings);
 
 // ---- MuJoCo ----
 struct MujocoSettings {

@@ -17,8 +17,8 @@ enum class ShapeKind { Sphere, Box };
 
 struct BodyDesc {
   ShapeKind shape = ShapeKind::Sphere;
-  double radius = 0.1;            // spheres
-  double dims[3] = {0, 0, 0};     // boxes: full edge lengths
+  double radius = 0.1;         // spheres
+  double dims[3] = {0, 0, 0};  // boxes: full edge lengths
   double mass = 1.0;
   double pos[3] = {0, 0, 0};
   double linVel[3] = {0, 0, 0};
@@ -48,9 +48,9 @@ struct SceneDesc {
   bool ground = true;
   std::vector<BodyDesc> bodies;
   std::vector<WallDesc> walls;
-  int steps = 1000;                    // steps of one run, all of them timed in some window
-  std::vector<TimingWindow> windows;   // the first one is the headline number
-  int contactWindowBegin = 0;          // contacts per step are averaged over [this, steps)
+  int steps = 1000;                   // steps of one run, all of them timed in some window
+  std::vector<TimingWindow> windows;  // the first one is the headline number
+  int contactWindowBegin = 0;         // contacts per step are averaged over [this, steps)
 };
 
 // One engine holding one built scene.
@@ -68,6 +68,9 @@ class Engine {
   virtual void velocity(size_t i, double out[3]) const = 0;
   // Contact points the engine worked with in the last step, as it counts them.
   virtual int contactCount() const = 0;
+  // Iterations (sweeps) the contact solver made in the last step, or a
+  // negative number when the engine does not tell.
+  virtual int solverIterations() const { return -1; }
   // Anything that went wrong that the numbers would not show (overflowed
   // buffers and the like); empty when all is well.
   virtual std::string warnings() const { return {}; }

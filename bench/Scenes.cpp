@@ -115,7 +115,7 @@ class RestingMonitor : public Monitor {
 
 // ---------------------------------------------------------------- scene b --
 
-constexpr double kBinHalf = 1.0;     // inner half-width of the bin
+constexpr double kBinHalf = 1.0;  // inner half-width of the bin
 constexpr double kWallThick = 0.2;
 constexpr double kWallHeight = 2.6;
 
@@ -199,14 +199,10 @@ class BinMonitor : public Monitor {
     PhysicsResult r;
     r.figure = "max penetration, settled [mm]";
     r.value = std::max(settled_.ground, settled_.pair) * 1e3;
-    r.details = {{"settled_ground_mm", settled_.ground * 1e3},
-                 {"settled_sphere_sphere_mm", settled_.pair * 1e3},
-                 {"settled_wall_mm", settled_.wall * 1e3},
-                 {"whole_ground_mm", whole_.ground * 1e3},
-                 {"whole_sphere_sphere_mm", whole_.pair * 1e3},
-                 {"whole_wall_mm", whole_.wall * 1e3},
-                 {"final_kinetic_energy_J", finalKinetic_},
-                 {"final_top_centre_height_m", maxHeight_},
+    r.details = {{"settled_ground_mm", settled_.ground * 1e3},  {"settled_sphere_sphere_mm", settled_.pair * 1e3},
+                 {"settled_wall_mm", settled_.wall * 1e3},      {"whole_ground_mm", whole_.ground * 1e3},
+                 {"whole_sphere_sphere_mm", whole_.pair * 1e3}, {"whole_wall_mm", whole_.wall * 1e3},
+                 {"final_kinetic_energy_J", finalKinetic_},     {"final_top_centre_height_m", maxHeight_},
                  {"escaped_spheres", double(escaped_)}};
     return r;
   }

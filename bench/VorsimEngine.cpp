@@ -1,5 +1,5 @@
-// vorsim built from a scene description, with the library's default solver
-// settings.
+// vorsim built from a scene description, with the solver settings of a
+// configuration (the library's defaults, or the faster one).
 #include <cstdio>
 #include <vector>
 
@@ -13,6 +13,7 @@ namespace {
 
 class VorsimEngine : public Engine {
  public:
+  explicit VorsimEngine(const VorsimSettings& settings) : settings_(settings) {}
   std::string name() const override { return "vorsim"; }
 
   std::string settings() const override {
@@ -27,6 +28,8 @@ class VorsimEngine : public Engine {
 
   void build(const SceneDesc& scene) override {
     world_.setTimeStep(scene.dt);
+    world_.setContactSolverParam(1.0, 1.0, 1.0, settings_.maxIter, settings_.threshold);
+    world_.setERP(settings_.erp, world_.getContactSolver().erp2);
     world_.setGravity(Eigen::Vector3d(0, 0, scene.gravity));
     world_.setDefaultMaterial(scene.friction, scene.restitution, scene.restitutionThreshold);
     world_.setMaterialPairProp("mat", "mat", scene.friction, scene.restitution, scene.restitutionThreshold);
@@ -59,14 +62,26 @@ class VorsimEngine : public Engine {
     for (size_t k = 0; k < 3; ++k) out[k] = v[k];
   }
   int contactCount() const override { return int(world_.getContactProblem().size()); }
+  int solverIterations() const override { return world_.getContactSolver().getLoopCounter(); }
 
  private:
+  VorsimSettings settings_;
   vorsim::World world_;
   std::vector<vorsim::SingleBodyObject*> bodies_;
 };
 
 }  // namespace
 
-std::unique_ptr<Engine> makeVorsimEngine() { return std::make_unique<VorsimEngine>(); }
+std::vector<VorsimSettings> vorsimConfigurations() {
+  VorsimSettings fast;
+  fast.label = "fast";
+  fast.threshold = 1e-6;
+  fast.erp = 10.0;
+  return {VorsimSettings(), fast};
+}
+
+std::unique_ptr<Engine> makeVorsimEngine(const VorsimSettings& settings) {
+  return std::make_unique<VorsimEngine>(settings);
+}
 
 }  // namespace vorsim_bench

@@ -37,6 +37,8 @@ struct Options {
   std::string scenes = "abcde";
   std::set<std::string> engines = {"vorsim", "mujoco", "bullet"};
   bool sweep = false;
+  bool timingOnly = false;  // skip the measuring run (for profilers)
+  std::string candidates;   // in a sweep, only the peer candidates whose label contains this
 };
 
 // One engine configuration: how to make it, and under what name.
@@ -55,6 +57,7 @@ struct RunResult {
   std::string engine, label, settings, warnings, error;
   std::vector<WindowTime> times;
   double contactsPerStep = 0;
+  double iterationsPerStep = NAN;  // solver sweeps, where the engine reports them
   PhysicsResult physics;
 };
 
@@ -68,32 +71,34 @@ double median(std::vector<double> v) {
   return n % 2 ? v[n / 2] : 0.5 * (v[n / 2 - 1] + v[n / 2]);
 }
 
-RunResult runOne(const SceneDesc& scene, const Contender& c, int reps, double budget) {
+RunResult runOne(const SceneDesc& scene, const Contender& c, int reps, double budget, bool timingOnly) {
   RunResult r;
   r.engine = c.engine;
   r.label = c.label;
   try {
     // Measuring run: not timed, but a configuration far too slow to finish
     // within the budget is given up.
-    {
+    if (!timingOnly) {
       auto engine = c.make();
       engine->build(scene);
       auto monitor = makeMonitor(scene);
-      long contacts = 0;
+      long contacts = 0, iterations = 0;
       const auto start = Clock::now();
       for (int k = 0; k < scene.steps; ++k) {
         engine->step();
         monitor->observe(*engine, k);
-        if (k >= scene.contactWindowBegin) contacts += engine->contactCount();
-        if ((k & 15) == 15) {
-          const double s = std::chrono::duration<double>(Clock::now() - start).count();
-          if (s * scene.steps / (k + 1) > budget)
-            throw std::runtime_error("too slow: " + fmt(s / (k + 1) * 1e6, 3) + " µs/step over the first " +
-                                     std::to_string(k + 1) + " steps, the run would exceed " + fmt(budget) +
-                                     " s");
+        if (k >= scene.contactWindowBegin) {
+          contacts += engine->contactCount();
+          iterations += engine->solverIterations();
         }
+        const double s = std::chrono::duration<double>(Clock::now() - start).count();
+        if (s * scene.steps / (k + 1) > budget)
+          throw std::runtime_error("too slow: " + fmt(s / (k + 1) * 1e6, 3) + " µs/step over the first " +
+                                   std::to_string(k + 1) + " steps, the run would exceed " + fmt(budget) + " s");
       }
       r.contactsPerStep = double(contacts) / double(scene.steps - scene.contactWindowBegin);
+      if (engine->solverIterations() >= 0)
+        r.iterationsPerStep = double(iterations) / double(scene.steps - scene.contactWindowBegin);
       r.physics = monitor->result();
       r.settings = engine->settings();
       r.warnings = engine->warnings();
@@ -109,6 +114,7 @@ RunResult runOne(const SceneDesc& scene, const Contender& c, int reps, double bu
     for (int rep = 0; rep < reps; ++rep) {
       auto engine = c.make();
       engine->build(scene);
+      if (r.settings.empty()) r.settings = engine->settings();
       std::vector<Clock::time_point> stamps(boundaries.size());
       stamps[0] = Clock::now();
       for (size_t b = 0; b + 1 < boundaries.size(); ++b) {
@@ -183,11 +189,14 @@ struct SceneResults {
   std::vector<RunResult> runs;  // vorsim first when it was run
 };
 
-const RunResult* findVorsim(const SceneResults& s) {
+// The vorsim run of a configuration ("default" or "fast").
+const RunResult* findVorsim(const SceneResults& s, const std::string& label = "default") {
   for (const RunResult& r : s.runs)
-    if (r.engine == "vorsim" && r.error.empty()) return &r;
+    if (r.engine == "vorsim" && r.label == label && r.error.empty()) return &r;
   return nullptr;
 }
+
+std::string displayName(const RunResult& r) { return r.engine == "vorsim" ? "vorsim " + r.label : r.engine; }
 
 double ratioTo(const RunResult& r, const RunResult* ref, size_t window) {
   if (!ref || window >= ref->times.size() || window >= r.times.size()) return NAN;
@@ -196,23 +205,22 @@ double ratioTo(const RunResult& r, const RunResult* ref, size_t window) {
 
 void printTable(const std::vector<SceneResults>& all, bool withLabel) {
   std::cout << "| scene | timing window | engine" << (withLabel ? " | candidate" : "")
-            << " | µs/step | peer / vorsim | contacts/step | error figure | error |\n";
-  std::cout << "|---|---|---" << (withLabel ? "|---" : "") << "|---:|---:|---:|---|---:|\n";
+            << " | µs/step | ÷ vorsim default | ÷ vorsim fast | contacts/step | error figure | error |\n";
+  std::cout << "|---|---|---" << (withLabel ? "|---" : "") << "|---:|---:|---:|---:|---|---:|\n";
   for (const SceneResults& s : all) {
     const RunResult* ref = findVorsim(s);
+    const RunResult* fast = findVorsim(s, "fast");
     for (size_t w = 0; w < s.scene->windows.size(); ++w) {
       for (const RunResult& r : s.runs) {
         std::cout << "| " << s.scene->key << ") " << s.scene->title << " | " << s.scene->windows[w].name << " | "
-                  << r.engine << (withLabel ? " | " + r.label : "");
+                  << displayName(r) << (withLabel ? " | " + r.label : "");
         if (!r.error.empty()) {
-          std::cout << " | failed: " << r.error << " | | | | |\n";
+          std::cout << " | failed: " << r.error << " | | | | | |\n";
           continue;
         }
-        const double ratio = ratioTo(r, ref, w);
-        std::cout << " | " << fmt(r.times[w].medianUs, 4) << " | "
-                  << (r.engine == "vorsim" ? std::string("1") : fixed(ratio, 2)) << " | "
-                  << fixed(r.contactsPerStep, 1) << " | " << r.physics.figure << " | " << fmt(r.physics.value, 3)
-                  << " |\n";
+        std::cout << " | " << fmt(r.times[w].medianUs, 4) << " | " << fixed(ratioTo(r, ref, w), 2) << " | "
+                  << fixed(ratioTo(r, fast, w), 2) << " | " << fmt(r.contactsPerStep, 4) << " | "
+                  << r.physics.figure << " | " << fmt(r.physics.value, 3) << " |\n";
       }
     }
   }
@@ -242,6 +250,8 @@ void printDetails(const std::vector<SceneResults>& all) {
     for (const RunResult& r : s.runs) {
       if (!r.error.empty()) continue;
       std::cout << "- " << s.scene->key << " " << r.engine << " (" << r.label << "):";
+      if (std::isfinite(r.iterationsPerStep))
+        std::cout << " solver_iterations_per_step=" << fmt(r.iterationsPerStep, 4);
       for (const auto& [k, v] : r.physics.details) std::cout << " " << k << "=" << fmt(v, 4);
       std::cout << "\n";
     }
@@ -250,26 +260,50 @@ void printDetails(const std::vector<SceneResults>& all) {
 // The project's targets: vorsim at least 10x faster than MuJoCo on the bin,
 // faster than Bullet everywhere, errors no larger than the peers'.
 void printTargets(const std::vector<SceneResults>& all) {
-  std::cout << "\nTargets:\n";
-  for (const SceneResults& s : all) {
-    const RunResult* ref = findVorsim(s);
-    if (!ref) continue;
-    for (const RunResult& r : s.runs) {
-      if (&r == ref || !r.error.empty()) continue;
-      for (size_t w = 0; w < s.scene->windows.size(); ++w) {
-        const double ratio = ratioTo(r, ref, w);
-        const bool muj = r.engine == "MuJoCo";
-        const double need = (muj && s.scene->key == "b") ? 10.0 : (muj ? 0.0 : 1.0);
-        if (need <= 0) continue;
-        std::cout << "- " << s.scene->key << " [" << s.scene->windows[w].name << "] " << r.engine
-                  << " / vorsim = " << fixed(ratio, 2) << " (target >= " << fmt(need) << "): "
-                  << (ratio >= need ? "met" : "NOT met") << "\n";
+  for (const std::string label : {"default", "fast"}) {
+    std::cout << "\nTargets, vorsim " << label << ":\n";
+    for (const SceneResults& s : all) {
+      const RunResult* ref = findVorsim(s, label);
+      if (!ref) continue;
+      for (const RunResult& r : s.runs) {
+        if (r.engine == "vorsim" || !r.error.empty()) continue;
+        for (size_t w = 0; w < s.scene->windows.size(); ++w) {
+          const double ratio = ratioTo(r, ref, w);
+          const bool muj = r.engine == "MuJoCo";
+          const double need = (muj && s.scene->key == "b") ? 10.0 : (muj ? 0.0 : 1.0);
+          if (need <= 0) continue;
+          std::cout << "- " << s.scene->key << " [" << s.scene->windows[w].name << "] " << r.engine
+                    << " / vorsim = " << fixed(ratio, 2) << " (target >= " << fmt(need)
+                    << "): " << (ratio >= need ? "met" : "NOT met") << "\n";
+        }
+        const bool ok = ref->physics.value <= r.physics.value;
+        std::cout << "- " << s.scene->key << " error vorsim " << fmt(ref->physics.value) << " vs " << r.engine << " "
+                  << fmt(r.physics.value) << " (" << r.physics.figure << "): " << (ok ? "no worse" : "WORSE") << "\n";
       }
-      const bool ok = ref->physics.value <= r.physics.value;
-      std::cout << "- " << s.scene->key << " error vorsim " << fmt(ref->physics.value) << " vs " << r.engine << " "
-                << fmt(r.physics.value) << " (" << r.physics.figure << "): " << (ok ? "no worse" : "WORSE") << "\n";
     }
   }
+}
+
+// The selection rule for the peers' settings: per scene and engine, the
+// fastest candidate whose error figure is at most twice the smallest error any
+// candidate of that engine reached there.
+void printPicks(const std::vector<SceneResults>& all) {
+  std::cout << "\nFastest candidate within 2x of the engine's best error:\n";
+  for (const SceneResults& s : all)
+    for (const std::string engine : {"MuJoCo", "Bullet"}) {
+      double best = INFINITY;
+      for (const RunResult& r : s.runs)
+        if (r.engine == engine && r.error.empty()) best = std::min(best, r.physics.value);
+      const RunResult* pick = nullptr;
+      for (const RunResult& r : s.runs)
+        if (r.engine == engine && r.error.empty() && r.physics.value <= std::max(2 * best, best + 1e-9) &&
+            (!pick || r.times[0].medianUs < pick->times[0].medianUs))
+          pick = &r;
+      if (pick)
+        std::cout << "- " << s.scene->key << " " << engine << ": " << pick->label << " ("
+                  << fmt(pick->times[0].medianUs, 4) << " µs/step, error " << fmt(pick->physics.value)
+                  << "; best error " << fmt(best) << ")\n";
+    }
 }
 
 std::string cpuModel() {
@@ -293,11 +327,12 @@ void writeJson(const std::string& path, const Options& o, const std::vector<Scen
   out << "{\n  \"mode\": " << jsonString(o.sweep ? "sweep" : "compare") << ",\n";
   out << "  \"cpu\": " << jsonString(cpuModel()) << ",\n";
   out << "  \"compiler\": " << jsonString(__VERSION__) << ",\n";
-  out << "  \"timing\": " << jsonString("median over " + std::to_string(o.reps) +
-                                        " fresh builds of each scene, steady_clock at timing-window boundaries, "
-                                        "construction not timed, one thread")
+  out << "  \"timing\": "
+      << jsonString("median over " + std::to_string(o.reps) +
+                    " fresh builds of each scene, steady_clock at timing-window boundaries, "
+                    "construction not timed, one thread")
       << ",\n";
-  out << "  \"ratio\": \"peer_us_per_step / vorsim_us_per_step (>1: vorsim faster)\",\n";
+  out << "  \"ratio\": \"us_per_step / vorsim_us_per_step of the default or the fast configuration (>1: vorsim faster)\",\n";
   out << "  \"peers\": {\"MuJoCo\": " << (haveMujoco() ? jsonString(mujocoVersion()) : "null")
       << ", \"Bullet\": " << (haveBullet() ? jsonString(bulletVersion()) : "null") << "},\n";
   out << "  \"missing_peers\": [";
@@ -306,6 +341,7 @@ void writeJson(const std::string& path, const Options& o, const std::vector<Scen
   for (size_t si = 0; si < all.size(); ++si) {
     const SceneResults& s = all[si];
     const RunResult* ref = findVorsim(s);
+    const RunResult* fast = findVorsim(s, "fast");
     out << "    {\"key\": " << jsonString(s.scene->key) << ", \"title\": " << jsonString(s.scene->title)
         << ", \"dt\": " << jsonNumber(s.scene->dt) << ", \"steps\": " << s.scene->steps
         << ", \"bodies\": " << s.scene->bodies.size() << ", \"friction\": " << jsonNumber(s.scene->friction)
@@ -322,9 +358,11 @@ void writeJson(const std::string& path, const Options& o, const std::vector<Scen
         out << (w ? ", " : "") << "{\"window\": " << jsonString(t.name)
             << ", \"us_per_step\": " << jsonNumber(t.medianUs) << ", \"min_us_per_step\": " << jsonNumber(t.minUs)
             << ", \"max_us_per_step\": " << jsonNumber(t.maxUs)
-            << ", \"ratio_to_vorsim\": " << jsonNumber(ratioTo(r, ref, w)) << "}";
+            << ", \"ratio_to_vorsim_default\": " << jsonNumber(ratioTo(r, ref, w))
+            << ", \"ratio_to_vorsim_fast\": " << jsonNumber(ratioTo(r, fast, w)) << "}";
       }
       out << "],\n        \"contacts_per_step\": " << jsonNumber(r.contactsPerStep)
+          << ", \"solver_iterations_per_step\": " << jsonNumber(r.iterationsPerStep)
           << ", \"error_figure\": " << jsonString(r.physics.figure) << ", \"error\": " << jsonNumber(r.physics.value)
           << ",\n        \"error_details\": {";
       for (size_t d = 0; d < r.physics.details.size(); ++d)
@@ -341,14 +379,16 @@ void writeJson(const std::string& path, const Options& o, const std::vector<Scen
 
 void usage() {
   std::cout << "usage: vorsim_bench [--json PATH] [--reps N] [--scenes abcde] [--engines vorsim,mujoco,bullet]\n"
-               "                    [--sweep] [--budget SECONDS]\n"
+               "                    [--sweep [--candidates TEXT]] [--budget SECONDS] [--timing-only]\n"
                "  --json PATH   where the results go (default bench_results.json)\n"
                "  --reps N      timed repetitions per engine and scene; the median is reported (default 3)\n"
                "  --scenes S    the scenes to run, as letters (default abcde)\n"
                "  --engines L   comma-separated engines to run (default all that were built)\n"
                "  --sweep       run every candidate setting of the peers instead of the chosen ones\n"
+               "  --candidates T  with --sweep: only the candidates whose name contains T\n"
                "  --budget S    give up a configuration whose measuring run would take longer than S seconds\n"
-               "                (default 180)\n";
+               "                (default 180)\n"
+               "  --timing-only skip the untimed measuring run (no error figures; for profilers)\n";
 }
 
 bool parse(int argc, char** argv, Options& o) {
@@ -375,6 +415,10 @@ bool parse(int argc, char** argv, Options& o) {
         if (e != "vorsim" && e != "mujoco" && e != "bullet") throw std::invalid_argument("unknown engine " + e);
         o.engines.insert(e);
       }
+    } else if (a == "--timing-only") {
+      o.timingOnly = true;
+    } else if (a == "--candidates") {
+      o.candidates = value();
     } else if (a == "--sweep") {
       o.sweep = true;
     } else if (a == "--help" || a == "-h") {
@@ -402,37 +446,41 @@ int run(int argc, char** argv) {
   if (!haveBullet()) missing.push_back("Bullet");
   std::cout << "# vorsim benchmark\n\nCPU: " << cpuModel() << "; one thread; timing: median of " << o.reps
             << " runs, construction not timed.\n";
-  std::cout << "Peers: MuJoCo " << (haveMujoco() ? mujocoVersion() : "not built in")
-            << ", Bullet " << (haveBullet() ? bulletVersion() : "not built in") << ".\n";
+  std::cout << "Peers: MuJoCo " << (haveMujoco() ? mujocoVersion() : "not built in") << ", Bullet "
+            << (haveBullet() ? bulletVersion() : "not built in") << ".\n";
   if (!missing.empty()) {
     std::cout << "Missing peers (not found by CMake at build time):";
     for (const auto& m : missing) std::cout << " " << m;
     std::cout << "\n";
   }
-  std::cout << "Ratio = peer µs/step / vorsim µs/step: above 1 means vorsim is faster.\n\n";
+  std::cout << "Ratio = µs/step / vorsim µs/step (default or fast configuration): above 1 means vorsim is faster.\n\n";
 
   std::vector<SceneDesc> scenes = makeScenes();
   std::vector<SceneResults> all;
   for (const SceneDesc& scene : scenes) {
     if (o.scenes.find(scene.key) == std::string::npos) continue;
     std::vector<Contender> contenders;
-    if (o.engines.count("vorsim")) contenders.push_back({"vorsim", "default", [] { return makeVorsimEngine(); }});
+    if (o.engines.count("vorsim"))
+      for (const VorsimSettings& s : vorsimConfigurations())
+        contenders.push_back({"vorsim", s.label, [s] { return makeVorsimEngine(s); }});
     if (haveMujoco() && o.engines.count("mujoco")) {
       std::vector<MujocoSettings> list =
           o.sweep ? mujocoCandidates() : std::vector<MujocoSettings>{mujocoChosen(scene.key)};
       for (const MujocoSettings& s : list)
-        contenders.push_back({"MuJoCo", s.label, [s] { return makeMujocoEngine(s); }});
+        if (s.label.find(o.candidates) != std::string::npos)
+          contenders.push_back({"MuJoCo", s.label, [s] { return makeMujocoEngine(s); }});
     }
     if (haveBullet() && o.engines.count("bullet")) {
       std::vector<BulletSettings> list =
           o.sweep ? bulletCandidates() : std::vector<BulletSettings>{bulletChosen(scene.key)};
       for (const BulletSettings& s : list)
-        contenders.push_back({"Bullet", s.label, [s] { return makeBulletEngine(s); }});
+        if (s.label.find(o.candidates) != std::string::npos)
+          contenders.push_back({"Bullet", s.label, [s] { return makeBulletEngine(s); }});
     }
     SceneResults res{&scene, {}};
     for (const Contender& c : contenders) {
       std::cerr << "scene " << scene.key << ": " << c.engine << " " << c.label << " ..." << std::flush;
-      res.runs.push_back(runOne(scene, c, o.reps, o.budget));
+      res.runs.push_back(runOne(scene, c, o.reps, o.budget, o.timingOnly));
       const RunResult& r = res.runs.back();
       if (r.error.empty())
         std::cerr << " " << fmt(r.times[0].medianUs, 4) << " µs/step, " << r.physics.figure << " "
@@ -446,6 +494,7 @@ int run(int argc, char** argv) {
   printTable(all, o.sweep);
   printSettings(all);
   printDetails(all);
+  if (o.sweep) printPicks(all);
   if (!o.sweep) printTargets(all);
   writeJson(o.jsonPath, o, all, missing);
   std::cout << "\nJSON written to " << o.jsonPath << "\n";

@@ -71,14 +71,9 @@ TEST(Registry, RemovalMovesTheLastObjectIntoTheGap) {
 TEST(Registry, WiresGoWithTheirObjects) {
   World world;
   world.setGravity(Mat<3, 1>{0, 0, 0});
-  auto* a = world.addSphere(0.1, 1.0);
-  auto* b = world.addSphere(0.1, 1.0);
-  auto* c = world.addSphere(0.1, 1.0);
-  auto* d = world.addSphere(0.1, 1.0);
-  a->setPosition(0, 0, 0);
-  b->setPosition(1, 0, 0);
-  c->setPosition(2, 0, 0);
-  d->setPosition(3, 0, 0);
+  Sphere* spheres[4];
+  for (int i = 0; i < 4; ++i) (spheres[i] = world.addSphere(0.1, 1.0))->setPosition(i, 0, 0);
+  Sphere *a = spheres[0], *b = spheres[1], *c = spheres[2], *d = spheres[3];
   const Eigen::Vector3d o = Eigen::Vector3d::Zero();
   auto* ab = world.addStiffWire(a, 0, o, b, 0, o, 1.0);
   auto* cd = world.addCompliantWire(c, 0, o, d, 0, o, 1.0, 100.0);

@@ -19,20 +19,39 @@ class RecordingObject : public Object {
     bodyType_ = type;
   }
   bool appendPin = false;  // append one bilateral problem on itself
-  double timeSeenInIntegrate = -1.0;
+  Mat<3, 1> velocity{};    // a unit point mass, seen in the contact frame
   int stepSeenInIntegrate = -1;
+  double timeSeenInIntegrate = -1.0;
 
   void updateCollision() override { rec("updateCollision"); }
   void preContactSolverUpdate1(const Mat<3, 1>&, double dt) override { rec("pre1", dt); }
-  void preContactSolverUpdate2(const Mat<3, 1>&, double dt, ContactProblemList& problems) override {
-    rec("pre2", dt);
-    problemsSeenInPre2 = problems.size();
-  }
+  void preContactSolverUpdate2(const Mat<3, 1>&, double dt, ContactProblemList&) override { rec("pre2", dt); }
   void integrate(double dt, World& world) override {
     rec("integrate", dt);
-    timeSeenInIntegrate = world.getWorldTime();
     stepSeenInIntegrate = world.getWorldStep();
+    timeSeenInIntegrate = world.getWorldTime();
   }
+  void updateTimeStep(double dt) override { rec("updateTimeStep", dt); }
+  void updateTimeStepIfNecessary(double dt) override { rec("updateTimeStepIfNecessary", dt); }
+  void getContactPointVel(size_t, Mat<3, 1>& v) const override {
+    log_.push_back(tag_ + ".getContactPointVel");
+    v = velocity;
+  }
+  void updateGenVelWithImpulse(size_t, const Mat<3, 1>& impulse) override {
+    rec("impulse");
+    velocity += impulse;
+  }
+  void appendConstraints(ContactProblemList& problems) override {
+    rec("appendConstraints");
+    if (!appendPin) return;
+    problems.emplace_back(MaterialPairProperties(), 0.0, 0.0, 0.0, 0.0);
+    problems.back().rank = 9;
+    problems.back().objectA = this;
+    problems.back().delassus.setIdentity();
+  }
+  void addContactPointVel(size_t, Mat<3, 1>& v) override { v += velocity; }
+  void subContactPointVel(size_t, Mat<3, 1>& v) override { v -= velocity; }
+  // Unused by these tests.
   void setExternalForce(size_t, const Mat<3, 1>&, const Mat<3, 1>&) override {}
   void setExternalForce(size_t, const Mat<3, 1>&) override {}
   void setExternalTorque(size_t, const Mat<3, 1>&) override {}
@@ -44,36 +63,10 @@ class RecordingObject : public Object {
   void getVelocity(size_t, const Mat<3, 1>&, Mat<3, 1>& out) const override { out.setZero(); }
   void getVelocity(size_t, Mat<3, 1>& out) const override { out.setZero(); }
   void getOrientation(size_t, Mat<3, 3>& out) const override { out.setIdentity(); }
-  void getContactPointVel(size_t, Mat<3, 1>& v) const override {
-    log_.push_back(tag_ + ".getContactPointVel");
-    v = velocity;
-  }
   void clearExternalForcesAndTorques() override {}
-  void destroyCollisionBodies(dxSpace*) override { rec("destroy"); }
-  void addContactPointVel(size_t, Mat<3, 1>& v) override { v += velocity; }
-  void subContactPointVel(size_t, Mat<3, 1>& v) override { v -= velocity; }
+  void destroyCollisionBodies(dxSpace*) override {}
   void addContactPointVel2(size_t, Mat<3, 1>&) override {}
   void subContactPointVel2(size_t, Mat<3, 1>&) override {}
-  void updateTimeStep(double dt) override { rec("updateTimeStep", dt); }
-  void updateTimeStepIfNecessary(double dt) override { rec("updateTimeStepIfNecessary", dt); }
-  void updateGenVelWithImpulse(size_t, const Mat<3, 1>& impulse) override {
-    rec("impulse");
-    velocity += impulse;  // a unit point mass seen in the contact frame
-  }
-  void appendConstraints(ContactProblemList& problems) override {
-    rec("appendConstraints");
-    if (!appendPin) return;
-    MaterialPairProperties mat;
-    problems.emplace_back(mat, 0.0, 0.0, 0.0, 0.0);
-    auto& p = problems.back();
-    p.rank = 9;
-    p.objectA = this;
-    p.delassus.setIdentity();
-    p.tauStar.setZero();
-  }
-
-  Mat<3, 1> velocity{};
-  size_t problemsSeenInPre2 = 0;
 
  private:
   void rec(const std::string& what, double dt = -1.0) {
@@ -115,21 +108,10 @@ TEST(WorldStep, DrivesObjectsInOrderAndSkipsByBodyType) {
   EXPECT_EQ(k->stepSeenInIntegrate, 1);
 
   // With no problem, the solver is never called: no sweep, direction untouched.
-  EXPECT_EQ(world.getContactSolver().getLoopCounter(), 0);
-  EXPECT_TRUE(world.getContactSolver().isForwardOrder());
-
   for (int i = 0; i < 3; ++i) world.integrate();
   EXPECT_EQ(world.getWorldStep(), 4);
   EXPECT_DOUBLE_EQ(world.getWorldTime(), 1.0);
   EXPECT_TRUE(world.getContactSolver().isForwardOrder());
-}
-
-TEST(WorldStep, EmptyWorldAdvancesTime) {
-  World world;
-  world.setTimeStep(0.01);
-  for (int i = 0; i < 10; ++i) world.integrate();
-  EXPECT_EQ(world.getWorldStep(), 10);
-  EXPECT_NEAR(world.getWorldTime(), 0.1, 1e-15);
   EXPECT_EQ(world.getContactSolver().getLoopCounter(), 0);
 }
 
@@ -143,8 +125,7 @@ TEST(WorldStep, ConstraintProblemsAreSolvedOncePresent) {
   ASSERT_EQ(world.getContactProblem().size(), 1u);
   log.clear();
   world.integrate2();
-  EXPECT_EQ(d->problemsSeenInPre2, 1u);
-  // The pin (identity block, zero depth) stops the point: the impulse cancels the velocity.
+  // The pin (identity block, zero depth) stops the point.
   EXPECT_NEAR(d->velocity.norm(), 0.0, 1e-12);
   EXPECT_GE(world.getContactSolver().getLoopCounter(), 1);
   EXPECT_FALSE(world.getContactSolver().isForwardOrder());
@@ -158,8 +139,6 @@ TEST(WorldStep, ConstraintProblemsAreSolvedOncePresent) {
 TEST(WorldStep, SettersAndDefaults) {
   std::vector<std::string> log;
   TestWorld world;
-  EXPECT_DOUBLE_EQ(world.getTimeStep(), 0.005);
-  EXPECT_DOUBLE_EQ(world.getGravity()[2], -9.81);
   EXPECT_DOUBLE_EQ(world.getContactSolver().timeStep, 0.005);
   world.add(new RecordingObject("D", DYNAMIC, log));
   world.add(new RecordingObject("S", STATIC, log));
@@ -169,12 +148,7 @@ TEST(WorldStep, SettersAndDefaults) {
   EXPECT_EQ(log, (std::vector<std::string>{"D.updateTimeStep@0.002000", "S.updateTimeStep@0.002000"}));
   EXPECT_DOUBLE_EQ(world.getContactSolver().timeStep, 0.002);
 
-  world.setContactSolverParam(0.5, 0.25, 0.75, 7, 1e-6);
   const auto& solver = world.getContactSolver();
-  EXPECT_EQ(solver.maxIter, 7);
-  EXPECT_DOUBLE_EQ(solver.threshold, 1e-6);
-  EXPECT_DOUBLE_EQ(solver.alpha_init, 0.5);
-
   {
     StdoutCapture out;
     world.setERP(0.0, 0.0);
@@ -193,17 +167,12 @@ TEST(WorldStep, ObjectTypesAndFrames) {
   EXPECT_EQ(stringToObjectType("articulated_system"), ARTICULATED_SYSTEM);
   EXPECT_EQ(stringToObjectType("articulatedSystem"), ARTICULATED_SYSTEM);
   EXPECT_EQ(stringToObjectType("Sphere"), UNRECOGNIZED);
-  EXPECT_EQ(stringToObjectType("sphere "), UNRECOGNIZED);
   for (int t = 0; t <= 10; ++t) EXPECT_EQ(stringToObjectType(objectTypeToString(ObjectType(t))), ObjectType(t));
   EXPECT_EQ(objectTypeToString(ObjectType(42)), "");
   // A cone can be neither moved nor collided.
   EXPECT_FALSE(isMovableBody(CONE));
   EXPECT_FALSE(isSingleBody(CONE));
-  EXPECT_TRUE(isSingleBody(HEIGHTMAP));
-  EXPECT_FALSE(isMovableSingleBody(ARTICULATED_SYSTEM));
-  EXPECT_TRUE(isMovableBody(ARTICULATED_SYSTEM));
-  EXPECT_FALSE(isSingleCollisionBody(GROUND));
-  EXPECT_FALSE(isPrimitiveCollisionBody(MESH));
+  EXPECT_TRUE(isMovableBody(ARTICULATED_SYSTEM) && !isMovableSingleBody(ARTICULATED_SYSTEM));
 
   Mat<3, 3> f;
   Contact::computeFrame(Mat<3, 1>{0, 0, -1}, f);

@@ -64,11 +64,10 @@ class SlidingSearch {
   // f = w . e with w the velocity of tangential impulse (ix, iy) at zero normal
   // velocity and e the unit vector along c x dir.
   double f(double ix, double iy, const Mat<3, 1>& dir) const {
-    Mat<3, 1> e = cross(c_, dir);
-    e /= e.norm();
+    const Mat<3, 1> e = cross(c_, dir);
     double s = 0.0;
     for (size_t i = 0; i < 3; ++i) s += (ix * P_.reducedColumnX[i] + iy * P_.reducedColumnY[i] + q_[i]) * e[i];
-    return s;
+    return s / e.norm();
   }
 
   double fAtAngle(double angle) const {
@@ -201,8 +200,7 @@ void BisectionContactSolver::solve(ProblemList& problems) {
     P.normalDelassusOverMu = P.muInverse * G(2, 2);
     Mat<3, 1> v;
     contactVelocity(P, v);
-    P.targetNormalVel =
-        std::max(0.0, ((v[2] - 2.0 * P.impactVel) - P.restitutionThreshold) * (P.restitution + erp2));
+    P.targetNormalVel = std::max(0.0, ((v[2] - 2.0 * P.impactVel) - P.restitutionThreshold) * (P.restitution + erp2));
     P.targetNormalVel -= P.depth * erp;
     if (P.rank == 3 || P.rank == 9) invert33(G, P.delassusInverse);
     if (P.rank == 2 || P.rank == 3) {

@@ -65,6 +65,8 @@ void evalEulerEqnDeriv(const Mat<3, 1>& w, const Mat<3, 1>& /*wOld*/, double dt,
 
 SingleBodyObject::SingleBodyObject(ObjectType type) : objectType_(type) {}
 
+SingleBodyObject::~SingleBodyObject() { destroyGeom(collisionObject_); }
+
 // ---------------------------------------------------------------- collision --
 
 void SingleBodyObject::updateCollision() {
@@ -236,27 +238,47 @@ void SingleBodyObject::clearExternalForcesAndTorques() {
 // -------------------------------------------------------------- contact side --
 
 void SingleBodyObject::getContactPointVel(size_t c, Mat<3, 1>& vel) const {
-  vel.setZero();
-  matvecmulThenAdd(J_[c], generalizedVelocity_, vel);
+  contactPointVelocity(c, generalizedVelocity_.v, generalizedVelocity_.v + 3, vel);
 }
 void SingleBodyObject::addContactPointVel(size_t c, Mat<3, 1>& vel) {
-  matvecmulThenAdd(J_[c], generalizedVelocity_, vel);
+  Mat<3, 1> pv;
+  contactPointVelocity(c, generalizedVelocity_.v, generalizedVelocity_.v + 3, pv);
+  vel += pv;
 }
 void SingleBodyObject::subContactPointVel(size_t c, Mat<3, 1>& vel) {
-  matvecmulThenSub(J_[c], generalizedVelocity_, vel);
+  Mat<3, 1> pv;
+  contactPointVelocity(c, generalizedVelocity_.v, generalizedVelocity_.v + 3, pv);
+  vel -= pv;
 }
 void SingleBodyObject::addContactPointVel2(size_t c, Mat<3, 1>& vel) {
-  const Mat<6, 1> u0{linearVelocity_[0],  linearVelocity_[1],  linearVelocity_[2],
-                     angularVelocity_[0], angularVelocity_[1], angularVelocity_[2]};
-  matvecmulThenAdd(J_[c], u0, vel);
+  Mat<3, 1> pv;
+  contactPointVelocity(c, linearVelocity_.v, angularVelocity_.v, pv);
+  vel += pv;
 }
 void SingleBodyObject::subContactPointVel2(size_t c, Mat<3, 1>& vel) {
-  const Mat<6, 1> u0{linearVelocity_[0],  linearVelocity_[1],  linearVelocity_[2],
-                     angularVelocity_[0], angularVelocity_[1], angularVelocity_[2]};
-  matvecmulThenSub(J_[c], u0, vel);
+  Mat<3, 1> pv;
+  contactPointVelocity(c, linearVelocity_.v, angularVelocity_.v, pv);
+  vel -= pv;
 }
 void SingleBodyObject::updateGenVelWithImpulse(size_t c, const Mat<3, 1>& impulse) {
-  matvecmulThenAdd(MinvJT_[c], impulse, generalizedVelocity_);
+  const ContactPoint& cp = contactPoints_[c];
+  const Mat<3, 3>& f = cp.frame;
+  const double* r = cp.arm.v;
+  // The impulse in world coordinates, then its linear and angular effect.
+  const double Fx = f(0, 0) * impulse[0] + f(1, 0) * impulse[1] + f(2, 0) * impulse[2];
+  const double Fy = f(0, 1) * impulse[0] + f(1, 1) * impulse[1] + f(2, 1) * impulse[2];
+  const double Fz = f(0, 2) * impulse[0] + f(1, 2) * impulse[1] + f(2, 2) * impulse[2];
+  const double tx = Fy * r[2] - Fz * r[1];
+  const double ty = Fz * r[0] - Fx * r[2];
+  const double tz = Fx * r[1] - Fy * r[0];
+  const Mat<3, 3>& I = worldInertiaInverse_;
+  double* u = generalizedVelocity_.v;
+  u[0] += inverseMass_ * Fx;
+  u[1] += inverseMass_ * Fy;
+  u[2] += inverseMass_ * Fz;
+  u[3] += I(0, 0) * tx + I(0, 1) * ty + I(0, 2) * tz;
+  u[4] += I(1, 0) * tx + I(1, 1) * ty + I(1, 2) * tz;
+  u[5] += I(2, 0) * tx + I(2, 1) * ty + I(2, 2) * tz;
 }
 
 // --------------------------------------------------------------------- step --
@@ -266,12 +288,13 @@ void SingleBodyObject::preContactSolverUpdate1(const Mat<3, 1>&, double) {
     similarityTransform(rotationMatrix_, bodyInertia_, worldInertia_);
     similarityTransform(rotationMatrix_, bodyInertiaInverse_, worldInertiaInverse_);
   }
-  contactArms_.resize(contacts_.size());
+  contactPoints_.resize(contacts_.size());
   const Mat<3, 3>& I = worldInertiaInverse_;
   for (size_t i = 0; i < contacts_.size(); ++i) {
     Contact& c = contacts_[i];
     const Mat<3, 1> r = sub(comPosition_, c.position);
-    contactArms_[i] = r;
+    contactPoints_[i].frame = c.frame;
+    contactPoints_[i].arm = r;
     // D = S I^-1 S^T with S the skew matrix of r: the six distinct elements.
     // M = I^-1 S^T, then D(i,j) = row i of S times column j of M.
     const double S[3][3] = {{0.0, -r[2], r[1]}, {r[2], 0.0, -r[0]}, {-r[1], r[0], 0.0}};
@@ -323,14 +346,9 @@ void SingleBodyObject::preContactSolverUpdate2(const Mat<3, 1>& gravity, double 
 
   for (size_t i = 0; i < contacts_.size(); ++i) {
     Contact& c = contacts_[i];
-    const Mat<3, 1> pv = add(v, cross(contactArms_[i], w));
+    const Mat<3, 1> pv = add(v, cross(contactPoints_[i].arm, w));
     c.impactVel = c.frame(2, 0) * pv[0] + c.frame(2, 1) * pv[1] + c.frame(2, 2) * pv[2];
   }
-
-  MinvJT_.resize(contacts_.size());
-  J_.resize(contacts_.size());
-  for (size_t i = 0; i < contacts_.size(); ++i)
-    computeJandMinvJT(inverseMass_, contacts_[i].frame, worldInertiaInverse_, contactArms_[i], MinvJT_[i], J_[i]);
 
   if (!externalLoadValues_.empty()) {
     externalForceViz_.clear();

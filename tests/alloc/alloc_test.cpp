@@ -29,31 +29,12 @@ void* __libc_malloc(size_t);
 void* __libc_calloc(size_t, size_t);
 void* __libc_realloc(void*, size_t);
 void* __libc_memalign(size_t, size_t);
-void* malloc(size_t n) {
-  count();
-  return __libc_malloc(n);
-}
-void* calloc(size_t n, size_t size) {
-  count();
-  return __libc_calloc(n, size);
-}
-void* realloc(void* p, size_t n) {
-  count();
-  return __libc_realloc(p, n);
-}
-void* memalign(size_t alignment, size_t n) {
-  count();
-  return __libc_memalign(alignment, n);
-}
-void* aligned_alloc(size_t alignment, size_t n) {
-  count();
-  return __libc_memalign(alignment, n);
-}
-int posix_memalign(void** p, size_t alignment, size_t n) {
-  count();
-  *p = __libc_memalign(alignment, n);
-  return *p ? 0 : 12;
-}
+void* malloc(size_t n) { return count(), __libc_malloc(n); }
+void* calloc(size_t n, size_t size) { return count(), __libc_calloc(n, size); }
+void* realloc(void* p, size_t n) { return count(), __libc_realloc(p, n); }
+void* memalign(size_t alignment, size_t n) { return count(), __libc_memalign(alignment, n); }
+void* aligned_alloc(size_t alignment, size_t n) { return count(), __libc_memalign(alignment, n); }
+int posix_memalign(void** p, size_t alignment, size_t n) { return count(), (*p = __libc_memalign(alignment, n)) ? 0 : 12; }
 }
 #endif
 
@@ -112,8 +93,7 @@ TEST_F(Allocations, SteadyScenesAllocateNothing) {
     world.addGround();
     for (int side = 0; side < 4; ++side) {
       auto* wall = world.addBox(side < 2 ? 0.1 : 1.2, side < 2 ? 1.2 : 0.1, 0.6, 1.0);
-      const double offset = side % 2 ? 0.55 : -0.55;
-      wall->setPosition(side < 2 ? offset : 0.0, side < 2 ? 0.0 : offset, 0.3);
+      wall->setPosition(side < 2 ? 1.1 * (side - 0.5) : 0.0, side < 2 ? 0.0 : 1.1 * (side - 2.5), 0.3);
       wall->setBodyType(STATIC);
     }
     for (int i = 0; i < 64; ++i)

@@ -58,8 +58,7 @@ class Single3DContactProblem {
   const Mat<3, 1>& getPosition() const { return position; }
 };
 
-static_assert(std::is_trivially_copyable_v<Single3DContactProblem>,
-              "problems are moved by the vector as plain bytes");
+static_assert(std::is_trivially_copyable_v<Single3DContactProblem>, "problems are moved by the vector as plain bytes");
 
 }  // namespace contact
 }  // namespace vorsim

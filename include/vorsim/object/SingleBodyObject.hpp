@@ -40,7 +40,8 @@ void evalEulerEqnDeriv(const Mat<3, 1>& w, const Mat<3, 1>& wOld, double dt, con
 class SingleBodyObject : public Object {
  public:
   explicit SingleBodyObject(ObjectType type);
-  ~SingleBodyObject() override = default;
+  // Destroys the geom unless the world already did (destroyCollisionBodies).
+  ~SingleBodyObject() override;
 
   // ---- Object contract ----
   void updateCollision() override;
@@ -141,6 +142,19 @@ class SingleBodyObject : public Object {
   void initPrimitive(dxGeom* geom, double mass, const Mat<3, 3>& inertia);
   // Angular increment over dt at orientation R and angular velocity w.
   void eulerIntegrate(double dt, const Mat<3, 3>& R, const Mat<3, 1>& w, Mat<3, 1>& out) const;
+  // The velocity of contact c from linear velocity v and angular velocity w, in
+  // the contact frame.
+  void contactPointVelocity(size_t c, const double* v, const double* w, Mat<3, 1>& out) const {
+    const ContactPoint& cp = contactPoints_[c];
+    const double* r = cp.arm.v;
+    const double px = v[0] + (r[1] * w[2] - r[2] * w[1]);
+    const double py = v[1] + (r[2] * w[0] - r[0] * w[2]);
+    const double pz = v[2] + (r[0] * w[1] - r[1] * w[0]);
+    const Mat<3, 3>& f = cp.frame;
+    out[0] = f(0, 0) * px + f(0, 1) * py + f(0, 2) * pz;
+    out[1] = f(1, 0) * px + f(1, 1) * py + f(1, 2) * pz;
+    out[2] = f(2, 0) * px + f(2, 1) * py + f(2, 2) * pz;
+  }
 
   dxGeom* collisionObject_ = nullptr;
   ObjectType objectType_;
@@ -164,13 +178,20 @@ class SingleBodyObject : public Object {
   Mat<3, 1> freeAngularVelocity_{};
   Mat<3, 1> externalForce_{};
   Mat<3, 1> externalTorque_{};
-  std::vector<Mat<3, 1>> contactArms_;
+  // Per contact: the contact frame and the arm from the contact point to the
+  // centre of mass. They are all the solver's reads and writes need: the point
+  // velocity frame*(v + arm x w), and for an impulse p the world impulse
+  // F = frame^T p, with u += (F/m, I^-1 (F x arm)). Kept dense, one record per
+  // contact, because the solver visits them in its inner loop.
+  struct ContactPoint {
+    Mat<3, 3> frame;
+    Mat<3, 1> arm;
+  };
+  std::vector<ContactPoint> contactPoints_;
   double mass_ = 1.0;
   double inverseMass_ = 1.0;
   double linearDamping_ = 0.0;
   Mat<3, 1> angularDamping_{};
-  std::vector<Mat<6, 3>> MinvJT_;
-  std::vector<Mat<3, 6>> J_;
   bool hasConstraintForce_ = false;
   std::string appearance_;
 };
