@@ -17,6 +17,6 @@ ensure_packages() {
 
 VORSIM_BUILD_PACKAGES=(build-essential cmake pkg-config ccache libeigen3-dev libode-dev libtinyxml-dev libpng-dev)
 VORSIM_TEST_PACKAGES=(libgtest-dev)
-VORSIM_BENCH_PACKAGES=(libbenchmark-dev libmujoco-dev libbullet-dev libbullet-extras-dev)
+VORSIM_BENCH_PACKAGES=(libmujoco-dev libbullet-dev)
 
 jobs() { nproc 2>/dev/null || echo 2; }

@@ -21,7 +21,7 @@ class TestWorld : public vorsim::World {
   }
 };
 
-// Collects what the library prints on stdout during its lifetime.
+// What the library prints on stdout during the capture's lifetime.
 class StdoutCapture {
  public:
   StdoutCapture() { testing::internal::CaptureStdout(); }

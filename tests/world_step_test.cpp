@@ -7,15 +7,17 @@
 #include "test_helpers.hpp"
 #include "vorsim/World.hpp"
 #include "vorsim/contact/Single3DContactProblem.hpp"
+#include "vorsim/object/SingleBodyObject.hpp"
 
 using namespace vorsim;
 
 namespace {
 
-// An object that does nothing but write each call it gets into a shared log.
-class RecordingObject : public Object {
+// An object that writes each call the world makes on it into a shared log.
+class RecordingObject : public SingleBodyObject {
  public:
-  RecordingObject(std::string tag, BodyType type, std::vector<std::string>& log) : tag_(std::move(tag)), log_(log) {
+  RecordingObject(std::string tag, BodyType type, std::vector<std::string>& log)
+      : SingleBodyObject(UNRECOGNIZED), tag_(std::move(tag)), log_(log) {
     bodyType_ = type;
   }
   bool appendPin = false;  // append one bilateral problem on itself
@@ -51,22 +53,6 @@ class RecordingObject : public Object {
   }
   void addContactPointVel(size_t, Mat<3, 1>& v) override { v += velocity; }
   void subContactPointVel(size_t, Mat<3, 1>& v) override { v -= velocity; }
-  // Unused by these tests.
-  void setExternalForce(size_t, const Mat<3, 1>&, const Mat<3, 1>&) override {}
-  void setExternalForce(size_t, const Mat<3, 1>&) override {}
-  void setExternalTorque(size_t, const Mat<3, 1>&) override {}
-  void setConstraintForce(size_t, const Mat<3, 1>&, const Mat<3, 1>&) override {}
-  double getMass(size_t) const override { return 1.0; }
-  ObjectType getObjectType() const override { return UNRECOGNIZED; }
-  void getPosition(size_t, const Mat<3, 1>& p, Mat<3, 1>& out) const override { out = p; }
-  void getPosition(size_t, Mat<3, 1>& out) const override { out.setZero(); }
-  void getVelocity(size_t, const Mat<3, 1>&, Mat<3, 1>& out) const override { out.setZero(); }
-  void getVelocity(size_t, Mat<3, 1>& out) const override { out.setZero(); }
-  void getOrientation(size_t, Mat<3, 3>& out) const override { out.setIdentity(); }
-  void clearExternalForcesAndTorques() override {}
-  void destroyCollisionBodies(dxSpace*) override {}
-  void addContactPointVel2(size_t, Mat<3, 1>&) override {}
-  void subContactPointVel2(size_t, Mat<3, 1>&) override {}
 
  private:
   void rec(const std::string& what, double dt = -1.0) {
