@@ -219,8 +219,8 @@ void printTable(const std::vector<SceneResults>& all, bool withLabel) {
           continue;
         }
         std::cout << " | " << fmt(r.times[w].medianUs, 4) << " | " << fixed(ratioTo(r, ref, w), 2) << " | "
-                  << fixed(ratioTo(r, fast, w), 2) << " | " << fmt(r.contactsPerStep, 4) << " | "
-                  << r.physics.figure << " | " << fmt(r.physics.value, 3) << " |\n";
+                  << fixed(ratioTo(r, fast, w), 2) << " | " << fmt(r.contactsPerStep, 4) << " | " << r.physics.figure
+                  << " | " << fmt(r.physics.value, 3) << " |\n";
       }
     }
   }
@@ -332,7 +332,8 @@ void writeJson(const std::string& path, const Options& o, const std::vector<Scen
                     " fresh builds of each scene, steady_clock at timing-window boundaries, "
                     "construction not timed, one thread")
       << ",\n";
-  out << "  \"ratio\": \"us_per_step / vorsim_us_per_step of the default or the fast configuration (>1: vorsim faster)\",\n";
+  out << "  \"ratio\": \"us_per_step / vorsim_us_per_step of the default or the fast configuration (>1: vorsim "
+         "faster)\",\n";
   out << "  \"peers\": {\"MuJoCo\": " << (haveMujoco() ? jsonString(mujocoVersion()) : "null")
       << ", \"Bullet\": " << (haveBullet() ? jsonString(bulletVersion()) : "null") << "},\n";
   out << "  \"missing_peers\": [";

@@ -36,8 +36,8 @@ void SweepAndPrune::collide(dSpaceID space, void* data, dNearCallback* callback)
     dGeomGetAABB(g, box);
     // Sweep along y first, then x and z.
     Entry e{{box[2], box[0], box[4]}, {box[3], box[1], box[5]}, getCategoryBits(g), getCollideBits(g), uint32_t(i), g};
-    const bool unbounded = std::isinf(box[0]) || std::isinf(box[1]) || std::isinf(box[2]) ||
-                           std::isinf(box[3]) || std::isinf(box[4]) || std::isinf(box[5]);
+    const bool unbounded = std::isinf(box[0]) || std::isinf(box[1]) || std::isinf(box[2]) || std::isinf(box[3]) ||
+                           std::isinf(box[4]) || std::isinf(box[5]);
     (unbounded ? unbounded_ : bounded_).push_back(e);
   }
   std::sort(bounded_.begin(), bounded_.end(), [](const Entry& a, const Entry& b) {
@@ -48,8 +48,8 @@ void SweepAndPrune::collide(dSpaceID space, void* data, dNearCallback* callback)
     return ((a.category & b.collide) | (b.category & a.collide)) != 0;
   };
   auto overlap = [](const Entry& a, const Entry& b) {
-    return a.lo[0] <= b.hi[0] && b.lo[0] <= a.hi[0] && a.lo[1] <= b.hi[1] && b.lo[1] <= a.hi[1] &&
-           a.lo[2] <= b.hi[2] && b.lo[2] <= a.hi[2];
+    return a.lo[0] <= b.hi[0] && b.lo[0] <= a.hi[0] && a.lo[1] <= b.hi[1] && b.lo[1] <= a.hi[1] && a.lo[2] <= b.hi[2] &&
+           b.lo[2] <= a.hi[2];
   };
 
   const size_t n = bounded_.size();
@@ -89,8 +89,7 @@ void rayCallback(void* data, dGeomID o1, dGeomID o2) {
   // through on the reverse test, which a ray does not want.
   if ((dGeomGetCollideBits(q.ray) & dGeomGetCategoryBits(other) & 0xFFFFFFFFul) == 0) return;
   const auto* rec = static_cast<const GeomData*>(dGeomGetData(other));
-  if (rec && q.owner && rec->objectIndex == q.owner->objectIndex && rec->localIndex == q.owner->localIndex)
-    return;
+  if (rec && q.owner && rec->objectIndex == q.owner->objectIndex && rec->localIndex == q.owner->localIndex) return;
   auto* first = reinterpret_cast<dContactGeom*>(q.out + size_t(q.count) * size_t(q.stride));
   const int n = dCollide(q.ray, other, q.maxHits - q.count, first, q.stride);
   for (int i = 0; i < n; ++i) {
@@ -103,8 +102,8 @@ void rayCallback(void* data, dGeomID o1, dGeomID o2) {
 }  // namespace
 
 int dRayTest(dSpaceID space, dGeomID ray, int maxHits, dContactGeom* contacts, int stride) {
-  RayQuery q{ray, static_cast<const GeomData*>(dGeomGetData(ray)), maxHits, 0,
-             reinterpret_cast<char*>(contacts), stride};
+  RayQuery q{ray,   static_cast<const GeomData*>(dGeomGetData(ray)), maxHits, 0, reinterpret_cast<char*>(contacts),
+             stride};
   if (maxHits <= 0) return 0;
   dSpaceCollide2(ray, reinterpret_cast<dGeomID>(space), &q, rayCallback);
   return q.count;

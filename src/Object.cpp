@@ -3,8 +3,8 @@
 namespace vorsim {
 
 ObjectType stringToObjectType(const std::string& text) {
-  static const char* const names[] = {"sphere", "box",      "cylinder",  "cone",     "capsule",          "mesh",
-                                      "ground", "compound", "heightmap", "articulatedSystem"};
+  static const char* const names[] = {"sphere", "box",    "cylinder", "cone",      "capsule",
+                                      "mesh",   "ground", "compound", "heightmap", "articulatedSystem"};
   for (int i = 0; i < 10; ++i)
     if (text == names[i]) return static_cast<ObjectType>(i);
   if (text == "articulated_system") return ARTICULATED_SYSTEM;
@@ -13,17 +13,28 @@ ObjectType stringToObjectType(const std::string& text) {
 
 std::string objectTypeToString(ObjectType type) {
   switch (type) {
-    case SPHERE: return "sphere";
-    case BOX: return "box";
-    case CYLINDER: return "cylinder";
-    case CONE: return "cone";
-    case CAPSULE: return "capsule";
-    case MESH: return "mesh";
-    case GROUND: return "ground";
-    case COMPOUND: return "compound";
-    case HEIGHTMAP: return "heightmap";
-    case ARTICULATED_SYSTEM: return "articulatedSystem";
-    case UNRECOGNIZED: return "unrecognized";
+    case SPHERE:
+      return "sphere";
+    case BOX:
+      return "box";
+    case CYLINDER:
+      return "cylinder";
+    case CONE:
+      return "cone";
+    case CAPSULE:
+      return "capsule";
+    case MESH:
+      return "mesh";
+    case GROUND:
+      return "ground";
+    case COMPOUND:
+      return "compound";
+    case HEIGHTMAP:
+      return "heightmap";
+    case ARTICULATED_SYSTEM:
+      return "articulatedSystem";
+    case UNRECOGNIZED:
+      return "unrecognized";
   }
   return "";
 }

@@ -28,8 +28,8 @@ void VorSimMsg::stream(const char* file, int line, std::stringstream& text, int 
   std::tm local{};
   localtime_r(&now, &local);
 
-  log_ << "[" << std::setfill('0') << std::put_time(&local, "%Y:%m:%d:%X") << " " << std::setfill(' ')
-       << shortName << ":" << line << "] " << colour << text.str() << "\x1b[0m" << std::endl;
+  log_ << "[" << std::setfill('0') << std::put_time(&local, "%Y:%m:%d:%X") << " " << std::setfill(' ') << shortName
+       << ":" << line << "] " << colour << text.str() << "\x1b[0m" << std::endl;
   std::cout << log_.str() << std::flush;
 
   if (severity == 2) fatalCallback_();

@@ -70,18 +70,16 @@ void World::setDefaultMaterial(double friction, double restitution, double restT
 
 void World::setDefaultMaterial(double friction, double restitution, double restThreshold, double staticFriction,
                                double staticThreshold) {
-  materialManager_.setDefaultMaterialProperties(friction, restitution, restThreshold, staticFriction,
-                                                staticThreshold);
+  materialManager_.setDefaultMaterialProperties(friction, restitution, restThreshold, staticFriction, staticThreshold);
 }
 
-void World::setMaterialPairProp(const std::string& name1, const std::string& name2, double friction,
-                                double restitution, double restThreshold) {
+void World::setMaterialPairProp(const std::string& name1, const std::string& name2, double friction, double restitution,
+                                double restThreshold) {
   materialManager_.setMaterialPairProp(name1, name2, friction, restitution, restThreshold, friction, 0.001);
 }
 
-void World::setMaterialPairProp(const std::string& name1, const std::string& name2, double friction,
-                                double restitution, double restThreshold, double staticFriction,
-                                double staticThreshold) {
+void World::setMaterialPairProp(const std::string& name1, const std::string& name2, double friction, double restitution,
+                                double restThreshold, double staticFriction, double staticThreshold) {
   materialManager_.setMaterialPairProp(name1, name2, friction, restitution, restThreshold, staticFriction,
                                        staticThreshold);
 }
@@ -261,8 +259,7 @@ void World::integrate2() {
     if (P.objectA) P.objectA->addContactPointVel2(P.localIndexA, v);
     if (P.objectB) P.objectB->subContactPointVel2(P.localIndexB, v);
     const double vt = std::sqrt(v[0] * v[0] + v[1] * v[1]);
-    if (P.staticFrictionThreshold > vt)
-      P.mu = P.mu + (1.0 - vt * P.inverseStaticThreshold) * (P.staticFriction - P.mu);
+    if (P.staticFrictionThreshold > vt) P.mu = P.mu + (1.0 - vt * P.inverseStaticThreshold) * (P.staticFriction - P.mu);
   }
 
   if (!contactProblems_.empty()) {
@@ -346,8 +343,8 @@ CompliantLengthConstraint* World::addCompliantWire(Object* object1, int localIdx
                                                    Object* object2, int localIdx2, const Eigen::Vector3d& pos2,
                                                    double length, double stiffness) {
   ++configurationNumber_;
-  return registerWire(new CompliantLengthConstraint(object1, localIdx1, toMat(pos1), object2, localIdx2,
-                                                    toMat(pos2), length, stiffness));
+  return registerWire(new CompliantLengthConstraint(object1, localIdx1, toMat(pos1), object2, localIdx2, toMat(pos2),
+                                                    length, stiffness));
 }
 
 CustomLengthConstraint* World::addCustomWire(Object* object1, size_t localIdx1, const Eigen::Vector3d& pos1,
@@ -417,8 +414,7 @@ void World::removeObject(LengthConstraint* wire) {
 // ---------------------------------------------------------------------- rays --
 
 const RayCollisionList& World::rayTest(const Eigen::Vector3d& start, const Eigen::Vector3d& direction, double length,
-                                       bool closestOnly, size_t objectIndex, size_t localIndex,
-                                       size_t collisionMask) {
+                                       bool closestOnly, size_t objectIndex, size_t localIndex, size_t collisionMask) {
   setCollisionBits(rayGeom_, 0xFFFFFFFFu, collisionMask);
   GeomData& rayData = geomData(rayGeom_);
   rayData.objectIndex = objectIndex;
@@ -430,8 +426,8 @@ const RayCollisionList& World::rayTest(const Eigen::Vector3d& start, const Eigen
   dGeomGetAABB(rayGeom_, aabb);
 
   auto& items = rayContactList_.items;
-  const int n = dRayTest(collisionSpace_, rayGeom_, int(items.size()), &items[0].rayContact,
-                         int(sizeof(RayCollisionItem)));
+  const int n =
+      dRayTest(collisionSpace_, rayGeom_, int(items.size()), &items[0].rayContact, int(sizeof(RayCollisionItem)));
   rayContactList_.size = size_t(n);
 
   if (n == 0 || !closestOnly) {

@@ -101,8 +101,7 @@ TEST(Contact, SlidingBoxStopsAtTheCoulombDistance) {
     SlopeScene scene(0.0, mu, mu);
     const double v0 = 3.0;
     scene.box->setVelocity(v0, 0, 0, 0, 0, 0);
-    for (int i = 0; i < 3000 && (i < 10 || scene.box->getLinearVelocity().norm() > 1e-6); ++i)
-      scene.world.integrate();
+    for (int i = 0; i < 3000 && (i < 10 || scene.box->getLinearVelocity().norm() > 1e-6); ++i) scene.world.integrate();
     const double expected = v0 * v0 / (2 * mu * kG);
     EXPECT_NEAR(scene.box->getPosition()[0], expected, 0.02 * expected) << "mu " << mu;
     EXPECT_LT(std::abs(scene.box->getPosition()[1]), 0.01 * expected);
@@ -223,10 +222,18 @@ TEST(Contact, RepeatedRunsAreBitIdentical) {
     for (int i = 0; i < 27; ++i) {
       SingleBodyObject* b = nullptr;
       switch (i % 4) {
-        case 0: b = world.addSphere(0.1, 1.0, "b"); break;
-        case 1: b = world.addBox(0.2, 0.15, 0.1, 1.0, "a"); break;
-        case 2: b = world.addCapsule(0.05, 0.2, 1.0, "b"); break;
-        default: b = world.addCylinder(0.08, 0.15, 1.0, "a"); break;
+        case 0:
+          b = world.addSphere(0.1, 1.0, "b");
+          break;
+        case 1:
+          b = world.addBox(0.2, 0.15, 0.1, 1.0, "a");
+          break;
+        case 2:
+          b = world.addCapsule(0.05, 0.2, 1.0, "b");
+          break;
+        default:
+          b = world.addCylinder(0.08, 0.15, 1.0, "a");
+          break;
       }
       b->setPosition(0.05 * (i % 3), 0.07 * ((i / 3) % 3), 0.2 + 0.25 * i);
       b->setOrientation(Eigen::Quaterniond(Eigen::AngleAxisd(0.1 * i, Eigen::Vector3d(1, 1, 0).normalized())));

@@ -23,10 +23,12 @@ TEST(Trajectory, RoundTripAndTruncation) {
     ASSERT_TRUE(writer.ok());
     for (int f = 0; f < 5; ++f) {
       std::vector<trajectory::Pose> poses;
-      for (vorsim::SingleBodyObject* o : {static_cast<vorsim::SingleBodyObject*>(s), static_cast<vorsim::SingleBodyObject*>(b)}) {
+      for (vorsim::SingleBodyObject* o :
+           {static_cast<vorsim::SingleBodyObject*>(s), static_cast<vorsim::SingleBodyObject*>(b)}) {
         const auto& p = o->getPosition();
         const auto& q = o->getQuaternion();
-        poses.push_back({{float(p[0]), float(p[1]), float(p[2])}, {float(q[0]), float(q[1]), float(q[2]), float(q[3])}});
+        poses.push_back(
+            {{float(p[0]), float(p[1]), float(p[2])}, {float(q[0]), float(q[1]), float(q[2]), float(q[3])}});
       }
       writer.frame(world.getWorldTime(), poses);
       written.push_back(poses);

@@ -74,11 +74,14 @@ TEST(WorldStep, DrivesObjectsInOrderAndSkipsByBodyType) {
   log.clear();
 
   world.integrate1();
-  const std::vector<std::string> first = {
-      "D.updateTimeStepIfNecessary@0.250000",  // dynamic objects only
-      "D.updateCollision", "K.updateCollision",  // not static ones
-      "D.appendConstraints", "S.appendConstraints", "K.appendConstraints",  // every object
-      "D.pre1@0.250000", "K.pre1@0.250000"};
+  const std::vector<std::string> first = {"D.updateTimeStepIfNecessary@0.250000",  // dynamic objects only
+                                          "D.updateCollision",
+                                          "K.updateCollision",  // not static ones
+                                          "D.appendConstraints",
+                                          "S.appendConstraints",
+                                          "K.appendConstraints",  // every object
+                                          "D.pre1@0.250000",
+                                          "K.pre1@0.250000"};
   EXPECT_EQ(log, first);
   EXPECT_EQ(world.getWorldStep(), 0);
 

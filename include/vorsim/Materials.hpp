@@ -30,11 +30,10 @@ class MaterialManager {
   // The registered pair, or the default pair for anything unregistered.
   const MaterialPairProperties& getMaterialPairProp(const std::string& name1, const std::string& name2) const;
   // Stores the five values; the default's reciprocal threshold stays as it is.
-  void setDefaultMaterialProperties(double friction, double restitution, double restThreshold,
-                                    double staticFriction, double staticThreshold);
-  void setMaterialPairProp(const std::string& name1, const std::string& name2, double friction,
-                           double restitution, double restThreshold, double staticFriction,
-                           double staticThreshold);
+  void setDefaultMaterialProperties(double friction, double restitution, double restThreshold, double staticFriction,
+                                    double staticThreshold);
+  void setMaterialPairProp(const std::string& name1, const std::string& name2, double friction, double restitution,
+                           double restThreshold, double staticFriction, double staticThreshold);
   const MaterialPairProperties& getDefaultMaterialProperties() const { return defaultProperties_; }
 
   void init(const VorSimTinyXmlWrapper& node);

@@ -19,8 +19,8 @@ class World;
 namespace contact {
 class Single3DContactProblem;
 }
-using ContactProblemList = std::vector<contact::Single3DContactProblem,
-                                       AlignedAllocator<contact::Single3DContactProblem, 32>>;
+using ContactProblemList =
+    std::vector<contact::Single3DContactProblem, AlignedAllocator<contact::Single3DContactProblem, 32>>;
 
 enum ObjectType {
   SPHERE = 0,
@@ -54,10 +54,10 @@ bool isSingleCollisionBody(ObjectType type);
 // One side of one collision point. Each point gives a record in the list of
 // each non-static object that takes part.
 struct Contact {
-  Mat<3, 3> frame;     // world to contact frame; the third row is the normal
-  Mat<3, 1> position;  // world coordinates
-  Mat<3, 1> normal;    // unit normal, the same in both records of a point
-  Mat<3, 3> delassus;  // this object's J M^-1 J^T block, contact frame
+  Mat<3, 3> frame;               // world to contact frame; the third row is the normal
+  Mat<3, 1> position;            // world coordinates
+  Mat<3, 1> normal;              // unit normal, the same in both records of a point
+  Mat<3, 3> delassus;            // this object's J M^-1 J^T block, contact frame
   Mat<3, 1>* impulse = nullptr;  // the problem's impulse, set by contactProblemUpdate
   double impactVel = 0.0;        // normal velocity at the start of the step
   double depth = 0.0;            // negated penetration depth

@@ -30,10 +30,10 @@ class VorSimMsg {
 
 }  // namespace vorsim
 
-#define VORSIM_MSG_IMPL_(severity, text)                                     \
-  do {                                                                       \
-    std::stringstream vorsim_msg_text_;                                      \
-    vorsim_msg_text_ << text; /* NOLINT(bugprone-macro-parentheses) */       \
+#define VORSIM_MSG_IMPL_(severity, text)                                        \
+  do {                                                                          \
+    std::stringstream vorsim_msg_text_;                                         \
+    vorsim_msg_text_ << text; /* NOLINT(bugprone-macro-parentheses) */          \
     vorsim::VorSimMsg().stream(__FILE__, __LINE__, vorsim_msg_text_, severity); \
   } while (0)
 

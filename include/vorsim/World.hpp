@@ -83,8 +83,7 @@ class World {
 
   // Warns when erp is negative; stores both in any case.
   void setERP(double erp, double erp2 = 0.0);
-  void setContactSolverParam(double alpha_init, double alpha_min, double alpha_decay, int maxIter,
-                             double threshold);
+  void setContactSolverParam(double alpha_init, double alpha_min, double alpha_decay, int maxIter, double threshold);
   contact::BisectionContactSolver& getContactSolver() { return solver_; }
   const contact::BisectionContactSolver& getContactSolver() const { return solver_; }
   const ContactProblemList& getContactProblem() const { return contactProblems_; }
@@ -95,17 +94,16 @@ class World {
   void setDefaultMaterial(double friction, double restitution, double restThreshold);
   void setDefaultMaterial(double friction, double restitution, double restThreshold, double staticFriction,
                           double staticThreshold);
-  void setMaterialPairProp(const std::string& name1, const std::string& name2, double friction,
-                           double restitution, double restThreshold);
-  void setMaterialPairProp(const std::string& name1, const std::string& name2, double friction,
-                           double restitution, double restThreshold, double staticFriction,
-                           double staticThreshold);
+  void setMaterialPairProp(const std::string& name1, const std::string& name2, double friction, double restitution,
+                           double restThreshold);
+  void setMaterialPairProp(const std::string& name1, const std::string& name2, double friction, double restitution,
+                           double restThreshold, double staticFriction, double staticThreshold);
   void updateMaterialProp(const MaterialManager& other);
   const MaterialManager& getMaterialManager() const { return materialManager_; }
 
   // ---- registry ----
-  Sphere* addSphere(double radius, double mass, const std::string& material = "default",
-                    size_t collisionGroup = 1, size_t collisionMask = kAllBits);
+  Sphere* addSphere(double radius, double mass, const std::string& material = "default", size_t collisionGroup = 1,
+                    size_t collisionMask = kAllBits);
   Box* addBox(double xLength, double yLength, double zLength, double mass, const std::string& material = "default",
               size_t collisionGroup = 1, size_t collisionMask = kAllBits);
   Cylinder* addCylinder(double radius, double height, double mass, const std::string& material = "default",
@@ -113,18 +111,15 @@ class World {
   Capsule* addCapsule(double radius, double height, double mass, const std::string& material = "default",
                       size_t collisionGroup = 1, size_t collisionMask = kAllBits);
   // A static plane z = height, in the fixed collision group 0x80000000.
-  Ground* addGround(double height = 0.0, const std::string& material = "default",
-                    size_t collisionMask = kAllBits);
+  Ground* addGround(double height = 0.0, const std::string& material = "default", size_t collisionMask = kAllBits);
 
-  StiffLengthConstraint* addStiffWire(Object* object1, size_t localIdx1, const Eigen::Vector3d& pos1,
-                                      Object* object2, size_t localIdx2, const Eigen::Vector3d& pos2,
-                                      double length);
+  StiffLengthConstraint* addStiffWire(Object* object1, size_t localIdx1, const Eigen::Vector3d& pos1, Object* object2,
+                                      size_t localIdx2, const Eigen::Vector3d& pos2, double length);
   CompliantLengthConstraint* addCompliantWire(Object* object1, int localIdx1, const Eigen::Vector3d& pos1,
                                               Object* object2, int localIdx2, const Eigen::Vector3d& pos2,
                                               double length, double stiffness);
-  CustomLengthConstraint* addCustomWire(Object* object1, size_t localIdx1, const Eigen::Vector3d& pos1,
-                                        Object* object2, size_t localIdx2, const Eigen::Vector3d& pos2,
-                                        double length);
+  CustomLengthConstraint* addCustomWire(Object* object1, size_t localIdx1, const Eigen::Vector3d& pos1, Object* object2,
+                                        size_t localIdx2, const Eigen::Vector3d& pos2, double length);
 
   // The first object (or wire) of that name in list order, or null.
   Object* getObject(const std::string& name);

@@ -347,9 +347,7 @@ class VecDyn : public DynamicArray {
   double operator()(size_t i) const { return v[i]; }
 
   Eigen::Map<Eigen::VectorXd> e() { return Eigen::Map<Eigen::VectorXd>(v, Eigen::Index(n)); }
-  Eigen::Map<const Eigen::VectorXd> e() const {
-    return Eigen::Map<const Eigen::VectorXd>(v, Eigen::Index(n));
-  }
+  Eigen::Map<const Eigen::VectorXd> e() const { return Eigen::Map<const Eigen::VectorXd>(v, Eigen::Index(n)); }
 };
 
 class MatDyn : public DynamicArray {
@@ -396,9 +394,7 @@ class MatDyn : public DynamicArray {
       for (size_t i = 0; i < r; ++i) v[(col + j) * n + row + i] = block.v[i + j * r];
   }
 
-  Eigen::Map<Eigen::MatrixXd> e() {
-    return Eigen::Map<Eigen::MatrixXd>(v, Eigen::Index(n), Eigen::Index(m));
-  }
+  Eigen::Map<Eigen::MatrixXd> e() { return Eigen::Map<Eigen::MatrixXd>(v, Eigen::Index(n), Eigen::Index(m)); }
   Eigen::Map<const Eigen::MatrixXd> e() const {
     return Eigen::Map<const Eigen::MatrixXd>(v, Eigen::Index(n), Eigen::Index(m));
   }
@@ -452,8 +448,7 @@ class SparseJacobian {
 template <typename T, size_t Alignment>
 class AlignedAllocator {
  public:
-  static_assert(Alignment >= alignof(void*) && (Alignment & (Alignment - 1)) == 0,
-                "alignment must be a power of two");
+  static_assert(Alignment >= alignof(void*) && (Alignment & (Alignment - 1)) == 0, "alignment must be a power of two");
   using value_type = T;
   using size_type = size_t;
   using difference_type = std::ptrdiff_t;
@@ -494,9 +489,7 @@ using AlignedVector = std::vector<T, AlignedAllocator<T, 32>>;
 // ---------------------------------------------------------------------------
 // Small vector helpers.
 // ---------------------------------------------------------------------------
-inline double dot(Mat<3, 1> const& a, Mat<3, 1> const& b) {
-  return a[0] * b[0] + a[1] * b[1] + a[2] * b[2];
-}
+inline double dot(Mat<3, 1> const& a, Mat<3, 1> const& b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
 
 inline void cross(Mat<3, 1> const& a, Mat<3, 1> const& b, Mat<3, 1>& out) {
   const double x = a[1] * b[2] - a[2] * b[1];
@@ -573,13 +566,11 @@ inline void matadd(Mat<n, m> const& a, Mat<n, m>& b) {
 inline void similarityTransform(Mat<3, 3> const& r, Mat<3, 3> const& s, Mat<3, 3>& out) {
   double t[9];  // t = r * s^T
   for (size_t i = 0; i < 3; ++i)
-    for (size_t k = 0; k < 3; ++k)
-      t[i + 3 * k] = r(i, 0) * s(k, 0) + r(i, 1) * s(k, 1) + r(i, 2) * s(k, 2);
+    for (size_t k = 0; k < 3; ++k) t[i + 3 * k] = r(i, 0) * s(k, 0) + r(i, 1) * s(k, 1) + r(i, 2) * s(k, 2);
   double o[6];
   size_t idx = 0;
   for (size_t j = 0; j < 3; ++j)
-    for (size_t i = j; i < 3; ++i)
-      o[idx++] = t[i] * r(j, 0) + t[i + 3] * r(j, 1) + t[i + 6] * r(j, 2);
+    for (size_t i = j; i < 3; ++i) o[idx++] = t[i] * r(j, 0) + t[i + 3] * r(j, 1) + t[i + 6] * r(j, 2);
   out(0, 0) = o[0];
   out(1, 0) = o[1];
   out(2, 0) = o[2];
@@ -595,13 +586,11 @@ inline void similarityTransform(Mat<3, 3> const& r, Mat<3, 3> const& s, Mat<3, 3
 inline void similarityTransform2(Mat<3, 3> const& r, Mat<3, 3> const& s, Mat<3, 3>& out) {
   double t[9];  // t = r^T * s^T
   for (size_t i = 0; i < 3; ++i)
-    for (size_t k = 0; k < 3; ++k)
-      t[i + 3 * k] = r(0, i) * s(k, 0) + r(1, i) * s(k, 1) + r(2, i) * s(k, 2);
+    for (size_t k = 0; k < 3; ++k) t[i + 3 * k] = r(0, i) * s(k, 0) + r(1, i) * s(k, 1) + r(2, i) * s(k, 2);
   double o[6];
   size_t idx = 0;
   for (size_t j = 0; j < 3; ++j)
-    for (size_t i = j; i < 3; ++i)
-      o[idx++] = t[i] * r(0, j) + t[i + 3] * r(1, j) + t[i + 6] * r(2, j);
+    for (size_t i = j; i < 3; ++i) o[idx++] = t[i] * r(0, j) + t[i + 3] * r(1, j) + t[i + 6] * r(2, j);
   out(0, 0) = o[0];
   out(1, 0) = o[1];
   out(2, 0) = o[2];
@@ -631,8 +620,7 @@ inline Eigen::Matrix3d skewMatEigen(Eigen::Matrix<double, 3, 1> const& a) {
 inline void inertiaAtP(double mass, Mat<3, 3> const& inertia, Mat<3, 1> const& r, Mat<3, 3>& out) {
   const double rr = dot(r, r);
   for (size_t j = 0; j < 3; ++j)
-    for (size_t i = 0; i < 3; ++i)
-      out(i, j) = inertia(i, j) + mass * ((i == j ? rr : 0.0) - r[i] * r[j]);
+    for (size_t i = 0; i < 3; ++i) out(i, j) = inertia(i, j) + mass * ((i == j ? rr : 0.0) - r[i] * r[j]);
 }
 
 // inertia += mass*(r.r*1 - r*r^T)
@@ -817,18 +805,17 @@ inline double fastAtanVor(double x) {
   double r;
   if (a < 0.325) {
     const double a2 = a * a;
-    r = a * (1.0 +
-             a2 * (-0.3333333333333333 +
-                   a2 * (0.2 +
-                         a2 * (-0.142857142857143 +
-                               a2 * (0.11111111111111 +
-                                     a2 * (-0.09090909090909091 +
-                                           a2 * (0.07692307692307693 +
-                                                 a2 * (-0.06666666666666667 +
-                                                       a2 * (0.058823529411764705 +
-                                                             a2 * (-0.05263157894736842 +
-                                                                   a2 * (0.047619047619047616 +
-                                                                         a2 * -0.043478260869565216)))))))))));
+    r = a *
+        (1.0 + a2 * (-0.3333333333333333 +
+                     a2 * (0.2 + a2 * (-0.142857142857143 +
+                                       a2 * (0.11111111111111 +
+                                             a2 * (-0.09090909090909091 +
+                                                   a2 * (0.07692307692307693 +
+                                                         a2 * (-0.06666666666666667 +
+                                                               a2 * (0.058823529411764705 +
+                                                                     a2 * (-0.05263157894736842 +
+                                                                           a2 * (0.047619047619047616 +
+                                                                                 a2 * -0.043478260869565216)))))))))));
   } else if (a > 0.68) {
     const double d = a - 1.0;
     static constexpr double c[18] = {0.7853981633974483,
@@ -853,13 +840,20 @@ inline double fastAtanVor(double x) {
     for (int k = 16; k >= 0; --k) r = r * d + c[k];
   } else {
     const double u = 2.0 * a - 1.0;
-    static constexpr double c[14] = {0.4636476090008061,     0.4,
-                                     -0.08,                  -0.005333333333333333,
-                                     0.0096,                 -0.002432,
-                                     -0.0004693333333333333, 0.0005083428571428572,
-                                     -0.00010752,            -4.084622222222222e-5,
-                                     3.190784e-5,            -4.91892363636363e-6,
-                                     -3.514368e-6,           2.13004603076923e-6};
+    static constexpr double c[14] = {0.4636476090008061,
+                                     0.4,
+                                     -0.08,
+                                     -0.005333333333333333,
+                                     0.0096,
+                                     -0.002432,
+                                     -0.0004693333333333333,
+                                     0.0005083428571428572,
+                                     -0.00010752,
+                                     -4.084622222222222e-5,
+                                     3.190784e-5,
+                                     -4.91892363636363e-6,
+                                     -3.514368e-6,
+                                     2.13004603076923e-6};
     r = c[13];
     for (int k = 12; k >= 0; --k) r = r * u + c[k];
   }
@@ -870,8 +864,8 @@ inline double fastAtanVor(double x) {
 // `frame` is contact axis f_i in world coordinates (row 2 the normal), `r` goes
 // from the contact point to the centre of mass. J = [frame | T^T] with column i
 // of T = f_i x r; MinvJT = [invMass*frame^T ; invInertia*T].
-inline void computeJandMinvJT(double invMass, Mat<3, 3> const& frame, Mat<3, 3> const& invInertia,
-                              Mat<3, 1> const& r, Mat<6, 3>& MinvJT, Mat<3, 6>& J) {
+inline void computeJandMinvJT(double invMass, Mat<3, 3> const& frame, Mat<3, 3> const& invInertia, Mat<3, 1> const& r,
+                              Mat<6, 3>& MinvJT, Mat<3, 6>& J) {
   Mat<3, 3> T;  // column i = f_i x r
   for (size_t i = 0; i < 3; ++i) {
     const double fx = frame(i, 0), fy = frame(i, 1), fz = frame(i, 2);

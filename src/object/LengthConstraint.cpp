@@ -6,7 +6,12 @@ namespace vorsim {
 
 LengthConstraint::LengthConstraint(Object* ob1_, size_t localIdx1_, Mat<3, 1> pos1, Object* ob2_, size_t localIdx2_,
                                    Mat<3, 1> pos2, double length_)
-    : ob1MountPos(pos1), ob1(ob1_), ob2MountPos(pos2), ob2(ob2_), localIdx1(localIdx1_), localIdx2(localIdx2_),
+    : ob1MountPos(pos1),
+      ob1(ob1_),
+      ob2MountPos(pos2),
+      ob2(ob2_),
+      localIdx1(localIdx1_),
+      localIdx2(localIdx2_),
       length(length_) {}
 
 void LengthConstraint::update(ContactProblemList& problems) {
@@ -77,10 +82,8 @@ void StiffLengthConstraint::applyTension(ContactProblemList& problems) {
 }
 
 CompliantLengthConstraint::CompliantLengthConstraint(Object* ob1_, int localIdx1_, Mat<3, 1> pos1, Object* ob2_,
-                                                     int localIdx2_, Mat<3, 1> pos2, double length_,
-                                                     double stiffness_)
-    : LengthConstraint(ob1_, size_t(localIdx1_), pos1, ob2_, size_t(localIdx2_), pos2, length_),
-      stiffness(stiffness_) {
+                                                     int localIdx2_, Mat<3, 1> pos2, double length_, double stiffness_)
+    : LengthConstraint(ob1_, size_t(localIdx1_), pos1, ob2_, size_t(localIdx2_), pos2, length_), stiffness(stiffness_) {
   wireType = COMPLIANT;
 }
 

@@ -26,9 +26,9 @@ Sphere::Sphere(double radius, double mass) : SingleBodyObject(SPHERE), radius_(r
 Box::Box(double xDim, double yDim, double zDim, double mass)
     : SingleBodyObject(BOX), xDim_(xDim), yDim_(yDim), zDim_(zDim) {
   const double k = mass / 12.0;
-  initPrimitive(dCreateBox(nullptr, xDim, yDim, zDim), mass,
-                        diag(k * (yDim * yDim + zDim * zDim), k * (xDim * xDim + zDim * zDim),
-                             k * (xDim * xDim + yDim * yDim)));
+  initPrimitive(
+      dCreateBox(nullptr, xDim, yDim, zDim), mass,
+      diag(k * (yDim * yDim + zDim * zDim), k * (xDim * xDim + zDim * zDim), k * (xDim * xDim + yDim * yDim)));
   updateCollision();
 }
 
@@ -87,8 +87,8 @@ void getInertialAssumingUniformDensity(Shape::Type type, const Mat<4, 1>& params
     case Shape::Cylinder: {
       const double l = params[1];
       mass = M_PI * r * r * l * density;
-      D(0, 0) = D(1, 1) =
-          mass / 12.0 * (3.0 * r * r + l * l) + 0.4 * mass * r * r + 4.0 / 3.0 * M_PI * r * r * r * density * l * l / 4.0;
+      D(0, 0) = D(1, 1) = mass / 12.0 * (3.0 * r * r + l * l) + 0.4 * mass * r * r +
+                          4.0 / 3.0 * M_PI * r * r * r * density * l * l / 4.0;
       D(2, 2) = mass / 2.0 * r * r + 0.4 * mass * r * r;
       break;
     }

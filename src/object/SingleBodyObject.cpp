@@ -58,8 +58,7 @@ void evalEulerEqn(const Mat<3, 1>& w, const Mat<3, 1>& wOld, const Mat<3, 1>& to
 void evalEulerEqnDeriv(const Mat<3, 1>& w, const Mat<3, 1>& /*wOld*/, double dt, const Mat<3, 3>& inertia,
                        Mat<3, 3>& out) {
   const Mat<3, 1> Iw = mul(inertia, w);
-  const Eigen::Matrix3d d =
-      inertia.e() + dt * (skewMatEigen(w.e()) * inertia.e() - skewMatEigen(Iw.e()));
+  const Eigen::Matrix3d d = inertia.e() + dt * (skewMatEigen(w.e()) * inertia.e() - skewMatEigen(Iw.e()));
   out = d;
 }
 
@@ -101,9 +100,7 @@ void SingleBodyObject::setOrientation(const Mat<4, 1>& quat) {
   orientationQuat_ = quat;
   updateOrientation();
 }
-void SingleBodyObject::setOrientation(double w, double x, double y, double z) {
-  setOrientation(Mat<4, 1>{w, x, y, z});
-}
+void SingleBodyObject::setOrientation(double w, double x, double y, double z) { setOrientation(Mat<4, 1>{w, x, y, z}); }
 void SingleBodyObject::setOrientation(const Eigen::Vector4d& quat) {
   setOrientation(Mat<4, 1>{quat(0), quat(1), quat(2), quat(3)});
 }
@@ -189,9 +186,7 @@ double SingleBodyObject::getPotentialEnergy(const Mat<3, 1>& gravity) const {
   return -mass_ * dot(comPosition_, gravity);
 }
 
-Eigen::Vector3d SingleBodyObject::getAngularMomentum() const {
-  return mul(worldInertia_, angularVelocity_).e();
-}
+Eigen::Vector3d SingleBodyObject::getAngularMomentum() const { return mul(worldInertia_, angularVelocity_).e(); }
 
 // -------------------------------------------------------------------- loads --
 
@@ -408,8 +403,7 @@ void SingleBodyObject::integrate(double dt, World&) {
   const Mat<3, 1> W3 = add(w0, k3);
   eulerIntegrate(dt, R3, W3, k4);
 
-  for (size_t i = 0; i < 3; ++i)
-    angularVelocity_[i] = w0[i] + k1[i] / 6.0 + k2[i] / 3.0 + k3[i] / 3.0 + k4[i] / 6.0;
+  for (size_t i = 0; i < 3; ++i) angularVelocity_[i] = w0[i] + k1[i] / 6.0 + k2[i] / 3.0 + k3[i] / 3.0 + k4[i] / 6.0;
 
   Mat<3, 1> Wm;
   for (size_t i = 0; i < 3; ++i) Wm[i] = W0[i] / 6.0 + W1[i] / 3.0 + W2[i] / 3.0 + W3[i] / 6.0;

@@ -34,7 +34,9 @@ void* calloc(size_t n, size_t size) { return count(), __libc_calloc(n, size); }
 void* realloc(void* p, size_t n) { return count(), __libc_realloc(p, n); }
 void* memalign(size_t alignment, size_t n) { return count(), __libc_memalign(alignment, n); }
 void* aligned_alloc(size_t alignment, size_t n) { return count(), __libc_memalign(alignment, n); }
-int posix_memalign(void** p, size_t alignment, size_t n) { return count(), (*p = __libc_memalign(alignment, n)) ? 0 : 12; }
+int posix_memalign(void** p, size_t alignment, size_t n) {
+  return count(), (*p = __libc_memalign(alignment, n)) ? 0 : 12;
+}
 }
 #endif
 

@@ -81,16 +81,16 @@ class LengthConstraint : public Constraints {
 // Enforced by the contact solver as a one-sided constraint along the wire.
 class StiffLengthConstraint : public LengthConstraint {
  public:
-  StiffLengthConstraint(Object* ob1, size_t localIdx1, Mat<3, 1> pos1, Object* ob2, size_t localIdx2,
-                        Mat<3, 1> pos2, double length);
+  StiffLengthConstraint(Object* ob1, size_t localIdx1, Mat<3, 1> pos1, Object* ob2, size_t localIdx2, Mat<3, 1> pos2,
+                        double length);
   void applyTension(ContactProblemList& problems) override;
 };
 
 // A spring: tension = stiffness * stretch while active.
 class CompliantLengthConstraint : public LengthConstraint {
  public:
-  CompliantLengthConstraint(Object* ob1, int localIdx1, Mat<3, 1> pos1, Object* ob2, int localIdx2,
-                            Mat<3, 1> pos2, double length, double stiffness);
+  CompliantLengthConstraint(Object* ob1, int localIdx1, Mat<3, 1> pos1, Object* ob2, int localIdx2, Mat<3, 1> pos2,
+                            double length, double stiffness);
   void applyTension(ContactProblemList& problems) override;
   double getStiffness() const { return stiffness; }
 
@@ -102,8 +102,8 @@ class CompliantLengthConstraint : public LengthConstraint {
 // Applies the tension set by the caller in every step, active or not.
 class CustomLengthConstraint : public LengthConstraint {
  public:
-  CustomLengthConstraint(Object* ob1, size_t localIdx1, Mat<3, 1> pos1, Object* ob2, size_t localIdx2,
-                         Mat<3, 1> pos2, double length);
+  CustomLengthConstraint(Object* ob1, size_t localIdx1, Mat<3, 1> pos1, Object* ob2, size_t localIdx2, Mat<3, 1> pos2,
+                         double length);
   void applyTension(ContactProblemList& problems) override;
   void setTension(double t) { tension = t; }
   double getTension() const { return tension; }

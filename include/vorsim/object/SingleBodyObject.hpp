@@ -34,8 +34,7 @@ void rotationIntegration(const Mat<3, 3>& R, Mat<3, 3>& Rout, double dt, const M
 // exported for callers that want a Newton step (with solve33). No step uses them.
 void evalEulerEqn(const Mat<3, 1>& w, const Mat<3, 1>& wOld, const Mat<3, 1>& torque, double dt,
                   const Mat<3, 3>& inertia, Mat<3, 1>& out);
-void evalEulerEqnDeriv(const Mat<3, 1>& w, const Mat<3, 1>& wOld, double dt, const Mat<3, 3>& inertia,
-                       Mat<3, 3>& out);
+void evalEulerEqnDeriv(const Mat<3, 1>& w, const Mat<3, 1>& wOld, double dt, const Mat<3, 3>& inertia, Mat<3, 3>& out);
 
 class SingleBodyObject : public Object {
  public:
