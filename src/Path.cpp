@@ -14,8 +14,6 @@ static constexpr char kSeparator = '/';
 static constexpr char kAntiSeparator = '\\';
 #endif
 
-char Path::separatorChar() { return kSeparator; }
-char Path::antiSeparatorChar() { return kAntiSeparator; }
 std::string Path::separator() { return std::string(1, kSeparator); }
 
 void Path::replaceAntiSeparatorWithSeparator(std::string& path) {

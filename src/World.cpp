@@ -314,13 +314,7 @@ Capsule* World::addCapsule(double radius, double height, double mass, const std:
 Ground* World::addGround(double height, const std::string& material, size_t collisionMask) {
   auto* object = registerObject(new Ground(height));
   object->setAppearance("grid");
-  dxGeom* geom = object->getCollisionObject();
-  GeomData& data = geomData(geom);
-  data.material = material;
-  data.localIndex = 0;
-  data.objectIndex = objects_.size() - 1;
-  setCollisionBits(geom, 0x80000000u, collisionMask);
-  dSpaceAdd(collisionSpace_, geom);
+  addCollisionObject(object->getCollisionObject(), 0, material, 0x80000000u, collisionMask);
   return object;
 }
 

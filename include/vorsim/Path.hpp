@@ -16,8 +16,6 @@ class Path {
 
   static void replaceAntiSeparatorWithSeparator(std::string& path);
   static std::string separator();
-  static char separatorChar();
-  static char antiSeparatorChar();
 
   // Text before the last separator; an empty Path when there is none.
   Path getDirectory() const;

@@ -19,7 +19,6 @@ class VorSimMsg {
   // A callback that returns lets the code after the message run on; a throwing
   // one unwinds out of the failing call.
   static void setFatalCallback(std::function<void()> callback) { fatalCallback_ = std::move(callback); }
-  static const std::function<void()>& getFatalCallback() { return fatalCallback_; }
   // Restores the default callback, which calls exit(1).
   static void resetFatalCallback();
 

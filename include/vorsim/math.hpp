@@ -218,11 +218,6 @@ class Mat {
     r.setIdentity();
     return r;
   }
-  static Mat getZeros() {
-    Mat r;
-    r.setZero();
-    return r;
-  }
 
   double squaredNorm() const {
     double s = 0.0;
@@ -259,9 +254,6 @@ class Mat {
 static_assert(sizeof(Mat<3, 3>) == 72, "Mat must hold its elements only");
 static_assert(std::is_trivially_copyable_v<Mat<3, 6>>, "Mat must be trivially copyable");
 
-using Vec3 = Mat<3, 1>;
-using Vec4 = Mat<4, 1>;
-using Mat33 = Mat<3, 3>;
 
 // ---------------------------------------------------------------------------
 // Heap vectors and matrices with 16-byte aligned data.
@@ -482,9 +474,6 @@ class AlignedAllocator {
     return false;
   }
 };
-
-template <typename T>
-using AlignedVector = std::vector<T, AlignedAllocator<T, 32>>;
 
 // ---------------------------------------------------------------------------
 // Small vector helpers.
