@@ -13,6 +13,6 @@ ensure_packages "${VORSIM_BUILD_PACKAGES[@]}" "${VORSIM_BENCH_PACKAGES[@]}"
 
 cmake -S "$root" -B "$root/build/bench" -DCMAKE_BUILD_TYPE=Release -DVORSIM_BUILD_BENCH=ON \
   -DVORSIM_BUILD_TESTS=OFF -DVORSIM_BUILD_EXAMPLES=OFF >/dev/null
-cmake --build "$root/build/bench" --target vorsim_bench -j"$(jobs)"
+cmake --build "$root/build/bench" --target vorsim_bench -j"$(build_jobs)"
 cd "$here"
 "$root/build/bench/bench/vorsim_bench" "$@"

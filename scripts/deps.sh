@@ -19,4 +19,4 @@ VORSIM_BUILD_PACKAGES=(build-essential cmake pkg-config ccache libeigen3-dev lib
 VORSIM_TEST_PACKAGES=(libgtest-dev)
 VORSIM_BENCH_PACKAGES=(libmujoco-dev libbullet-dev)
 
-jobs() { nproc 2>/dev/null || echo 2; }
+build_jobs() { nproc 2>/dev/null || echo 2; }

@@ -9,9 +9,6 @@
 namespace vorsim {
 
 namespace {
-// A pair of links of one articulated system keeps this many points of a set.
-constexpr int kMaxSelfCollisionContacts = 1;
-
 inline Mat<3, 1> toMat(const Eigen::Vector3d& v) { return {v(0), v(1), v(2)}; }
 }  // namespace
 
@@ -132,7 +129,7 @@ void World::integrate1() {
           break;
         }
       }
-      if (A->getObjectType() == ARTICULATED_SYSTEM && found >= kMaxSelfCollisionContacts) continue;
+      if (A->getObjectType() == ARTICULATED_SYSTEM && found >= A->getMaxSelfCollisionContacts()) continue;
     }
 
     Mat<3, 1> n{g.normal[0], g.normal[1], g.normal[2]};
@@ -387,8 +384,7 @@ void World::removeObject(Object* object) {
   if (k != last) {
     Object* moved = objects_[last];
     objects_[k] = moved;
-    if (auto* body = dynamic_cast<SingleBodyObject*>(moved))
-      if (body->getCollisionObject()) geomData(body->getCollisionObject()).objectIndex = k;
+    moved->setGeomObjectIndex(k);
     moved->setIndexInWorld(k);
   }
   objects_.pop_back();

@@ -138,6 +138,13 @@ class Object {
   virtual void appendJointLimits(ContactProblemList& /*problems*/) {}
   virtual double enforceJointLimits(contact::Single3DContactProblem& /*problem*/) { return 0.0; }
   virtual void appendConstraints(ContactProblemList& /*problems*/) {}
+  // Writes `index` as the owning object's index into every geom of this object.
+  // The world calls it when the object takes a new place in its list, so that
+  // contacts and rays find the object through any of its geoms.
+  virtual void setGeomObjectIndex(size_t /*index*/) {}
+  // How many points a pair of this object's own bodies keeps of one
+  // self-collision set; read only for articulated systems.
+  virtual int getMaxSelfCollisionContacts() const { return 1; }
 
   std::vector<Contact>& getContacts() { return contacts_; }
   const std::vector<Contact>& getContacts() const { return contacts_; }

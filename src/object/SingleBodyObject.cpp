@@ -83,6 +83,10 @@ void SingleBodyObject::destroyCollisionBodies(dxSpace* space) {
   collisionObject_ = nullptr;
 }
 
+void SingleBodyObject::setGeomObjectIndex(size_t index) {
+  if (collisionObject_) geomData(collisionObject_).objectIndex = index;
+}
+
 uint32_t SingleBodyObject::getCollisionGroup() const { return getCategoryBits(collisionObject_); }
 uint32_t SingleBodyObject::getCollisionMask() const { return getCollideBits(collisionObject_); }
 

@@ -68,6 +68,7 @@ class SingleBodyObject : public Object {
   void updateTimeStep(double /*dt*/) override {}
   void updateTimeStepIfNecessary(double /*dt*/) override {}
   void updateGenVelWithImpulse(size_t contactIdx, const Mat<3, 1>& impulse) override;
+  void setGeomObjectIndex(size_t index) override;
 
   // ---- pose and velocity (between steps) ----
   virtual void setPosition(const Mat<3, 1>& pos);
