@@ -389,6 +389,38 @@ TEST(HeightMap, UpdatesReplaceTheHeightsThatCollisionSees) {
   EXPECT_TRUE(says(fatalText([&] { map->update(0, 0, p); }),
                    "Height map update needs the map's 20 by 20 samples, got 21 by 20"));
   EXPECT_EQ(map->getHeight(-2.0, 2.9), 0.25);
+
+  // A new size is stored for the queries while collision keeps its grid: said aloud.
+  {
+    StdoutCapture out;
+    map->update(0.0, 0.0, 12.0, 6.0, flat);
+    EXPECT_NE(out.text().find("\x1b[33mHeight map update to a size of 12 by 6: collision keeps the grid of 6 by 6"),
+              std::string::npos);
+  }
+  EXPECT_EQ(map->getXSize(), 12.0);
+
+  // Removal frees the geom and the heightfield data, which is then unknown.
+  dxHeightfieldData* data = map->getHeightFieldData();
+  const int geoms = dSpaceGetNumGeoms(world.getCollisionSpace());
+  world.removeObject(map);
+  EXPECT_EQ(dSpaceGetNumGeoms(world.getCollisionSpace()), geoms - 1);
+  EXPECT_TRUE(says(fatalText([&] { dxgetHeightFromHeightField(data, 0.0, 0.0); }),
+                   "heightfield data that no height map registered"));
+}
+
+TEST(HeightMap, AFatalCallbackThatReturnsGetsADefinedMap) {
+  int fatals = 0;
+  VorSimMsg::setFatalCallback([&] { ++fatals; });
+  StdoutCapture out;
+  HeightMap shortOne(3, 2, 2.0, 1.0, 0.0, 0.0, {1, 2, 3, 4});  // two heights missing: zeros
+  EXPECT_EQ(shortOne.getHeightMap(), (std::vector<double>{1, 2, 3, 4, 0, 0}));
+  EXPECT_EQ(shortOne.getHeight(1.0, 0.5), 0.0);
+  HeightMap line(1, 4, -1.0, 1.0, 0.0, 0.0, {1, 2, 3, 4});  // one column, no size: level 2 by 2, 1 m
+  EXPECT_EQ(line.getXSamples(), 2u);
+  EXPECT_EQ(line.getXSize(), 1.0);
+  EXPECT_EQ(line.getHeight(0.3, 0.2), 0.0);
+  EXPECT_EQ(fatals, 3);
+  VorSimMsg::resetFatalCallback();
 }
 
 // ------------------------------------------------------------------ dynamics --
