@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <png.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -201,6 +202,13 @@ TEST(HeightMap, HeightAndNormalFollowTheGridAndItsDerivatives) {
     EXPECT_NEAR((n.e() - fdNormal(x, y)).norm(), 0.0, 1e-6) << x << " " << y;
   }
   EXPECT_GT(outside, 50);
+  // On the far border the slope is that of the last cells.
+  for (double f : {0.3, 2.6}) {
+    const double xe = x0 + xSize, ye = y0 + f * dy, e = 1e-7;
+    Mat<3, 1> n;
+    map.getNormal(xe, ye, n);
+    EXPECT_NEAR(-n[0] / n[2], (map.getHeight(xe, ye) - map.getHeight(xe - e, ye)) / e, 1e-5);
+  }
   // Outside, the border continues level: the height of the nearest border point.
   EXPECT_EQ(map.getHeight(x0 - 3.0, y0 + 2 * dy), h[2 * nx]);
   EXPECT_NEAR(map.getHeight(x0 + xSize + 1.0, y0 + ySize + 1.0), h[nx * ny - 1], 1e-15);
@@ -360,7 +368,12 @@ TEST(HeightMap, BadInputIsAFatalMessage) {
 TEST(HeightMap, UpdatesReplaceTheHeightsThatCollisionSees) {
   World world;
   TerrainProperties p(0.5, 6.0, 6.0, 1.0, 20, 20, 3, 2.0, 0.5, 0.0, 0.0, 1);
-  auto* map = world.addHeightMap(0.0, 0.0, p);
+  const double cx = 0.5, cy = -1.5;
+  auto* map = world.addHeightMap(cx, cy, p);
+  dReal box[6];
+  dGeomGetAABB(map->getCollisionObject(), box);  // the heightfield is 100 m thick
+  EXPECT_NEAR(box[4], *std::min_element(map->getHeightMap().begin(), map->getHeightMap().end()) - 100.0, 1e-9);
+  EXPECT_NEAR(box[5], *std::max_element(map->getHeightMap().begin(), map->getHeightMap().end()), 1e-9);
   EXPECT_FALSE(map->isUpdated());
   EXPECT_EQ(map->getHeightMap(), TerrainGenerator(p).generatePerlinFractalTerrain());
 
@@ -368,7 +381,7 @@ TEST(HeightMap, UpdatesReplaceTheHeightsThatCollisionSees) {
   // geom's bounding box must have followed.
   p.seed = 2;
   p.heightOffset = 3.0;
-  map->update(0.0, 0.0, p);
+  map->update(cx, cy, p);
   EXPECT_TRUE(map->isUpdated());
   EXPECT_EQ(map->getHeightMap(), TerrainGenerator(p).generatePerlinFractalTerrain());
   auto* ball = world.addSphere(0.1, 1.0);
@@ -378,7 +391,9 @@ TEST(HeightMap, UpdatesReplaceTheHeightsThatCollisionSees) {
   EXPECT_NEAR(world.rayTest({1.1, 0.4, 9.0}, {0, 0, -1}, 20.0)[0].getPosition()[2], map->getHeight(1.1, 0.4), 1e-9);
 
   std::vector<double> flat(400, 0.25);
-  map->update(0.0, 0.0, 6.0, 6.0, flat);
+  map->setUpdated(false);
+  map->update(cx, cy, 6.0, 6.0, flat);
+  EXPECT_TRUE(map->isUpdated());
   EXPECT_EQ(map->getHeight(-2.0, 2.9), 0.25);
   EXPECT_NEAR(world.rayTest({1.1, 0.4, 9.0}, {0, 0, -1}, 20.0)[0].getPosition()[2], 0.25, 1e-12);
 
@@ -393,7 +408,7 @@ TEST(HeightMap, UpdatesReplaceTheHeightsThatCollisionSees) {
   // A new size is stored for the queries while collision keeps its grid: said aloud.
   {
     StdoutCapture out;
-    map->update(0.0, 0.0, 12.0, 6.0, flat);
+    map->update(cx, cy, 12.0, 6.0, flat);
     EXPECT_NE(out.text().find("\x1b[33mHeight map update to a size of 12 by 6: collision keeps the grid of 6 by 6"),
               std::string::npos);
   }
@@ -415,7 +430,7 @@ TEST(HeightMap, AFatalCallbackThatReturnsGetsADefinedMap) {
   HeightMap shortOne(3, 2, 2.0, 1.0, 0.0, 0.0, {1, 2, 3, 4});  // two heights missing: zeros
   EXPECT_EQ(shortOne.getHeightMap(), (std::vector<double>{1, 2, 3, 4, 0, 0}));
   EXPECT_EQ(shortOne.getHeight(1.0, 0.5), 0.0);
-  HeightMap line(1, 4, -1.0, 1.0, 0.0, 0.0, {1, 2, 3, 4});  // one column, no size: level 2 by 2, 1 m
+  HeightMap line(1, 4, 0.0, 1.0, 0.0, 0.0, {1, 2, 3, 4});  // one column, no size: level 2 by 2, 1 m
   EXPECT_EQ(line.getXSamples(), 2u);
   EXPECT_EQ(line.getXSize(), 1.0);
   EXPECT_EQ(line.getHeight(0.3, 0.2), 0.0);
