@@ -214,6 +214,9 @@ TEST(HeightMap, HeightAndNormalFollowTheGridAndItsDerivatives) {
   EXPECT_NEAR(map.getHeight(x0 + xSize + 1.0, y0 + ySize + 1.0), h[nx * ny - 1], 1e-15);
   EXPECT_EQ(map.getHeight(x0 + 1.5 * dx, y0 - 7.0), map.getHeight(x0 + 1.5 * dx, y0));
   EXPECT_TRUE(std::isnan(map.getHeight(NAN, 0.0)));
+  Mat<3, 1> nanNormal{0, 0, 1};
+  map.getNormal(0.0, NAN, nanNormal);
+  EXPECT_TRUE(std::isnan(nanNormal[0]) && std::isnan(nanNormal[1]) && std::isnan(nanNormal[2]));
   // The same answers through the collision layer's heightfield queries.
   Mat<3, 1> a, b;
   map.getNormal(2.1, -1.7, a);
@@ -293,6 +296,7 @@ TEST(HeightMap, TextAndPngSources) {
   EXPECT_NEAR(fromPng->getHeight(1.0, -1.0), 65280 * 1e-4 + 0.5, 1e-12);
   // A copy has the grid, the place and the material of its source.
   fromText->setName("text map");
+  fromText->setPosition(1.0, 1.0, 0.2);
   auto* copy = world.addHeightMap(fromText, 2, 2);
   EXPECT_EQ(copy->getHeightMap(), fromText->getHeightMap());
   EXPECT_EQ(copy->getHeight(2.2, 0.9), fromText->getHeight(2.2, 0.9));
@@ -302,6 +306,7 @@ TEST(HeightMap, TextAndPngSources) {
   const dReal* a = dGeomGetPosition(copy->getCollisionObject());
   EXPECT_EQ(a[0], 1.0);
   EXPECT_EQ(a[1], 1.0);
+  EXPECT_EQ(a[2], 0.2);
 }
 
 TEST(HeightMap, BadInputIsAFatalMessage) {
