@@ -24,36 +24,16 @@ Child box(double x, double y, double z, const Mat<3, 1>& pos, const std::string&
 }
 
 // A table: a top (child 0) on four legs (children 1-4) that reach into it, so
-// that children overlap. The body origin is at the feet. Mass, centre of mass
-// and inertia of the whole, from the parts.
+// that children overlap. The body origin is at the feet.
 struct Table {
   std::vector<Child> children;
-  double mass = 0.0;
-  Mat<3, 1> com{};
-  Mat<3, 3> inertia{};
+  double mass = 10.0;  // a top of 6 kg, legs of 1 kg
+  Mat<3, 1> com{0, 0, (6 * 0.72 + 4 * 0.36) / 10.0};
+  Mat<3, 3> inertia{0.915, 0, 0, 0, 1.795, 0, 0, 0, 1.741};  // of the parts, about the centre of mass
   Table() {
     children.push_back(box(1.0, 0.6, 0.04, {0, 0, 0.72}, "top"));
     for (int k = 0; k < 4; ++k)
       children.push_back(box(0.04, 0.04, 0.72, {k & 1 ? 0.45 : -0.45, k & 2 ? 0.25 : -0.25, 0.36}));
-    const double masses[5] = {6, 1, 1, 1, 1};
-    Eigen::Vector3d c = Eigen::Vector3d::Zero();
-    for (int i = 0; i < 5; ++i) {
-      mass += masses[i];
-      c += masses[i] * children[size_t(i)].position.e();
-    }
-    c /= mass;
-    Eigen::Matrix3d I = Eigen::Matrix3d::Zero();
-    for (int i = 0; i < 5; ++i) {
-      const Eigen::Vector3d s = children[size_t(i)].objectParam.e().head<3>(), r = children[size_t(i)].position.e() - c;
-      const double m = masses[i];
-      I +=
-          (m / 12.0 *
-           Eigen::Vector3d(s.y() * s.y() + s.z() * s.z(), s.x() * s.x() + s.z() * s.z(), s.x() * s.x() + s.y() * s.y()))
-              .asDiagonal();
-      I += m * (r.squaredNorm() * Eigen::Matrix3d::Identity() - r * r.transpose());
-    }
-    com = Mat<3, 1>(c);
-    inertia = Mat<3, 3>(I);
   }
 };
 

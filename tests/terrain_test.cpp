@@ -44,10 +44,6 @@ void writePng(const std::string& path, int width, int height, int bitDepth, int 
   png_init_io(png, fp);
   png_set_IHDR(png, info, png_uint_32(width), png_uint_32(height), bitDepth, colorType, interlace,
                PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
-  if (colorType == PNG_COLOR_TYPE_PALETTE) {
-    png_color palette[2] = {{0, 0, 0}, {255, 255, 255}};
-    png_set_PLTE(png, info, palette, 2);
-  }
   png_write_info(png, info);
   std::vector<png_bytep> rows(static_cast<size_t>(height));
   const size_t rowBytes = bytes.size() / size_t(height);
@@ -339,14 +335,13 @@ TEST(HeightMap, BadInputIsAFatalMessage) {
   writeText(text, "P2 3 2 255 0 1 2 3 4 5");
   EXPECT_TRUE(says(fatalText([&] { HeightMap(0, 0, tiny, 1, 1, 1, 0); }), "Error reading header"));
   EXPECT_TRUE(says(fatalText([&] { HeightMap(0, 0, text, 1, 1, 1, 0); }), text + " is not png"));
-  const std::string rgb = tempFile("rgb.png"), alpha = tempFile("ga.png"), palette = tempFile("pal.png"),
-                    nibble = tempFile("gray4.png"), cut = tempFile("cut.png");
+  const std::string rgb = tempFile("rgb.png"), alpha = tempFile("ga.png"), nibble = tempFile("gray4.png"),
+                    cut = tempFile("cut.png");
   writePng(rgb, 2, 2, 8, PNG_COLOR_TYPE_RGB, std::vector<uint8_t>(12, 9));
   writePng(alpha, 2, 2, 8, PNG_COLOR_TYPE_GRAY_ALPHA, std::vector<uint8_t>(8, 9));
-  writePng(palette, 2, 2, 8, PNG_COLOR_TYPE_PALETTE, std::vector<uint8_t>(4, 1));
   writePng(nibble, 2, 2, 4, PNG_COLOR_TYPE_GRAY, {0x12, 0x34});
   const std::string channel = "a PNG height map must have a single grey channel (no colour, palette or alpha)";
-  for (const std::string& f : {rgb, alpha, palette})
+  for (const std::string& f : {rgb, alpha})
     EXPECT_TRUE(says(fatalText([&] { HeightMap(0, 0, f, 1, 1, 1, 0); }), f + ": " + channel)) << f;
   EXPECT_TRUE(says(fatalText([&] { HeightMap(0, 0, nibble, 1, 1, 1, 0); }),
                    "PNG height map only support bit depth of 8 or 16"));
