@@ -2,6 +2,11 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
+#include <mutex>
+#include <unordered_map>
+
+#include "vorsim/VorSimMsg.hpp"
 
 namespace vorsim {
 
@@ -107,6 +112,128 @@ int dRayTest(dSpaceID space, dGeomID ray, int maxHits, dContactGeom* contacts, i
   if (maxHits <= 0) return 0;
   dSpaceCollide2(ray, reinterpret_cast<dGeomID>(space), &q, rayCallback);
   return q.count;
+}
+
+// ------------------------------------------------------------- heightfields --
+
+namespace {
+
+// Where a point falls on the grid: cell (column i, row j), offsets u and v in
+// the cell, and whether the point was outside along x or z (and so clamped
+// onto the border).
+struct GridLocation {
+  size_t i, j;
+  double u, v;
+  bool outsideX, outsideZ;
+};
+
+inline void locateAxis(double x, double size, size_t samples, size_t& cell, double& offset, bool& outside) {
+  outside = !(x >= 0.0 && x <= size);
+  const double clamped = std::min(std::max(x, 0.0), size);
+  const double f = clamped * (double(samples - 1) / size);
+  cell = std::min(size_t(f), samples - 2);
+  offset = f - double(cell);
+}
+
+inline GridLocation locate(const HeightfieldGrid& g, double x, double z) {
+  GridLocation at;
+  locateAxis(x, g.xSize, g.xSamples, at.i, at.u, at.outsideX);
+  locateAxis(z, g.zSize, g.zSamples, at.j, at.v, at.outsideZ);
+  return at;
+}
+
+struct CellHeights {
+  double h00, h10, h01, h11;  // (column, row) offsets
+};
+
+inline CellHeights cellHeights(const HeightfieldGrid& g, const GridLocation& at) {
+  const double* row0 = g.heights + at.j * g.xSamples + at.i;
+  const double* row1 = row0 + g.xSamples;
+  return {row0[0], row0[1], row1[0], row1[1]};
+}
+
+struct HeightfieldRegistry {
+  std::mutex mutex;
+  std::unordered_map<const dxHeightfieldData*, HeightfieldGrid> grids;
+};
+
+HeightfieldRegistry& registry() {
+  static HeightfieldRegistry instance;
+  return instance;
+}
+
+bool findGrid(dxHeightfieldData* data, HeightfieldGrid& grid) {
+  HeightfieldRegistry& r = registry();
+  std::lock_guard<std::mutex> lock(r.mutex);
+  auto it = r.grids.find(data);
+  if (it == r.grids.end()) return false;
+  grid = it->second;
+  return true;
+}
+
+}  // namespace
+
+double heightfieldHeight(const HeightfieldGrid& grid, double x, double z) {
+  if (std::isnan(x) || std::isnan(z)) return std::numeric_limits<double>::quiet_NaN();
+  const GridLocation at = locate(grid, x, z);
+  const CellHeights c = cellHeights(grid, at);
+  if (at.u + at.v <= 1.0) return c.h00 + (c.h10 - c.h00) * at.u + (c.h01 - c.h00) * at.v;
+  return c.h11 + (c.h10 - c.h11) * (1.0 - at.v) + (c.h01 - c.h11) * (1.0 - at.u);
+}
+
+void heightfieldNormal(const HeightfieldGrid& grid, double x, double z, Mat<3, 1>& normal) {
+  if (std::isnan(x) || std::isnan(z)) {
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    normal = {nan, nan, nan};
+    return;
+  }
+  const GridLocation at = locate(grid, x, z);
+  const CellHeights c = cellHeights(grid, at);
+  // Slopes per cell offset on the triangle that holds the point.
+  double du, dv;
+  if (at.u + at.v <= 1.0) {
+    du = c.h10 - c.h00;
+    dv = c.h01 - c.h00;
+  } else {
+    du = c.h11 - c.h01;
+    dv = c.h11 - c.h10;
+  }
+  const double gx = at.outsideX ? 0.0 : du * (double(grid.xSamples - 1) / grid.xSize);
+  const double gz = at.outsideZ ? 0.0 : dv * (double(grid.zSamples - 1) / grid.zSize);
+  const double n = std::sqrt(gx * gx + gz * gz + 1.0);
+  normal = {-gx / n, -gz / n, 1.0 / n};
+}
+
+void registerHeightfieldGrid(dxHeightfieldData* data, const HeightfieldGrid& grid) {
+  HeightfieldRegistry& r = registry();
+  std::lock_guard<std::mutex> lock(r.mutex);
+  r.grids[data] = grid;
+}
+
+void unregisterHeightfieldGrid(dxHeightfieldData* data) {
+  HeightfieldRegistry& r = registry();
+  std::lock_guard<std::mutex> lock(r.mutex);
+  r.grids.erase(data);
+}
+
+double dxgetHeightFromHeightField(dxHeightfieldData* data, double x, double z) {
+  HeightfieldGrid grid;
+  if (!findGrid(data, grid)) {
+    MSG_FATAL("heightfield data that no height map registered");
+    return std::numeric_limits<double>::quiet_NaN();
+  }
+  return heightfieldHeight(grid, x, z);
+}
+
+void dxgetNormalFromHeightField(dxHeightfieldData* data, double x, double z, Mat<3, 1>& normal) {
+  HeightfieldGrid grid;
+  if (!findGrid(data, grid)) {
+    MSG_FATAL("heightfield data that no height map registered");
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    normal = {nan, nan, nan};
+    return;
+  }
+  heightfieldNormal(grid, x, z, normal);
 }
 
 }  // namespace vorsim

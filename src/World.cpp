@@ -4,6 +4,7 @@
 
 #include "vorsim/Collision.hpp"
 #include "vorsim/VorSimMsg.hpp"
+#include "vorsim/object/HeightMap.hpp"
 #include "vorsim/object/Primitives.hpp"
 
 namespace vorsim {
@@ -312,6 +313,61 @@ Ground* World::addGround(double height, const std::string& material, size_t coll
   auto* object = registerObject(new Ground(height));
   object->setAppearance("grid");
   addCollisionObject(object->getCollisionObject(), 0, material, 0x80000000u, collisionMask);
+  return object;
+}
+
+// The height map and compound constructors read input and can fail with a
+// fatal message: the change is counted first, as for every add-function.
+HeightMap* World::addHeightMapToWorld(HeightMap* heightMap, const std::string& material, size_t collisionGroup,
+                                      size_t collisionMask) {
+  appendObject(heightMap);
+  addCollisionObject(heightMap->getCollisionObject(), 0, material, collisionGroup, collisionMask);
+  return heightMap;
+}
+
+HeightMap* World::addHeightMap(size_t xSamples, size_t ySamples, double xSize, double ySize, double centerX,
+                               double centerY, const std::vector<double>& heights, const std::string& material,
+                               size_t collisionGroup, size_t collisionMask) {
+  ++configurationNumber_;
+  return addHeightMapToWorld(new HeightMap(xSamples, ySamples, xSize, ySize, centerX, centerY, heights), material,
+                             collisionGroup, collisionMask);
+}
+
+HeightMap* World::addHeightMap(double centerX, double centerY, const TerrainProperties& terrainProperties,
+                               const std::string& material, size_t collisionGroup, size_t collisionMask) {
+  ++configurationNumber_;
+  return addHeightMapToWorld(new HeightMap(centerX, centerY, terrainProperties), material, collisionGroup,
+                             collisionMask);
+}
+
+HeightMap* World::addHeightMap(const std::string& file, double centerX, double centerY, const std::string& material,
+                               size_t collisionGroup, size_t collisionMask) {
+  ++configurationNumber_;
+  return addHeightMapToWorld(new HeightMap(centerX, centerY, file), material, collisionGroup, collisionMask);
+}
+
+HeightMap* World::addHeightMap(const std::string& pngFile, double centerX, double centerY, double xSize, double ySize,
+                               double heightScale, double heightOffset, const std::string& material,
+                               size_t collisionGroup, size_t collisionMask) {
+  ++configurationNumber_;
+  return addHeightMapToWorld(new HeightMap(centerX, centerY, pngFile, xSize, ySize, heightScale, heightOffset),
+                             material, collisionGroup, collisionMask);
+}
+
+HeightMap* World::addHeightMap(const HeightMap* heightMap, size_t collisionGroup, size_t collisionMask) {
+  ++configurationNumber_;
+  const std::string material = geomData(heightMap->getCollisionObject()).material;
+  return addHeightMapToWorld(HeightMap::copyOf(*heightMap), material, collisionGroup, collisionMask);
+}
+
+Compound* World::addCompound(const std::vector<Compound::CompoundObjectChild>& children, double mass,
+                             const Mat<3, 1>& com, const Mat<3, 3>& inertia, size_t collisionGroup,
+                             size_t collisionMask) {
+  ++configurationNumber_;
+  auto* object = appendObject(new Compound(children, mass, com, inertia));
+  for (size_t i = 0; i < object->geoms.size(); ++i)
+    if (object->geoms[i] != nullptr)
+      addCollisionObject(object->geoms[i], i, object->children[i].material, collisionGroup, collisionMask);
   return object;
 }
 

@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "vorsim/math.hpp"
+
 namespace vorsim {
 
 struct GeomData {
@@ -67,6 +69,41 @@ class SweepAndPrune {
 // Geoms whose record has the ray's object index and local index are left out,
 // so a sensor mounted inside its own body does not see that body.
 int dRayTest(dSpaceID space, dGeomID ray, int maxHits, dContactGeom* contacts, int stride);
+
+// ---- heightfields ----
+// A regular grid of heights as the collision library's heightfield reads it, in
+// place: row-major, `heights[row * xSamples + column]`, columns along the
+// heightfield's x and rows along its z, spaced xSize/(xSamples-1) and
+// zSize/(zSamples-1). Coordinates below are measured from the grid's corner
+// (column 0, row 0), with the height along the heightfield's own up axis.
+struct HeightfieldGrid {
+  const double* heights = nullptr;
+  size_t xSamples = 0;
+  size_t zSamples = 0;
+  double xSize = 0.0;
+  double zSize = 0.0;
+};
+
+// Height of the surface that collision sees: each cell is cut into two
+// triangles along the diagonal from (column+1, row) to (column, row+1), and the
+// height is linear on each. Outside the grid the border continues level, so a
+// point outside gets the height of the nearest border point. NaN in, NaN out.
+double heightfieldHeight(const HeightfieldGrid& grid, double x, double z);
+// Unit upward normal of that surface, written as (x, z, up); outside the grid,
+// the normal of the level continuation of the border. On a triangle edge the
+// triangle that heightfieldHeight uses decides.
+void heightfieldNormal(const HeightfieldGrid& grid, double x, double z, Mat<3, 1>& normal);
+
+// The collision library keeps its heightfield data opaque; a grid registered
+// here under the data that was built from it can be queried through the data.
+// Registration and lookup are guarded, so height maps may be made and queried
+// from several threads.
+void registerHeightfieldGrid(dxHeightfieldData* data, const HeightfieldGrid& grid);
+void unregisterHeightfieldGrid(dxHeightfieldData* data);
+// heightfieldHeight and heightfieldNormal on the grid registered for `data`.
+// Unregistered data is a fatal message (and NaN under a callback that returns).
+double dxgetHeightFromHeightField(dxHeightfieldData* data, double x, double z);
+void dxgetNormalFromHeightField(dxHeightfieldData* data, double x, double z, Mat<3, 1>& normal);
 
 }  // namespace vorsim
 

@@ -18,7 +18,9 @@
 #include "vorsim/contact/BisectionContactSolver.hpp"
 #include "vorsim/contact/Single3DContactProblem.hpp"
 #include "vorsim/math.hpp"
+#include "vorsim/object/Compound.hpp"
 #include "vorsim/object/LengthConstraint.hpp"
+#include "vorsim/object/TerrainGenerator.hpp"
 
 namespace vorsim {
 
@@ -28,6 +30,7 @@ class Box;
 class Cylinder;
 class Capsule;
 class Ground;
+class HeightMap;
 
 // One hit of a ray: the collision library's point (its g1 is the geom hit), the
 // hit point and the object hit.
@@ -112,6 +115,26 @@ class World {
                       size_t collisionGroup = 1, size_t collisionMask = kAllBits);
   // A static plane z = height, in the fixed collision group 0x80000000.
   Ground* addGround(double height = 0.0, const std::string& material = "default", size_t collisionMask = kAllBits);
+  // Static terrain (HeightMap): from the caller's grid heights[y * xSamples + x],
+  // from generated terrain, from a text file, from a PNG image, or as a copy of
+  // another map (with that map's material).
+  HeightMap* addHeightMap(size_t xSamples, size_t ySamples, double xSize, double ySize, double centerX, double centerY,
+                          const std::vector<double>& heights, const std::string& material = "default",
+                          size_t collisionGroup = 1, size_t collisionMask = kAllBits);
+  HeightMap* addHeightMap(double centerX, double centerY, const TerrainProperties& terrainProperties,
+                          const std::string& material = "default", size_t collisionGroup = 1,
+                          size_t collisionMask = kAllBits);
+  HeightMap* addHeightMap(const std::string& file, double centerX, double centerY,
+                          const std::string& material = "default", size_t collisionGroup = 1,
+                          size_t collisionMask = kAllBits);
+  HeightMap* addHeightMap(const std::string& pngFile, double centerX, double centerY, double xSize, double ySize,
+                          double heightScale, double heightOffset, const std::string& material = "default",
+                          size_t collisionGroup = 1, size_t collisionMask = kAllBits);
+  HeightMap* addHeightMap(const HeightMap* heightMap, size_t collisionGroup = 1, size_t collisionMask = kAllBits);
+  // One rigid body of several primitive shapes (Compound); each child's geom
+  // gets the child's index as its local index and the child's material.
+  Compound* addCompound(const std::vector<Compound::CompoundObjectChild>& children, double mass, const Mat<3, 1>& com,
+                        const Mat<3, 3>& inertia, size_t collisionGroup = 1, size_t collisionMask = kAllBits);
 
   StiffLengthConstraint* addStiffWire(Object* object1, size_t localIdx1, const Eigen::Vector3d& pos1, Object* object2,
                                       size_t localIdx2, const Eigen::Vector3d& pos2, double length);
@@ -157,6 +180,16 @@ class World {
     object->setIndexInWorld(objects_.size() - 1);
     return object;
   }
+  // Appends an object whose add-function counted the change before
+  // constructing it (a constructor that reads input can fail).
+  template <typename T>
+  T* appendObject(T* object) {
+    objects_.push_back(object);
+    object->setIndexInWorld(objects_.size() - 1);
+    return object;
+  }
+  HeightMap* addHeightMapToWorld(HeightMap* heightMap, const std::string& material, size_t collisionGroup,
+                                 size_t collisionMask);
   // Writes the per-geom items of a freshly added object's geom and adds the geom
   // to the space.
   void addCollisionObject(dxGeom* geom, size_t localIdx, const std::string& material, size_t collisionGroup,

@@ -7,6 +7,8 @@
 #include <functional>
 
 #include "vorsim/World.hpp"
+#include "vorsim/object/Compound.hpp"
+#include "vorsim/object/HeightMap.hpp"
 #include "vorsim/object/Primitives.hpp"
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -126,6 +128,33 @@ TEST_F(Allocations, SteadyScenesAllocateNothing) {
     bob->setPosition(0.5, 2, 2);
     world.addStiffWire(anchor, 0, Eigen::Vector3d::Zero(), bob, 0, Eigen::Vector3d::Zero(), 0.5);
     EXPECT_EQ(allocationsInSteadySteps(world, 200, 1000), 0) << "sliding box and pendulum";
+  }
+}
+
+TEST_F(Allocations, TerrainAndCompoundsAllocateNothing) {
+  {
+    World world;  // boxes settled on generated terrain
+    world.setTimeStep(0.001);
+    auto* map = world.addHeightMap(0.0, 0.0, TerrainProperties(0.3, 8.0, 8.0, 0.8, 48, 48, 4, 2.0, 0.5, 0, 0, 3));
+    for (int i = 0; i < 6; ++i) {
+      const double x = -1.0 + 0.8 * (i % 3), y = i < 3 ? 0.5 : -0.5;
+      world.addBox(0.3, 0.2, 0.1, 1.0)->setPosition(x, y, map->getHeight(x, y) + 0.2);
+    }
+    EXPECT_EQ(allocationsInSteadySteps(world, 2000, 1000), 0) << "terrain";
+  }
+  {
+    World world;  // a table of five boxes standing on the ground
+    world.setTimeStep(0.001);
+    world.addGround();
+    std::vector<Compound::CompoundObjectChild> parts(5);
+    for (size_t k = 0; k < 5; ++k) {
+      parts[k].objectType = BOX;
+      parts[k].objectParam = k == 0 ? Mat<4, 1>{1.0, 0.6, 0.04, 0} : Mat<4, 1>{0.04, 0.04, 0.72, 0};
+      parts[k].position = k == 0 ? Mat<3, 1>{0, 0, 0.72} : Mat<3, 1>{k & 1 ? 0.45 : -0.45, k & 2 ? 0.25 : -0.25, 0.36};
+    }
+    Mat<3, 3> inertia = Mat<3, 3>::getIdentity();
+    world.addCompound(parts, 10.0, Mat<3, 1>{0, 0, 0.57}, inertia)->setPosition(0, 0, 0.001);
+    EXPECT_EQ(allocationsInSteadySteps(world, 500, 1000), 0) << "compound";
   }
 }
 

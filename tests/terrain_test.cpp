@@ -1,0 +1,503 @@
+// Terrain: the fractal generator, height maps from every source, height and
+// normal queries against the collision surface, bad input, and bodies on terrain.
+#include <gtest/gtest.h>
+#include <png.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <random>
+
+#include "test_helpers.hpp"
+#include "vorsim/Collision.hpp"
+#include "vorsim/World.hpp"
+#include "vorsim/object/HeightMap.hpp"
+#include "vorsim/object/Primitives.hpp"
+
+using namespace vorsim;
+using vorsim_test::FatalError;
+
+namespace {
+
+uint64_t fnv1a(const std::vector<double>& values) {
+  uint64_t h = 0xcbf29ce484222325ull;
+  for (double x : values) {
+    unsigned char bytes[8];
+    std::memcpy(bytes, &x, 8);
+    for (unsigned char b : bytes) h = (h ^ b) * 0x100000001b3ull;
+  }
+  return h;
+}
+
+std::string tempFile(const std::string& name) { return testing::TempDir() + "vorsim_terrain_" + name; }
+
+void writeText(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
+
+// A PNG with raw sample bytes row after row.
+void writePng(const std::string& path, int width, int height, int bitDepth, int colorType,
+              const std::vector<uint8_t>& bytes, int interlace = PNG_INTERLACE_NONE) {
+  FILE* fp = std::fopen(path.c_str(), "wb");
+  png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+  png_infop info = png_create_info_struct(png);
+  png_init_io(png, fp);
+  png_set_IHDR(png, info, png_uint_32(width), png_uint_32(height), bitDepth, colorType, interlace,
+               PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+  png_write_info(png, info);
+  std::vector<png_bytep> rows(static_cast<size_t>(height));
+  const size_t rowBytes = bytes.size() / size_t(height);
+  for (int r = 0; r < height; ++r) rows[size_t(r)] = const_cast<png_bytep>(&bytes[size_t(r) * rowBytes]);
+  png_write_image(png, rows.data());
+  png_write_end(png, nullptr);
+  png_destroy_write_struct(&png, &info);
+  std::fclose(fp);
+}
+
+// The fatal message printed while `make` runs; it must throw.
+template <typename F>
+std::string fatalText(F make) {
+  ThrowOnFatal guard;
+  StdoutCapture out;
+  EXPECT_THROW(make(), FatalError);
+  return out.text();
+}
+bool says(const std::string& text, const std::string& message) {
+  return text.find("\x1b[1;31m" + message + "\x1b[0m") != std::string::npos;
+}
+
+// A bumpy grid: no cell of it is planar.
+std::vector<double> bumpyGrid(size_t nx, size_t ny) {
+  std::vector<double> h(nx * ny);
+  for (size_t j = 0; j < ny; ++j)
+    for (size_t i = 0; i < nx; ++i) h[j * nx + i] = 0.3 * std::sin(1.7 * i + 0.4 * j) + 0.2 * std::cos(0.9 * j * i);
+  return h;
+}
+
+}  // namespace
+
+// ------------------------------------------------------------------ generator --
+
+TEST(TerrainGenerator, PermutationIsTheSeededShuffleOfMT19937) {
+  // The same permutation from the standard library's engine, shuffled by rejection.
+  std::mt19937 engine(42);
+  size_t p[256];
+  for (size_t i = 0; i < 256; ++i) p[i] = i;
+  for (uint32_t i = 1; i < 256; ++i) {
+    const uint32_t n = i + 1, M = 0xFFFFFFFFu;
+    uint32_t r = engine();
+    while (r / n >= M / n && M % n != i) r = engine();
+    std::swap(p[i], p[r % n]);
+  }
+  const PerlinNoise noise(42);
+  for (size_t i = 0; i < 512; ++i) ASSERT_EQ(noise.p[i], p[i % 256]) << i;
+  MersenneTwister32 mt(5489);  // the standard's check value
+  for (int i = 1; i < 10000; ++i) mt();
+  EXPECT_EQ(mt(), 4123659995u);
+}
+
+TEST(TerrainGenerator, NoiseAtSimplePointsFollowsTheGradientFormula) {
+  const PerlinNoise n(3);
+  auto grad = [](size_t hash, double x, double y) {  // z = 0
+    const size_t h = hash & 15;
+    const double u = h < 8 ? x : y, v = h < 4 ? y : (h == 12 || h == 14 ? x : 0.0);
+    return ((h & 1) ? -u : u) + ((h & 2) ? -v : v);
+  };
+  const size_t* p = n.p;
+  EXPECT_EQ(n.sample(0, 0, 0), 0.0);
+  EXPECT_EQ(n.sample(7, 3, 0), 0.0);  // every lattice point
+  // Halfway along x the quintic fade is 1/2: the mean of the two corner gradients.
+  EXPECT_NEAR(n.sample(0.5, 0, 0), 0.5 * (grad(p[p[p[0]]], 0.5, 0) + grad(p[p[p[1]]], -0.5, 0)), 1e-15);
+  EXPECT_NEAR(
+      n.sample(2.25, 1, 0),
+      grad(p[p[p[2] + 1]], 0.25, 0) + 0.103515625 * (grad(p[p[p[3] + 1]], -0.75, 0) - grad(p[p[p[2] + 1]], 0.25, 0)),
+      1e-15);
+  EXPECT_TRUE(std::isnan(n.sample(NAN, 0, 0)));
+  // Cells are found by the floor: negative coordinates are noise of their own cell.
+  EXPECT_NEAR(n.sample(-0.5, 0, 0), 0.5 * (grad(p[p[p[255]]], 0.5, 0) + grad(p[p[p[256]]], -0.5, 0)), 1e-15);
+}
+
+TEST(TerrainGenerator, HeightsArePinnedToTheLastBit) {
+  // Checksums and values agree bit for bit with an independent implementation
+  // (another language, its own Mersenne Twister) of the same formulas.
+  const TerrainProperties p(0.7, 8.0, 6.0, 1.5, 17, 13, 4, 2.1, 0.45, 0.0, -0.3, 42);
+  TerrainGenerator gen(p);
+  const std::vector<double>& h = gen.generatePerlinFractalTerrain();
+  ASSERT_EQ(h.size(), 17u * 13u);
+  EXPECT_EQ(fnv1a(h), 0xb006af0258bc36a6ull);
+  EXPECT_EQ(h[0], 0.45);  // noise 0 at the origin: half of zScale, plus the offset
+  EXPECT_EQ(h[1], 0.52077126870458401);
+  EXPECT_EQ(h[100], 0.51666930506366993);
+  EXPECT_EQ(h[220], 0.56381729425145011);
+  EXPECT_DOUBLE_EQ(gen.getFractalBounding(), 1.0 / (1.0 + 0.45 + 0.45 * 0.45 + 0.45 * 0.45 * 0.45));
+
+  TerrainGenerator again(p);
+  EXPECT_EQ(again.generatePerlinFractalTerrain(), h);
+  TerrainGenerator big({0.3, 20.0, 20.0, 2.0, 64, 64, 5, 2.0, 0.5, 0.0, 0.0, 7});
+  EXPECT_EQ(fnv1a(big.generatePerlinFractalTerrain()), 0x850329583a75669full);
+
+  // A quantum of 0.1 floors the heights before the offset is added.
+  TerrainProperties stepped = p;
+  stepped.stepSize = 0.1;
+  TerrainGenerator quantised(stepped);
+  const std::vector<double>& q = quantised.generatePerlinFractalTerrain();
+  EXPECT_EQ(fnv1a(q), 0xf405c3ddc34bb76bull);
+  for (size_t k = 0; k < q.size(); ++k) {
+    const double steps = (q[k] + 0.3) / 0.1;
+    EXPECT_NEAR(steps, std::round(steps), 1e-9);
+    EXPECT_LE(q[k], h[k] + 1e-12);
+    EXPECT_GT(q[k], h[k] - 0.1);
+  }
+  // One octave is the bare noise, unscaled.
+  TerrainProperties single = p;
+  single.fractalOctaves = 1;
+  TerrainGenerator one(single);
+  EXPECT_EQ(one.getFractalBounding(), 1.0);
+  const PerlinNoise noise(42);
+  const double sx = 0.7 * 8.0 / 17.0, sy = 0.7 * 6.0 / 13.0;
+  EXPECT_EQ(one.generatePerlinFractalTerrain()[3 * 17 + 5], (noise.sample(5 * sx, 3 * sy, 0) * 0.5 + 0.5) * 1.5 - 0.3);
+}
+
+// -------------------------------------------------------------------- queries --
+
+TEST(HeightMap, HeightAndNormalFollowTheGridAndItsDerivatives) {
+  const size_t nx = 9, ny = 6;
+  const double xSize = 4.0, ySize = 2.5, cx = 1.5, cy = -2.0;
+  const std::vector<double> h = bumpyGrid(nx, ny);
+  HeightMap map(nx, ny, xSize, ySize, cx, cy, h);
+  EXPECT_EQ(map.getBodyType(), STATIC);
+  const double dx = xSize / (nx - 1), dy = ySize / (ny - 1), x0 = cx - xSize / 2, y0 = cy - ySize / 2;
+  for (size_t j = 0; j < ny; ++j)
+    for (size_t i = 0; i < nx; ++i) {
+      EXPECT_NEAR(map.getHeight(x0 + i * dx, y0 + j * dy), h[j * nx + i], 1e-12) << i << " " << j;
+      // Along a grid line the surface is the straight line between samples.
+      if (i + 1 < nx) {
+        EXPECT_NEAR(map.getHeight(x0 + (i + 0.3) * dx, y0 + j * dy), 0.7 * h[j * nx + i] + 0.3 * h[j * nx + i + 1],
+                    1e-12);
+      }
+    }
+  // The normal is (-dh/dx, -dh/dy, 1) normalised, by central differences.
+  auto fdNormal = [&](double x, double y) {
+    const double e = 1e-6;
+    const double gx = (map.getHeight(x + e, y) - map.getHeight(x - e, y)) / (2 * e);
+    const double gy = (map.getHeight(x, y + e) - map.getHeight(x, y - e)) / (2 * e);
+    return Eigen::Vector3d(-gx, -gy, 1.0).normalized();
+  };
+  std::mt19937 rng(1);
+  std::uniform_real_distribution<double> ux(x0 - 1.0, x0 + xSize + 1.0), uy(y0 - 1.0, y0 + ySize + 1.0);
+  int outside = 0;
+  for (int k = 0; k < 400; ++k) {
+    const double x = ux(rng), y = uy(rng);
+    const double fx = (x - x0) / dx, fy = (y - y0) / dy;
+    // Keep off cell edges and diagonals, where the slope jumps.
+    auto nearEdge = [](double f) { return std::abs(f - std::round(f)) < 1e-4; };
+    if (nearEdge(fx) || nearEdge(fy) || nearEdge(fx + fy) || nearEdge(fx - fy)) continue;
+    outside += (fx < 0 || fx > nx - 1 || fy < 0 || fy > ny - 1);
+    Mat<3, 1> n;
+    map.getNormal(x, y, n);
+    EXPECT_NEAR((n.e() - fdNormal(x, y)).norm(), 0.0, 1e-6) << x << " " << y;
+  }
+  EXPECT_GT(outside, 50);
+  // On the far border the slope is that of the last cells.
+  for (double f : {0.3, 2.6}) {
+    const double xe = x0 + xSize, ye = y0 + f * dy, e = 1e-7;
+    Mat<3, 1> n;
+    map.getNormal(xe, ye, n);
+    EXPECT_NEAR(-n[0] / n[2], (map.getHeight(xe, ye) - map.getHeight(xe - e, ye)) / e, 1e-5);
+  }
+  // Outside, the border continues level: the height of the nearest border point.
+  EXPECT_EQ(map.getHeight(x0 - 3.0, y0 + 2 * dy), h[2 * nx]);
+  EXPECT_NEAR(map.getHeight(x0 + xSize + 1.0, y0 + ySize + 1.0), h[nx * ny - 1], 1e-15);
+  EXPECT_EQ(map.getHeight(x0 + 1.5 * dx, y0 - 7.0), map.getHeight(x0 + 1.5 * dx, y0));
+  EXPECT_TRUE(std::isnan(map.getHeight(NAN, 0.0)));
+  Mat<3, 1> nanNormal{0, 0, 1};
+  map.getNormal(0.0, NAN, nanNormal);
+  EXPECT_TRUE(std::isnan(nanNormal[0]) && std::isnan(nanNormal[1]) && std::isnan(nanNormal[2]));
+  // The same answers through the collision layer's heightfield queries.
+  Mat<3, 1> a, b;
+  map.getNormal(2.1, -1.7, a);
+  dxgetNormalFromHeightField(map.getHeightFieldData(), 2.1 - x0, cy - (-1.7) + ySize / 2, b);
+  EXPECT_EQ(map.getHeight(2.1, -1.7), dxgetHeightFromHeightField(map.getHeightFieldData(), 2.1 - x0, y0 + ySize + 1.7));
+  EXPECT_EQ(a[0], b[0]);
+  EXPECT_EQ(a[1], -b[1]);
+}
+
+TEST(HeightMap, QueriesAgreeWithTheCollisionSurface) {
+  World world;
+  const size_t nx = 12, ny = 7;
+  auto* map = world.addHeightMap(nx, ny, 5.0, 3.0, -1.0, 2.0, bumpyGrid(nx, ny));
+  std::mt19937 rng(2);
+  std::uniform_real_distribution<double> ux(-3.45, 1.45), uy(0.55, 3.45);
+  for (int k = 0; k < 300; ++k) {
+    const double x = ux(rng), y = uy(rng);
+    const auto& hits = world.rayTest({x, y, 5.0}, {0, 0, -1}, 20.0);
+    ASSERT_EQ(hits.size, 1u);
+    EXPECT_EQ(hits[0].getObject(), map);
+    EXPECT_NEAR(hits[0].getPosition()[2], map->getHeight(x, y), 1e-9) << x << " " << y;
+    Mat<3, 1> n;
+    map->getNormal(x, y, n);
+    const dReal* rn = hits[0].rayContact.normal;
+    EXPECT_NEAR(std::abs(n[0] * rn[0] + n[1] * rn[1] + n[2] * rn[2]), 1.0, 1e-9) << x << " " << y;
+  }
+  // setPosition moves the geom; the queries keep answering for the old place.
+  const double before = map->getHeight(-0.3, 2.2);
+  map->setPosition(10.0, 0.0, 0.0);
+  EXPECT_EQ(map->getHeight(-0.3, 2.2), before);
+  EXPECT_EQ(world.rayTest({-0.3, 2.2, 5.0}, {0, 0, -1}, 20.0).size, 0u);
+  const auto& moved = world.rayTest({10.7, 0.2, 5.0}, {0, 0, -1}, 20.0);
+  ASSERT_EQ(moved.size, 1u);
+  EXPECT_NEAR(moved[0].getPosition()[2], before, 1e-9);
+}
+
+// -------------------------------------------------------------------- sources --
+
+TEST(HeightMap, TextAndPngSources) {
+  const std::string text = tempFile("map.txt");
+  writeText(text, "3 2 4.0 1.0\n 0.5 1 1.5\n 2 2.5 3e0\n");
+  World world;
+  auto* fromText = world.addHeightMap(text, 1.0, 1.0, "soil");
+  EXPECT_EQ(fromText->getHeightMap(), (std::vector<double>{0.5, 1, 1.5, 2, 2.5, 3}));
+  EXPECT_EQ(fromText->getXSamples(), 3u);
+  EXPECT_EQ(fromText->getYSize(), 1.0);
+  EXPECT_NEAR(fromText->getHeight(1.0 + 2.0, 1.5), 3.0, 1e-12);  // last sample: far x, far y
+  EXPECT_EQ(geomData(fromText->getCollisionObject()).material, "soil");
+
+  // 8-bit: rows in order, each mirrored in x; 255 is the top of the range.
+  const std::string png8 = tempFile("gray8.png");
+  writePng(png8, 3, 2, 8, PNG_COLOR_TYPE_GRAY, {0, 10, 255, 20, 30, 40});
+  int w = 0, hgt = 0;
+  std::vector<double> heights{99.0};
+  read_png_file(png8.c_str(), w, hgt, heights, 0.01, -1.0);
+  EXPECT_EQ(w, 3);
+  EXPECT_EQ(hgt, 2);
+  EXPECT_EQ(heights,
+            (std::vector<double>{255 * 0.01 - 1, 10 * 0.01 - 1, -1.0, 40 * 0.01 - 1, 30 * 0.01 - 1, 20 * 0.01 - 1}));
+  // 16-bit: first byte times 255 plus the second, so white is 65280.
+  const std::string png16 = tempFile("gray16.png");
+  writePng(png16, 2, 2, 16, PNG_COLOR_TYPE_GRAY, {0xFF, 0xFF, 0x01, 0x02, 0, 0, 0x80, 0});
+  read_png_file(png16.c_str(), w, hgt, heights, 1e-4, 0.5);
+  EXPECT_EQ(heights,
+            (std::vector<double>{(1 * 255 + 2) * 1e-4 + 0.5, 65280 * 1e-4 + 0.5, 128 * 255 * 1e-4 + 0.5, 0.5}));
+  // Interlaced images read the same.
+  const std::string interlaced = tempFile("interlaced.png");
+  std::vector<uint8_t> big(17 * 11);
+  for (size_t k = 0; k < big.size(); ++k) big[k] = uint8_t(k * 7);
+  writePng(interlaced, 17, 11, 8, PNG_COLOR_TYPE_GRAY, big, PNG_INTERLACE_ADAM7);
+  read_png_file(interlaced.c_str(), w, hgt, heights, 1.0, 0.0);
+  ASSERT_EQ(heights.size(), big.size());
+  EXPECT_EQ(heights[3 * 17 + 16], big[3 * 17]);
+
+  auto* fromPng = world.addHeightMap(png16, 0.0, 0.0, 2.0, 2.0, 1e-4, 0.5);
+  EXPECT_EQ(fromPng->getXSamples(), 2u);
+  EXPECT_NEAR(fromPng->getHeight(1.0, -1.0), 65280 * 1e-4 + 0.5, 1e-12);
+  // A copy has the grid, the place and the material of its source.
+  fromText->setName("text map");
+  fromText->setPosition(1.0, 1.0, 0.2);
+  auto* copy = world.addHeightMap(fromText, 2, 2);
+  EXPECT_EQ(copy->getHeightMap(), fromText->getHeightMap());
+  EXPECT_EQ(copy->getHeight(2.2, 0.9), fromText->getHeight(2.2, 0.9));
+  EXPECT_EQ(geomData(copy->getCollisionObject()).material, "soil");
+  EXPECT_EQ(copy->getCollisionGroup(), 2u);
+  EXPECT_EQ(copy->getName(), "");
+  const dReal* a = dGeomGetPosition(copy->getCollisionObject());
+  EXPECT_EQ(a[0], 1.0);
+  EXPECT_EQ(a[1], 1.0);
+  EXPECT_EQ(a[2], 0.2);
+}
+
+TEST(HeightMap, BadInputIsAFatalMessage) {
+  const std::string tooFew = tempFile("few.txt"), tooMany = tempFile("many.txt"), noHeader = tempFile("bad.txt");
+  writeText(tooFew, "2 2 1 1 0 0 0");
+  writeText(tooMany, "2 2 1 1 0 0 0 0 0");
+  writeText(noHeader, "2 two 1 1 0 0 0 0");
+  EXPECT_TRUE(says(fatalText([&] { HeightMap(0, 0, tooFew); }), "insufficient number of height values"));
+  EXPECT_TRUE(says(fatalText([&] { HeightMap(0, 0, tooMany); }), "insufficient number of height values"));
+  EXPECT_TRUE(says(fatalText([&] { HeightMap(0, 0, noHeader); }), "Height Map is in a wrong format"));
+  EXPECT_TRUE(says(fatalText([&] { HeightMap(0, 0, tempFile("absent.txt")); }), "\n Error opening file.\n"));
+  const std::string line = tempFile("line.txt");
+  writeText(line, "1 3 1 1 0 0 0");
+  EXPECT_TRUE(says(fatalText([&] { HeightMap(0, 0, line); }),
+                   "Height map needs at least 2 samples in each direction, got 1 by 3"));
+  EXPECT_TRUE(says(fatalText([] {
+                     HeightMap(2, 2, 1, 1, 0, 0, {0, 0, 0});
+                   }),
+                   "Height map of 2 by 2 samples needs 4 heights, got 3"));
+  EXPECT_TRUE(says(fatalText([] {
+                     HeightMap(2, 2, 0.0, 1, 0, 0, {0, 0, 0, 0});
+                   }),
+                   "Height map needs positive finite sizes, got 0 by 1"));
+
+  const std::string missing = tempFile("absent.png");
+  EXPECT_TRUE(says(fatalText([&] { HeightMap(0, 0, missing, 1, 1, 1, 0); }), missing + " not found"));
+  EXPECT_TRUE(says(fatalText([] { HeightMap(0, 0, "map.jpg", 1, 1, 1, 0); }), "This constructor is for png file"));
+  const std::string tiny = tempFile("tiny.png"), text = tempFile("text.png");
+  writeText(tiny, "\x89PNG");
+  writeText(text, "P2 3 2 255 0 1 2 3 4 5");
+  EXPECT_TRUE(says(fatalText([&] { HeightMap(0, 0, tiny, 1, 1, 1, 0); }), "Error reading header"));
+  EXPECT_TRUE(says(fatalText([&] { HeightMap(0, 0, text, 1, 1, 1, 0); }), text + " is not png"));
+  const std::string rgb = tempFile("rgb.png"), alpha = tempFile("ga.png"), nibble = tempFile("gray4.png"),
+                    cut = tempFile("cut.png");
+  writePng(rgb, 2, 2, 8, PNG_COLOR_TYPE_RGB, std::vector<uint8_t>(12, 9));
+  writePng(alpha, 2, 2, 8, PNG_COLOR_TYPE_GRAY_ALPHA, std::vector<uint8_t>(8, 9));
+  writePng(nibble, 2, 2, 4, PNG_COLOR_TYPE_GRAY, {0x12, 0x34});
+  const std::string channel = "a PNG height map must have a single grey channel (no colour, palette or alpha)";
+  for (const std::string& f : {rgb, alpha})
+    EXPECT_TRUE(says(fatalText([&] { HeightMap(0, 0, f, 1, 1, 1, 0); }), f + ": " + channel)) << f;
+  EXPECT_TRUE(says(fatalText([&] { HeightMap(0, 0, nibble, 1, 1, 1, 0); }),
+                   "PNG height map only support bit depth of 8 or 16"));
+  // A damaged file: the image data is cut off.
+  std::vector<uint8_t> noisy(64 * 64);
+  for (size_t k = 0; k < noisy.size(); ++k) noisy[k] = uint8_t((k * 2654435761u) >> 13);
+  writePng(cut, 64, 64, 8, PNG_COLOR_TYPE_GRAY, noisy);
+  std::string bytes;
+  {
+    std::ifstream in(cut, std::ios::binary);
+    bytes.assign(std::istreambuf_iterator<char>(in), {});
+  }
+  std::ofstream(cut, std::ios::binary) << bytes.substr(0, bytes.size() / 2);
+  EXPECT_TRUE(says(fatalText([&] { HeightMap(0, 0, cut, 1, 1, 1, 0); }), "libpng fialed to read the png info"));
+  // A single-sample PNG is read, and then refused as a grid.
+  const std::string one = tempFile("one.png");
+  writePng(one, 1, 5, 8, PNG_COLOR_TYPE_GRAY, std::vector<uint8_t>(5, 1));
+  EXPECT_TRUE(says(fatalText([&] { HeightMap(0, 0, one, 1, 1, 1, 0); }),
+                   "Height map needs at least 2 samples in each direction, got 1 by 5"));
+}
+
+// ------------------------------------------------------------------- updates --
+
+TEST(HeightMap, UpdatesReplaceTheHeightsThatCollisionSees) {
+  World world;
+  TerrainProperties p(0.5, 6.0, 6.0, 1.0, 20, 20, 3, 2.0, 0.5, 0.0, 0.0, 1);
+  const double cx = 0.5, cy = -1.5;
+  auto* map = world.addHeightMap(cx, cy, p);
+  dReal box[6];
+  dGeomGetAABB(map->getCollisionObject(), box);  // the heightfield is 100 m thick
+  EXPECT_NEAR(box[4], *std::min_element(map->getHeightMap().begin(), map->getHeightMap().end()) - 100.0, 1e-9);
+  EXPECT_NEAR(box[5], *std::max_element(map->getHeightMap().begin(), map->getHeightMap().end()), 1e-9);
+  EXPECT_FALSE(map->isUpdated());
+  EXPECT_EQ(map->getHeightMap(), TerrainGenerator(p).generatePerlinFractalTerrain());
+
+  // New heights well above the old maximum: a sphere there must collide, so the
+  // geom's bounding box must have followed.
+  p.seed = 2;
+  p.heightOffset = 3.0;
+  map->update(cx, cy, p);
+  EXPECT_TRUE(map->isUpdated());
+  EXPECT_EQ(map->getHeightMap(), TerrainGenerator(p).generatePerlinFractalTerrain());
+  auto* ball = world.addSphere(0.1, 1.0);
+  ball->setPosition(0.3, -0.2, map->getHeight(0.3, -0.2) + 0.09);
+  world.integrate();
+  EXPECT_GT(ball->getContacts().size(), 0u);
+  EXPECT_NEAR(world.rayTest({1.1, 0.4, 9.0}, {0, 0, -1}, 20.0)[0].getPosition()[2], map->getHeight(1.1, 0.4), 1e-9);
+
+  std::vector<double> flat(400, 0.25);
+  map->setUpdated(false);
+  map->update(cx, cy, 6.0, 6.0, flat);
+  EXPECT_TRUE(map->isUpdated());
+  EXPECT_EQ(map->getHeight(-2.0, 2.9), 0.25);
+  EXPECT_NEAR(world.rayTest({1.1, 0.4, 9.0}, {0, 0, -1}, 20.0)[0].getPosition()[2], 0.25, 1e-12);
+
+  // Another grid size cannot be taken in place.
+  EXPECT_TRUE(says(fatalText([&] { map->update(0, 0, 6, 6, std::vector<double>(399)); }),
+                   "Height map update needs 400 heights (20 by 20), got 399"));
+  p.xSamples = 21;
+  EXPECT_TRUE(says(fatalText([&] { map->update(0, 0, p); }),
+                   "Height map update needs the map's 20 by 20 samples, got 21 by 20"));
+  EXPECT_EQ(map->getHeight(-2.0, 2.9), 0.25);
+
+  // A new size is stored for the queries while collision keeps its grid: said aloud.
+  {
+    StdoutCapture out;
+    map->update(cx, cy, 12.0, 6.0, flat);
+    EXPECT_NE(out.text().find("\x1b[33mHeight map update to a size of 12 by 6: collision keeps the grid of 6 by 6"),
+              std::string::npos);
+  }
+  EXPECT_EQ(map->getXSize(), 12.0);
+
+  // Removal frees the geom and the heightfield data, which is then unknown.
+  dxHeightfieldData* data = map->getHeightFieldData();
+  const int geoms = dSpaceGetNumGeoms(world.getCollisionSpace());
+  world.removeObject(map);
+  EXPECT_EQ(dSpaceGetNumGeoms(world.getCollisionSpace()), geoms - 1);
+  EXPECT_TRUE(says(fatalText([&] { dxgetHeightFromHeightField(data, 0.0, 0.0); }),
+                   "heightfield data that no height map registered"));
+}
+
+TEST(HeightMap, AFatalCallbackThatReturnsGetsADefinedMap) {
+  int fatals = 0;
+  VorSimMsg::setFatalCallback([&] { ++fatals; });
+  StdoutCapture out;
+  HeightMap shortOne(3, 2, 2.0, 1.0, 0.0, 0.0, {1, 2, 3, 4});  // two heights missing: zeros
+  EXPECT_EQ(shortOne.getHeightMap(), (std::vector<double>{1, 2, 3, 4, 0, 0}));
+  EXPECT_EQ(shortOne.getHeight(1.0, 0.5), 0.0);
+  HeightMap line(1, 4, 0.0, 1.0, 0.0, 0.0, {1, 2, 3, 4});  // one column, no size: level 2 by 2, 1 m
+  EXPECT_EQ(line.getXSamples(), 2u);
+  EXPECT_EQ(line.getXSize(), 1.0);
+  EXPECT_EQ(line.getHeight(0.3, 0.2), 0.0);
+  EXPECT_EQ(fatals, 3);
+  VorSimMsg::resetFatalCallback();
+}
+
+// ------------------------------------------------------------------ dynamics --
+
+TEST(HeightMapDynamics, SphereRestsAndRollsOnATiltedPlane) {
+  // A level map at 0.37 holds a sphere exactly as a ground plane at 0.37 does.
+  double rest[2];
+  for (int k = 0; k < 2; ++k) {
+    World world;
+    world.setTimeStep(0.001);
+    if (k == 0)
+      world.addHeightMap(3, 3, 4.0, 4.0, 0.5, 0.5, std::vector<double>(9, 0.37));
+    else
+      world.addGround(0.37);
+    auto* ball = world.addSphere(0.1, 1.0);
+    ball->setPosition(0.2, 0.3, 0.6);
+    for (int i = 0; i < 1500; ++i) world.integrate();
+    rest[k] = ball->getPosition()[2];
+    EXPECT_LT(ball->getLinearVelocity().norm(), 1e-4);
+  }
+  EXPECT_NEAR(rest[0], 0.47, 1e-3);
+  EXPECT_NEAR(rest[0], rest[1], 1e-9);
+
+  // On the plane z = x tan(theta) a solid ball rolls down with (5/7) g sin(theta).
+  const double theta = 12.0 * M_PI / 180.0, g = 9.81, r = 0.1, t = 1.0;
+  std::vector<double> plane(21 * 21);
+  for (size_t j = 0; j < 21; ++j)
+    for (size_t i = 0; i < 21; ++i) plane[j * 21 + i] = std::tan(theta) * (-5.0 + 0.5 * i);
+  World world;
+  world.setTimeStep(0.001);
+  auto* map = world.addHeightMap(21, 21, 10.0, 10.0, 0.0, 0.0, plane);
+  auto* ball = world.addSphere(r, 2.0);
+  ball->setPosition(2.0, 0.3, map->getHeight(2.0, 0.3) + r / std::cos(theta));
+  const Eigen::Vector3d downhill(-std::cos(theta), 0.0, -std::sin(theta)), normal(-std::sin(theta), 0, std::cos(theta));
+  for (int i = 0; i < int(t / 0.001); ++i) {
+    world.integrate();
+    const Eigen::Vector3d c = ball->getPosition().e();
+    EXPECT_NEAR((c - Eigen::Vector3d(c.x(), c.y(), map->getHeight(c.x(), c.y()))).dot(normal), r, 1e-3);
+  }
+  const double v = ball->getLinearVelocity().e().dot(downhill), expected = 5.0 / 7.0 * g * std::sin(theta) * t;
+  EXPECT_NEAR(v / expected, 1.0, 0.02);
+  EXPECT_NEAR(ball->getAngularVelocity()[1] * r / v, -1.0, 0.02);  // rolling, not sliding
+  EXPECT_NEAR(ball->getPosition()[1], 0.3, 1e-6);
+}
+
+TEST(HeightMapDynamics, BoxSettlesOnGeneratedTerrain) {
+  World world;
+  world.setTimeStep(0.001);
+  auto* map = world.addHeightMap(1.0, -1.0, TerrainProperties(0.25, 16.0, 16.0, 1.2, 64, 64, 4, 2.0, 0.5, 0, 0, 11));
+  auto* box = world.addBox(0.4, 0.3, 0.2, 2.0);
+  box->setPosition(1.3, -0.8, map->getHeight(1.3, -0.8) + 0.4);
+  for (int i = 0; i < 3000; ++i) world.integrate();
+  EXPECT_LT(box->getLinearVelocity().norm(), 1e-3);
+  EXPECT_LT(box->getAngularVelocity().norm(), 1e-2);
+  ASSERT_GT(box->getContacts().size(), 0u);
+  // It rests on the surface: every contact point lies on the terrain.
+  for (const Contact& c : box->getContacts())
+    EXPECT_NEAR(c.getPosition()[2], map->getHeight(c.getPosition()[0], c.getPosition()[1]), 3e-3);
+  // And no corner sank into it.
+  for (int k = 0; k < 8; ++k) {
+    Mat<3, 1> corner;
+    box->getPosition(0, Mat<3, 1>{k & 1 ? 0.2 : -0.2, k & 2 ? 0.15 : -0.15, k & 4 ? 0.1 : -0.1}, corner);
+    EXPECT_GT(corner[2] - map->getHeight(corner[0], corner[1]), -3e-3);
+  }
+}
