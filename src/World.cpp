@@ -352,9 +352,9 @@ Mesh* World::addMesh(const std::string& objFile, double mass, double scale, cons
 }
 
 Mesh* World::addMesh(const Mesh* source, const std::string& material, size_t collisionGroup, size_t collisionMask) {
-  auto* object = registerObject(new Mesh(source->getMeshVertices(), source->getMeshIndices(), nullptr,
-                                         source->getMass(), source->getInertiaMatrix_B(), source->getBodyComOffset(),
-                                         1.0));
+  auto* object =
+      registerObject(new Mesh(source->getMeshVertices(), source->getMeshIndices(), nullptr, source->getMass(),
+                              source->getInertiaMatrix_B(), source->getBodyComOffset(), 1.0));
   addCollisionObject(object->getCollisionObject(), 0, material, collisionGroup, collisionMask);
   return object;
 }
@@ -367,9 +367,8 @@ ArticulatedSystem* World::addArticulatedSystem(const std::string& urdfPathOrText
   return registerArticulatedSystem(system, collisionGroup, collisionMask);
 }
 
-ArticulatedSystem* World::addArticulatedSystem(const Child& root, const std::string& resourceDir,
-                                               size_t collisionGroup, size_t collisionMask,
-                                               ArticulatedSystemOption option) {
+ArticulatedSystem* World::addArticulatedSystem(const Child& root, const std::string& resourceDir, size_t collisionGroup,
+                                               size_t collisionMask, ArticulatedSystemOption option) {
   ++configurationNumber_;
   auto* system = new ArticulatedSystem(root, resourceDir, option);
   return registerArticulatedSystem(system, collisionGroup, collisionMask);

@@ -548,14 +548,14 @@ bool LoadFromURDF2::connectLinks() {
     const VorSimTinyXmlWrapper& element = jointElements_[j];
     UrdfLink* parentLink = findLink(joint.parentLink);
     if (parentLink == nullptr) {
-      element.errorMessage("link named \"" + joint.parentLink + "\" does not exist. It was defined as a parent of joint \"" +
-                           joint.name + "\"");
+      element.errorMessage("link named \"" + joint.parentLink +
+                           "\" does not exist. It was defined as a parent of joint \"" + joint.name + "\"");
       return false;
     }
     UrdfLink* childLink = findLink(joint.childLink);
     if (childLink == nullptr) {
-      element.errorMessage("link named \"" + joint.childLink + "\" does not exist. It was defined as a child of joint \"" +
-                           joint.name + "\"");
+      element.errorMessage("link named \"" + joint.childLink +
+                           "\" does not exist. It was defined as a child of joint \"" + joint.name + "\"");
       return false;
     }
     if (childLink->parent != nullptr) {

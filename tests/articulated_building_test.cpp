@@ -146,9 +146,8 @@ TEST(Building, FixedLinksMergeIntoTheirMovableAncestor) {
   f3.rot = rotation(M_PI / 2, {0, 1, 0});
   f3.collisionBodies.emplace_back(Shape::Sphere, Mat<4, 1>{0.05, 0, 0, 0}, Mat<3, 1>{0, 0, 0.1},
                                   Mat<3, 3>::getIdentity(), Mat<3, 1>{1, 1, 1}, "f3/0", "rubber", "", "");
-  f3.sensors.push_back(std::make_shared<InertialMeasurementUnit>(InertialMeasurementUnit::ImuProperties{"f3:imu"},
-                                                                 nullptr, Mat<3, 1>{0, 0, 0.2},
-                                                                 Mat<3, 3>::getIdentity()));
+  f3.sensors.push_back(std::make_shared<InertialMeasurementUnit>(
+      InertialMeasurementUnit::ImuProperties{"f3:imu"}, nullptr, Mat<3, 1>{0, 0, 0.2}, Mat<3, 3>::getIdentity()));
   f2.child.push_back(arm);
   f1.fixedBodies.push_back(f2);
   base.fixedBodies.push_back(f1);
@@ -259,7 +258,7 @@ TEST(Building, TablesFollowTheDepthFirstBodyOrder) {
 
   StdoutCapture quiet;
   ArticulatedSystem sys(root, "");
-  EXPECT_NE(quiet.text().find("resDir is not specified."), std::string::npos);
+  EXPECT_NE(quiet.text().find("resDir is not specified."), std::string::npos);  // ends the capture
   ASSERT_EQ(sys.nbody, 5u);
   EXPECT_EQ(sys.dof, 6u);
   EXPECT_EQ(sys.gcDim, 7u);
@@ -364,7 +363,6 @@ TEST(Building, IgnoringTheNearestMassiveAncestor) {
   base.child.push_back(hollow);
   ArticulatedSystemOption option;
   option.ignoreParentCollision = true;
-  StdoutCapture quiet;
   ArticulatedSystem sys(base, "r", option);
   const auto& defs = sys.getCollisionBodies();
   ASSERT_EQ(defs.size(), 3u);
@@ -377,7 +375,9 @@ TEST(Building, IgnoringTheNearestMassiveAncestor) {
   // A massless fixed root: the walk runs past it without reading out of range.
   Child fixedRoot = shape(link("root", Joint::FIXED, ""));
   fixedRoot.child.push_back(shape(link("free", Joint::REVOLUTE)));
+  StdoutCapture quiet;
   ArticulatedSystem none(fixedRoot, "r", option);
+  const std::string warning = quiet.text();
   EXPECT_TRUE(geomData(none.getCollisionBodies()[1].colObj).ignoredGeoms.empty());
 
   // Without the option nothing is ignored until asked for.
@@ -387,8 +387,8 @@ TEST(Building, IgnoringTheNearestMassiveAncestor) {
   EXPECT_EQ(geomData(plain.getCollisionBodies()[2].colObj).ignoredGeoms.size(), 1u);
   EXPECT_EQ(geomData(plain.getCollisionBodies()[0].colObj).ignoredGeoms.size(), 1u);
   // A massless subtree is reported.
-  EXPECT_NE(quiet.text().find("Body \"free\" and the bodies below it have no mass"), std::string::npos);
-  EXPECT_EQ(quiet.text().find("Body \"hollow\""), std::string::npos);  // its child carries mass
+  EXPECT_NE(warning.find("Body \"free\" and the bodies below it have no mass"), std::string::npos);
+  EXPECT_EQ(warning.find("Body \"hollow\""), std::string::npos);  // its child carries mass
 }
 
 TEST(Building, BadTreesEndInFatalMessages) {
@@ -488,6 +488,7 @@ TEST(Building, PrintsNamesInOrder) {
   sys.printOutBodyNamesInOrder();
   sys.printOutMovableJointNamesInOrder();
   sys.printOutFrameNamesInOrder();
-  EXPECT_EQ(out.text(), "0th body: base\n1th body: leg\n0th body: ROOT\n1th body: leg_joint\n0th frame: ROOT\n"
-                        "1th frame: leg_joint\n");
+  EXPECT_EQ(out.text(),
+            "0th body: base\n1th body: leg\n0th body: ROOT\n1th body: leg_joint\n0th frame: ROOT\n"
+            "1th frame: leg_joint\n");
 }

@@ -195,8 +195,7 @@ class World {
   void contactProblemUpdate(Object* object);
   // Enters a freshly built robot: its index, and its geoms in the space with
   // object index, body index, group and mask.
-  ArticulatedSystem* registerArticulatedSystem(ArticulatedSystem* system, size_t collisionGroup,
-                                               size_t collisionMask);
+  ArticulatedSystem* registerArticulatedSystem(ArticulatedSystem* system, size_t collisionGroup, size_t collisionMask);
   template <typename W>
   W* registerWire(W* wire);
 

@@ -90,8 +90,8 @@ void Mesh::loadObj(const std::string& fileName, std::vector<float>& vertices, st
   const size_t vertexCount = (vertices.size() - firstVertex) / 3;
   for (size_t i = firstIndex; i < indices.size(); ++i) {
     if (indices[i] >= vertexCount) {
-      MSG_FATAL(fileName << ": a face refers to vertex " << int64_t(int32_t(indices[i])) + 1 << ", but the file defines "
-                         << vertexCount << " vertices");
+      MSG_FATAL(fileName << ": a face refers to vertex " << int64_t(int32_t(indices[i])) + 1
+                         << ", but the file defines " << vertexCount << " vertices");
       return;
     }
   }

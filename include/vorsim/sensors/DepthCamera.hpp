@@ -21,8 +21,7 @@ class DepthCamera : public Sensor {
     std::string format = "16";
   };
 
-  DepthCamera(const DepthCameraProperties& prop, ArticulatedSystem* owner, const Mat<3, 1>& pos,
-              const Mat<3, 3>& rot);
+  DepthCamera(const DepthCameraProperties& prop, ArticulatedSystem* owner, const Mat<3, 1>& pos, const Mat<3, 3>& rot);
 
   // Pixel ray directions in the camera frame, x = 1, not normalised, row by
   // row. Appends to the list.

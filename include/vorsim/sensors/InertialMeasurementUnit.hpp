@@ -13,8 +13,8 @@ class InertialMeasurementUnit : public Sensor {
  public:
   struct ImuProperties {
     std::string name;
-    double maxAcc = std::numeric_limits<double>::max();     // limit of |acceleration|
-    double maxAngVel = std::numeric_limits<double>::max();  // limit of |angular velocity|
+    double maxAcc = std::numeric_limits<double>::max();        // limit of |acceleration|
+    double maxAngVel = std::numeric_limits<double>::max();     // limit of |angular velocity|
     double reserved0 = 0.0, reserved1 = 0.0, reserved2 = 0.0;  // stored and copied only
   };
 

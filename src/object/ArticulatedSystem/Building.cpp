@@ -332,7 +332,8 @@ void Child::initCollisionBodies(std::vector<CollisionDefinition>& definitions, s
     visColObj.back().localIdx = bodyIdx;
   }
 
-  for (Child& c : child) c.initCollisionBodies(definitions, visColObj, meshData, meshVertices, meshIndices, resourceDir);
+  for (Child& c : child)
+    c.initCollisionBodies(definitions, visColObj, meshData, meshVertices, meshIndices, resourceDir);
 }
 
 void Child::initVisuals(std::vector<VisObject>& visualList) {
@@ -352,8 +353,8 @@ void ArticulatedSystem::updateCollision() {
     Mat<3, 3> R;
     rotmatmul(rotW[b], d.rotOffset, R);
     dGeomSetPosition(d.colObj, p[0], p[1], p[2]);
-    const dMatrix3 rot = {R(0, 0), R(0, 1), R(0, 2), 0.0, R(1, 0), R(1, 1), R(1, 2), 0.0,
-                          R(2, 0), R(2, 1), R(2, 2), 0.0};
+    const dMatrix3 rot = {R(0, 0), R(0, 1), R(0, 2), 0.0,     R(1, 0), R(1, 1),
+                          R(1, 2), 0.0,     R(2, 0), R(2, 1), R(2, 2), 0.0};
     dGeomSetRotation(d.colObj, rot);
   }
 }
@@ -492,8 +493,8 @@ void ArticulatedSystem::sizeTables() {
   gv.setZero(dof);
 
   for (auto* table : {&rotW, &preRotW, &rotJ}) table->assign(nbody, Mat<3, 3>::getIdentity());
-  for (auto* table : {&posW, &relPosW, &axisW, &comRelW, &comW, &linVelW, &angVelW, &jointLinVelW, &jointAngVelW,
-                      &linAccW, &angAccW})
+  for (auto* table :
+       {&posW, &relPosW, &axisW, &comRelW, &comW, &linVelW, &angVelW, &jointLinVelW, &jointAngVelW, &linAccW, &angAccW})
     table->assign(nbody, zero3);
 }
 

@@ -28,8 +28,7 @@ void ArticulatedSystem::updateTimeStepIfNecessary(double /*dt*/) {}
 void ArticulatedSystem::setExternalForce(size_t /*localIdx*/, const Mat<3, 1>& /*pos*/, const Mat<3, 1>& /*force*/) {}
 void ArticulatedSystem::setExternalForce(size_t /*localIdx*/, const Mat<3, 1>& /*force*/) {}
 void ArticulatedSystem::setExternalTorque(size_t /*localIdx*/, const Mat<3, 1>& /*torque*/) {}
-void ArticulatedSystem::setConstraintForce(size_t /*localIdx*/, const Mat<3, 1>& /*pos*/,
-                                           const Mat<3, 1>& /*force*/) {}
+void ArticulatedSystem::setConstraintForce(size_t /*localIdx*/, const Mat<3, 1>& /*pos*/, const Mat<3, 1>& /*force*/) {}
 
 void ArticulatedSystem::clearExternalForcesAndTorques() {
   externalForceIsForce_.clear();

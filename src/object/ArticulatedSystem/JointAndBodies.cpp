@@ -20,9 +20,9 @@ CollisionBody::CollisionBody(Shape::Type shape_, const Mat<4, 1>& shapeParam_, c
       visMaterial(std::move(visMaterial_)),
       meshFile(std::move(meshFile_)) {}
 
-VisObject::VisObject(Shape::Type shape_, const Mat<4, 1>& shapeParam_, const Mat<3, 1>& offset_,
-                     const Mat<3, 3>& rot_, const Mat<4, 1>& color_, const Mat<3, 1>& scale_, std::string meshFile_,
-                     std::string name_, std::string material_)
+VisObject::VisObject(Shape::Type shape_, const Mat<4, 1>& shapeParam_, const Mat<3, 1>& offset_, const Mat<3, 3>& rot_,
+                     const Mat<4, 1>& color_, const Mat<3, 1>& scale_, std::string meshFile_, std::string name_,
+                     std::string material_)
     : shape(shape_),
       shapeParam(shapeParam_),
       offset(offset_),

@@ -17,9 +17,8 @@ void ArticulatedSystem::initializeConstraints() {
   // The pins are located at the configuration they were described in, and
   // the system stays there.
   if (pinConfiguration.n != gcDim) {
-    MSG_FATAL("The configuration of the pin constraints has " << pinConfiguration.n
-                                                              << " entries, but the system has " << gcDim
-                                                              << " generalized coordinates");
+    MSG_FATAL("The configuration of the pin constraints has " << pinConfiguration.n << " entries, but the system has "
+                                                              << gcDim << " generalized coordinates");
     pinDefinitions.clear();
     return;
   }

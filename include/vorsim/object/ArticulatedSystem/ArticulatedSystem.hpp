@@ -52,7 +52,7 @@ class PinConstraint {
       : pinPos1(pos1), pinPos2(pos2), pinBody1(body1), pinBody2(body2) {}
   virtual ~PinConstraint() = default;
 
-  Mat<3, 1> pinPos1, pinPos2;                 // the pin point in each body's frame
+  Mat<3, 1> pinPos1, pinPos2;                      // the pin point in each body's frame
   Mat<3, 1> pinPosW1{0, 0, 0}, pinPosW2{0, 0, 0};  // world points of the current step
   size_t pinBody1, pinBody2;
 };
@@ -63,14 +63,14 @@ class ArticulatedSystem : public Object {
   enum Frame : int32_t { WORLD_FRAME = 0, PARENT_FRAME = 1, BODY_FRAME = 2 };
 
   struct SpringElement {
-    size_t springBody;        // body index
+    size_t springBody;  // body index
     double springStiffness;
-    Mat<4, 1> springRest;     // element 0, or a quaternion for a spherical joint
+    Mat<4, 1> springRest;  // element 0, or a quaternion for a spherical joint
   };
 
-  using SensorMap = std::unordered_map<std::string, std::shared_ptr<Sensor>, std::hash<std::string>,
-                                       std::equal_to<std::string>,
-                                       AlignedAllocator<std::pair<const std::string, std::shared_ptr<Sensor>>, 32>>;
+  using SensorMap =
+      std::unordered_map<std::string, std::shared_ptr<Sensor>, std::hash<std::string>, std::equal_to<std::string>,
+                         AlignedAllocator<std::pair<const std::string, std::shared_ptr<Sensor>>, 32>>;
 
   static constexpr size_t kNone = size_t(-1);
 
@@ -237,10 +237,10 @@ class ArticulatedSystem : public Object {
   VecDyn gc, gv;
 
   // Indexed by body.
-  std::vector<size_t> parent;                // parent[0] is -1
+  std::vector<size_t> parent;                 // parent[0] is -1
   std::vector<std::vector<size_t>> children;  // direct children, in index order
-  std::vector<size_t> leaves;                // bodies without children; never the root
-  std::vector<size_t> depth;                 // depth[0] = 1
+  std::vector<size_t> leaves;                 // bodies without children; never the root
+  std::vector<size_t> depth;                  // depth[0] = 1
   std::vector<Joint::Type> jointType;
   std::vector<size_t> gcDimOf, gvDimOf;
   // First gc / gv index of the body's joint. For a fixed base, entry 0 is
@@ -288,18 +288,18 @@ class ArticulatedSystem : public Object {
   std::vector<Child> child;
 
   // Kinematics, indexed by body.
-  std::vector<Mat<3, 3>> rotW;      // body frame to world
-  std::vector<Mat<3, 1>> posW;      // body origin (joint origin) in the world
-  std::vector<Mat<3, 1>> relPosW;   // from the parent's origin to this origin
-  std::vector<Mat<3, 3>> preRotW;   // joint frame before the joint moves (revolute, spherical)
-  std::vector<Mat<3, 3>> rotJ;      // rotation made by the joint coordinate (revolute, spherical)
-  std::vector<Mat<3, 1>> axisW;     // joint axis in the world
-  std::vector<Mat<3, 1>> comRelW;   // rotW comB
-  std::vector<Mat<3, 1>> comW;      // centre of mass in the world
-  std::vector<Mat<3, 1>> linVelW;   // velocity of the body origin
+  std::vector<Mat<3, 3>> rotW;     // body frame to world
+  std::vector<Mat<3, 1>> posW;     // body origin (joint origin) in the world
+  std::vector<Mat<3, 1>> relPosW;  // from the parent's origin to this origin
+  std::vector<Mat<3, 3>> preRotW;  // joint frame before the joint moves (revolute, spherical)
+  std::vector<Mat<3, 3>> rotJ;     // rotation made by the joint coordinate (revolute, spherical)
+  std::vector<Mat<3, 1>> axisW;    // joint axis in the world
+  std::vector<Mat<3, 1>> comRelW;  // rotW comB
+  std::vector<Mat<3, 1>> comW;     // centre of mass in the world
+  std::vector<Mat<3, 1>> linVelW;  // velocity of the body origin
   std::vector<Mat<3, 1>> angVelW;
-  std::vector<Mat<3, 1>> jointLinVelW;  // a prismatic joint's own velocity
-  std::vector<Mat<3, 1>> jointAngVelW;  // a revolute or spherical joint's own angular velocity
+  std::vector<Mat<3, 1>> jointLinVelW;      // a prismatic joint's own velocity
+  std::vector<Mat<3, 1>> jointAngVelW;      // a revolute or spherical joint's own angular velocity
   std::vector<Mat<3, 1>> linAccW, angAccW;  // written by the dynamics stages
 
   // Pins (loops closed inside the tree).

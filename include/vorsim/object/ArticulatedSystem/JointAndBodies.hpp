@@ -81,8 +81,8 @@ struct Joint {
   // A joint whose type nobody set. ArticulatedSystem::init refuses it.
   static constexpr Type kUnsetType = static_cast<Type>(-1);
 
-  Mat<3, 1> axis{0.0, 0.0, 1.0};  // in the joint frame; unit length is the builder's duty
-  Mat<3, 1> pos{0.0, 0.0, 0.0};   // origin of the joint frame in the parent body frame
+  Mat<3, 1> axis{0.0, 0.0, 1.0};             // in the joint frame; unit length is the builder's duty
+  Mat<3, 1> pos{0.0, 0.0, 0.0};              // origin of the joint frame in the parent body frame
   Mat<3, 3> rot = Mat<3, 3>::getIdentity();  // orientation of the joint frame in the parent body frame
   // Lower and upper limit; for a spherical joint element 0 is the cone angle
   // (0: no limit).
@@ -96,8 +96,8 @@ struct Joint {
   // 0 holds a limited joint at rest: set it when building a tree by hand.
   double velocityLimit = 0.0;
   Mat<4, 1> springMount{0.0, 0.0, 0.0, 0.0};  // spring rest: element 0, or a quaternion
-  double jointRef = 0.0;                       // coordinate value of the described pose
-  std::string name;                            // required on every joint but the root's
+  double jointRef = 0.0;                      // coordinate value of the described pose
+  std::string name;                           // required on every joint but the root's
 };
 
 struct Body {
@@ -124,10 +124,10 @@ struct CoordinateFrame {
   Mat<3, 1> position{0.0, 0.0, 0.0};                 // relative to body parentId
   size_t parentId = 0;                               // movable body that carries the frame
   size_t spareBodyId = 0;                            // nothing writes it
-  std::string name;        // the joint's name, or the sensor's for a sensor frame
-  std::string parentName;  // name of the movable body that carries the frame
-  std::string bodyName;    // the link the joint leads to; empty for a sensor frame
-  bool isMovableJoint = false;  // at the origin of a movable body
+  std::string name;                                  // the joint's name, or the sensor's for a sensor frame
+  std::string parentName;                            // name of the movable body that carries the frame
+  std::string bodyName;                              // the link the joint leads to; empty for a sensor frame
+  bool isMovableJoint = false;                       // at the origin of a movable body
   Joint::Type jointType = Joint::FIXED;
 };
 
@@ -145,13 +145,13 @@ struct ArticulatedSystemOption {
 // One rigid body together with the joint that carries it. Copying a Child
 // copies its subtree (sensors are shared).
 struct Child : public Body, public Joint {
-  std::string bodyName;             // the link's name
-  std::vector<Child> child;         // children on movable joints
-  std::vector<Child> fixedBodies;   // children on fixed joints
-  size_t bodyIdx = 0;               // set by ArticulatedSystem::init
-  size_t parentIdx = 0;             // set by ArticulatedSystem::init
-  std::string parentName;           // the parent link's name
-  bool registered = false;          // visited mark of the index walk
+  std::string bodyName;            // the link's name
+  std::vector<Child> child;        // children on movable joints
+  std::vector<Child> fixedBodies;  // children on fixed joints
+  size_t bodyIdx = 0;              // set by ArticulatedSystem::init
+  size_t parentIdx = 0;            // set by ArticulatedSystem::init
+  std::string parentName;          // the parent link's name
+  bool registered = false;         // visited mark of the index walk
 
   // Bodies, gv entries and gc entries of this node and its movable subtree;
   // fixedBodies do not count.
