@@ -315,15 +315,16 @@ TEST(Building, TablesFollowTheDepthFirstBodyOrder) {
 
 TEST(Building, FloatingBaseLayoutAndEdgeTrees) {
   Child root = massive(link("base", Joint::FLOATING, ""), 1.0, {0, 0, 0}, {1, 1, 1});
-  root.child.push_back(massive(link("leg", Joint::REVOLUTE), 1.0, {0, 0, 0}, {1, 1, 1}));
+  root.child.push_back(massive(link("hip", Joint::SPHERICAL), 1.0, {0, 0, 0}, {1, 1, 1}));
+  root.child[0].child.push_back(massive(link("leg", Joint::REVOLUTE), 1.0, {0, 0, 0}, {1, 1, 1}));
   ArticulatedSystem sys(root, "r");
-  EXPECT_EQ(sys.gcIdx, (std::vector<size_t>{0, 7}));
-  EXPECT_EQ(sys.gvIdx, (std::vector<size_t>{0, 6}));
-  EXPECT_EQ(sys.gcChain, (std::vector<size_t>{7, 8}));
-  EXPECT_EQ(sys.dofParent, (std::vector<size_t>{kNone, 0, 1, 2, 3, 4, 5}));
-  EXPECT_EQ(sys.movableJointNames, (std::vector<std::string>{"ROOT", "leg_joint"}));
+  EXPECT_EQ(sys.gcIdx, (std::vector<size_t>{0, 7, 11}));
+  EXPECT_EQ(sys.gvIdx, (std::vector<size_t>{0, 6, 9}));
+  EXPECT_EQ(sys.gcChain, (std::vector<size_t>{7, 11, 12}));
+  EXPECT_EQ(sys.dofParent, (std::vector<size_t>{kNone, 0, 1, 2, 3, 4, 5, 6, 7, 8}));
+  EXPECT_EQ(sys.movableJointNames, (std::vector<std::string>{"ROOT", "hip_joint", "leg_joint"}));
   EXPECT_EQ(sys.jointNameToGv.at("ROOT"), 0u);
-  EXPECT_EQ(sys.gc[3], 1.0);
+  EXPECT_EQ(sys.gc.e(), (Eigen::VectorXd(12) << 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 0).finished());
   EXPECT_EQ(sys.getBodyType(0), DYNAMIC);
 
   // Only fixed links: one body, no degrees of freedom, everything combined.
@@ -470,6 +471,17 @@ TEST(Building, RobotsInAWorld) {
   for (int i = 0; i < 50; ++i) world.integrate();
   EXPECT_EQ(robot->gc[0], M_PI / 2);
   EXPECT_NEAR(sphere->getPosition()[2], 1.7, 0.01);  // resting on the mesh
+
+  // Offsets and sizes of geoms can be changed after building.
+  robot->setCollisionObjectShapeParameters(1, Mat<4, 1>{0.08, 0, 0, 0});
+  EXPECT_EQ(dGeomSphereGetRadius(defs[1].colObj), 0.08);
+  EXPECT_EQ(robot->getVisColOb()[1].shapeParam[0], 0.08);
+  robot->setCollisionObjectShapeParameters(0, Mat<4, 1>{5, 5, 5, 0});  // a mesh keeps its triangles
+  EXPECT_EQ(robot->getVisColOb()[0].shapeParam[0], 5.0);
+  robot->setCollisionObjectPositionOffset(1, Mat<3, 1>{0, 0, 1});
+  robot->setCollisionObjectOrientationOffset(1, Mat<3, 3>::getIdentity());
+  robot->updateCollision();
+  EXPECT_NEAR(dGeomGetPosition(defs[1].colObj)[0], 1.0, 1e-12);  // the arm's z is the world's x now
 
   // Removing the sphere moves the robot into its place, geoms included.
   world.removeObject(sphere);

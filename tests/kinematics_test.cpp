@@ -272,6 +272,37 @@ TEST(Kinematics, BaseBlocksPrismaticAxesAndQuaternions) {
   EXPECT_EQ(floating.gc[floating.gcIdx[2] + 3], 1.0);
 }
 
+namespace {
+// Reaches the compact Jacobian of the contact path.
+class ContactPathSystem : public ArticulatedSystem {
+ public:
+  using ArticulatedSystem::ArticulatedSystem;
+  using ArticulatedSystem::getSparseJacobian_internal;
+};
+}  // namespace
+
+TEST(Kinematics, TheCompactContactJacobianKeepsTheJointColumns) {
+  ContactPathSystem s(makeTree(Joint::FLOATING), "r");
+  VecDyn gc(s.gcDim);
+  for (size_t i = 0; i < s.gcDim; ++i) gc[i] = 0.1 * double(i + 1);
+  s.setGeneralizedCoordinate(gc);
+  SparseJacobian full, compact;
+  compact.resize(s.dof);
+  const Mat<3, 1> pW{0.3, -0.2, 0.9};
+  for (size_t body = 0; body < s.nbody; ++body) {
+    s.getSparseJacobian(body, pW, full);
+    s.getSparseJacobian_internal(body, pW, compact);
+    ASSERT_EQ(compact.size, full.size);
+    for (size_t k = 0; k < 6; ++k) EXPECT_EQ(compact.idx[k], k);
+    // The base block is carried by column 3 alone: the lever arm itself.
+    for (size_t r = 0; r < 3; ++r) EXPECT_EQ(compact.v(r, 3), pW[r] - s.posW[0][r]);
+    for (size_t k = 6; k < full.size; ++k) {
+      EXPECT_EQ(compact.idx[k], full.idx[k]);
+      for (size_t r = 0; r < 3; ++r) EXPECT_EQ(compact.v(r, k), full.v(r, k));
+    }
+  }
+}
+
 TEST(Kinematics, FramesAndStateSetters) {
   ThrowOnFatal guard;
   Fixture f(Joint::FLOATING);
@@ -309,9 +340,17 @@ TEST(Kinematics, FramesAndStateSetters) {
   // Base setters on a floating base write gc.
   s.setBasePos(Mat<3, 1>{1, 2, 3});
   EXPECT_EQ(s.posW[0].e(), Eigen::Vector3d(1, 2, 3));
+  const double hinge = s.gc[7];
   s.setBaseOrientation(rotation(0.3, {0, 0, 1}));
-  Mat<4, 1> q;
-  s.getBaseOrientation(q);
+  EXPECT_EQ(s.gc[7], hinge);  // only the base quaternion is written
+  // The quaternion is four numbers, and nothing after them is written.
+  struct {
+    Mat<4, 1> q;
+    double after;
+  } probe{{}, 7.0};
+  s.getBaseOrientation(probe.q);
+  const Mat<4, 1> q = probe.q;
+  EXPECT_EQ(probe.after, 7.0);
   EXPECT_NEAR(q[0], std::cos(0.15), 1e-14);
   EXPECT_NEAR(q[3], std::sin(0.15), 1e-14);
   s.setBaseVelocity(Mat<3, 1>{0, 0, 1});
@@ -328,7 +367,7 @@ TEST(Kinematics, FramesAndStateSetters) {
   EXPECT_THROW(s.setGeneralizedVelocity(VecDyn(3)), vorsim_test::FatalError);
   ArticulatedSystem fixed(makeTree(Joint::FIXED), "r");
   EXPECT_THROW(fixed.setBaseVelocity(Mat<3, 1>{0, 0, 1}), vorsim_test::FatalError);
-  EXPECT_THROW(fixed.getBaseOrientation(q), vorsim_test::FatalError);
+  EXPECT_THROW(fixed.getBaseOrientation(probe.q), vorsim_test::FatalError);
   const std::string text = out.text();
   EXPECT_NE(text.find("Wrong number of generalized coordinate elements"), std::string::npos);
   EXPECT_NE(text.find("Wrong number of generalized velocity elements"), std::string::npos);

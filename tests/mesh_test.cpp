@@ -119,7 +119,9 @@ TEST(MeshObj, ScaleOnceOrTwiceAndTheBoundingBoxQuirk) {
   // A mesh wholly at negative x: the box still reaches x = 0.
   Mesh negative(kMeshDir + "negative_x.obj", nullptr, 12.0, 1.0);
   EXPECT_DOUBLE_EQ(negative.getBodyComOffset()[0], -1.5);  // (-3 + 0) / 2
+  EXPECT_DOUBLE_EQ(negative.getBodyComOffset()[1], 0.5);
   EXPECT_DOUBLE_EQ(negative.getBodyComOffset()[2], 1.0);
+  EXPECT_EQ(negative.getGyroscopicMode(), EXPLICIT_GYROSCOPIC_FORCE);
   const double dx = 3, dy = 1, dz = 2;
   EXPECT_NEAR(negative.getInertiaMatrix_B()(2, 2), dx * dx * dy * dy, 1e-6);
   EXPECT_NEAR(negative.getInertiaMatrix_B()(1, 1), dx * dx * dz * dz, 1e-6);

@@ -8,6 +8,7 @@
 #include "vorsim/object/ArticulatedSystem/ArticulatedSystem.hpp"
 #include "vorsim/sensors/DepthCamera.hpp"
 #include "vorsim/sensors/InertialMeasurementUnit.hpp"
+#include "vorsim/sensors/RGBSensor.hpp"
 #include "vorsim/sensors/SpinningLidar.hpp"
 
 using namespace vorsim;
@@ -47,6 +48,11 @@ const char* kRobot = R"(<?xml version="1.0"?>
   </joint>
   <link name="upper">
     <inertial><mass value="1"/><inertia ixx="0.01" iyy="0.01" izz="0.01"/></inertial>
+    <sensor type="rgb" name="eye" update_rate="60">
+      <origin xyz="0.1 0 0"/>
+      <camera horizontal_fov="1.0"><image width="8" height="6"/><clip near="0.01" far="20"/>
+        <noise type="Uniform" mean="0.5" stddev="0.1"/></camera>
+    </sensor>
     <collision><geometry><cylinder radius="0.04" length="0.4"/></geometry></collision>
   </link>
   <joint name="knee" type="continuous">
@@ -152,6 +158,8 @@ TEST(UrdfLoader, ReadsEveryElementIntoTheSystem) {
   EXPECT_EQ(radius, 0.05);
   EXPECT_EQ(length, 0.3);
   EXPECT_EQ(s.getVisColOb()[0].material, "red");
+  EXPECT_EQ(s.getVisColOb()[0].color.e(), Eigen::Vector4d(0.7, 0.7, 0.7, 1.0));
+  EXPECT_EQ(s.getVisColOb()[1].localIdx, 1u);
   EXPECT_NEAR(defs[0].rotOffset(0, 2), 1.0, 1e-15);
   EXPECT_EQ(dGeomGetClass(defs[1].colObj), dCylinderClass);
   EXPECT_EQ(defs[1].localIdx, 1u);
@@ -184,7 +192,26 @@ TEST(UrdfLoader, ReadsEveryElementIntoTheSystem) {
   EXPECT_EQ(s.tauUpper[slide], 1e150);
 
   // Sensors: name, frame, rate, properties; the system knows it has an IMU.
-  ASSERT_EQ(s.getSensors().size(), 1u);
+  ASSERT_EQ(s.getSensors().size(), 2u);
+  auto eye = std::dynamic_pointer_cast<RGBCamera>(s.getSensors().at("upper:eye"));
+  ASSERT_NE(eye, nullptr);
+  EXPECT_EQ(eye->getProperties().width, 8);
+  EXPECT_EQ(eye->getProperties().noiseType, UNIFORM);
+  EXPECT_EQ(eye->getProperties().format, "R8G8B8A8");
+  EXPECT_EQ(eye->getImageBuffer().size(), 8u * 6u * 4u);
+  const CoordinateFrame& eyeFrame = s.getFrames()[eye->getFrameIdx()];
+  EXPECT_EQ(eyeFrame.name, "upper:eye");
+  EXPECT_EQ(eyeFrame.parentName, "upper");
+  EXPECT_EQ(eyeFrame.parentId, 1u);
+  EXPECT_EQ(eyeFrame.position[0], 0.1);
+  {
+    ThrowOnFatal guard;
+    StdoutCapture out;
+    World world;
+    EXPECT_THROW(eye->update(world), vorsim_test::FatalError);
+    EXPECT_NE(out.text().find("RGB sensors can only be updated by the visualizer. Use VorsimUnreal."),
+              std::string::npos);
+  }
   auto imu = std::dynamic_pointer_cast<InertialMeasurementUnit>(s.getSensors().at("base:imu"));
   ASSERT_NE(imu, nullptr);
   EXPECT_TRUE(s.hasImu());
@@ -243,6 +270,7 @@ TEST(UrdfLoader, SensorSetFilesMeshesAndResourceDirectory) {
   EXPECT_EQ(lp.rangeMax, 50.0);
   EXPECT_EQ(lp.spinDirection, -1);
   EXPECT_EQ(lp.spinRate, 5.0);
+  EXPECT_GE(lidar->getScan().capacity(), 360u * 16u);  // room for a full turn
   // The depth camera sits 0.02 m along the camera link's x, which the fixed
   // joint turned by 90 degrees about z: in the head's frame at (0.1, 0.02, 0).
   const CoordinateFrame& f = s.getFrames()[depth->getFrameIdx()];
@@ -333,137 +361,99 @@ TEST(UrdfLoader, FilesThatCannotBeReadEndInFatalMessages) {
             std::string::npos);
 }
 
-TEST(UrdfLoader, BadStructureEndsInLocatedFatalMessages) {
-  // The location names the source, row, column and node.
-  const std::string ghost = fatalOf(robot(kTwoLinks + R"(
-<joint name="j" type="fixed"><parent link="a"/><child link="ghost"/></joint>)"));
-  EXPECT_NE(ghost.find("in 'URDF from a string' at row:4 col:1, the node 'joint': link named \"ghost\" does not "
-                       "exist. It was defined as a child of joint \"j\""),
-            std::string::npos)
-      << ghost;
-  EXPECT_NE(fatalOf(robot(kTwoLinks + R"(<joint name="j" type="fixed"><parent link="x"/><child link="b"/></joint>)"))
-                .find("link named \"x\" does not exist. It was defined as a parent of joint \"j\""),
-            std::string::npos);
-  EXPECT_NE(fatalOf(robot(kTwoLinks + R"(<link name="c"/>
-<joint name="j" type="fixed"><parent link="a"/><child link="b"/></joint>
-<joint name="k" type="fixed"><parent link="c"/><child link="b"/></joint>)"))
-                .find("link \"b\" has two parents: joint \"j\" and joint \"k\""),
-            std::string::npos);
-  EXPECT_NE(fatalOf(robot(kTwoLinks + R"(
-<joint name="j" type="fixed"><parent link="a"/><child link="b"/></joint>
-<joint name="k" type="fixed"><parent link="b"/><child link="a"/></joint>)"))
-                .find("has no root link: every link has a parent, so its joints form a cycle"),
-            std::string::npos);
-  EXPECT_NE(fatalOf(robot(kTwoLinks + R"(<link name="c"/><link name="d"/>
-<joint name="j" type="fixed"><parent link="a"/><child link="b"/></joint>
-<joint name="k" type="fixed"><parent link="c"/><child link="d"/></joint>
-<joint name="l" type="fixed"><parent link="d"/><child link="c"/></joint>)"))
-                .find("link \"c\" is not connected to the root: its joints form a cycle"),
-            std::string::npos);
-  EXPECT_NE(fatalOf(robot(kTwoLinks)).find("two root links, \"a\" and \"b\""), std::string::npos);
-  EXPECT_NE(fatalOf(robot(kTwoLinks + R"(<link name="a"/>)")).find("a link named \"a\" is defined twice"),
-            std::string::npos);
-  EXPECT_NE(fatalOf(robot(kTwoLinks + R"(<joint name="j" type="fixed"><parent link="a"/><child link="b"/></joint>)"),
-                    {"j", "missing"})
-                .find("given joint names are not found in the file"),
-            std::string::npos);
-  EXPECT_NE(fatalOf(robot(kTwoLinks + R"(<joint name="j" type="fixed"><parent link="a"/><child link="b"/></joint>
-<joint name="j" type="fixed"><parent link="a"/><child link="b"/></joint>)"))
-                .find("given joint names are not found in the file"),
-            std::string::npos);
+namespace {
+// A description and a piece of the fatal message it must end in.
+struct BadInput {
+  std::string urdf, message;
+  std::vector<std::string> jointOrder = {};
+};
+const std::string kJointAB = R"(<joint name="j" type="fixed"><parent link="a"/><child link="b"/></joint>)";
+std::string joint(const std::string& attributes, const std::string& content) {
+  return robot(kTwoLinks + "\n<joint name=\"j\" " + attributes + "><parent link=\"a\"/><child link=\"b\"/>" + content +
+               "</joint>");
 }
+std::string linkWith(const std::string& content) { return robot("<link name=\"a\">" + content + "</link>"); }
+const std::string kRevolute = R"(<joint name="j" type="revolute"><parent link="a"/><child link="b"/>
+<axis xyz="0 0 1"/></joint>)";
+}  // namespace
 
-TEST(UrdfLoader, BadJointsEndInLocatedFatalMessages) {
-  auto joint = [](const std::string& attributes, const std::string& content) {
-    return robot(kTwoLinks + "\n<joint name=\"j\" " + attributes + "><parent link=\"a\"/><child link=\"b\"/>" +
-                 content + "</joint>");
+TEST(UrdfLoader, BadInputEndsInLocatedFatalMessages) {
+  const std::vector<BadInput> cases = {
+      // Structure. The location names the source, row, column and node.
+      {robot(kTwoLinks + "\n" + R"(<joint name="j" type="fixed"><parent link="a"/><child link="ghost"/></joint>)"),
+       "in 'URDF from a string' at row:4 col:1, the node 'joint': link named \"ghost\" does not exist. It was "
+       "defined as a child of joint \"j\""},
+      {robot(kTwoLinks + R"(<joint name="j" type="fixed"><parent link="x"/><child link="b"/></joint>)"),
+       "link named \"x\" does not exist. It was defined as a parent of joint \"j\""},
+      {robot(kTwoLinks + "<link name=\"c\"/>" + kJointAB +
+             R"(<joint name="k" type="fixed"><parent link="c"/><child link="b"/></joint>)"),
+       "link \"b\" has two parents: joint \"j\" and joint \"k\""},
+      {robot(kTwoLinks + kJointAB + R"(<joint name="k" type="fixed"><parent link="b"/><child link="a"/></joint>)"),
+       "has no root link: every link has a parent, so its joints form a cycle"},
+      {robot(kTwoLinks + R"(<link name="c"/><link name="d"/>)" + kJointAB +
+             R"(<joint name="k" type="fixed"><parent link="c"/><child link="d"/></joint>
+<joint name="l" type="fixed"><parent link="d"/><child link="c"/></joint>)"),
+       "link \"c\" is not connected to the root: its joints form a cycle"},
+      {robot(kTwoLinks), "two root links, \"a\" and \"b\""},
+      {robot(kTwoLinks + R"(<link name="a"/>)"), "a link named \"a\" is defined twice"},
+      {robot(kTwoLinks + kJointAB), "given joint names are not found in the file", {"j", "missing"}},
+      {robot(kTwoLinks + kJointAB + kJointAB), "given joint names are not found in the file"},
+      // Joints.
+      {joint("", ""), "at row:4 col:1, the node 'joint' does not contain an attribute called 'type'"},
+      {joint("type=\"planar\"", ""), "currently only support revolute/prismatic/fixed joint/spherical"},
+      {joint("type=\"revolute\"", ""), "the node 'joint': joint \"j\" needs an axis element"},
+      {joint("type=\"revolute\"", "<axis xyz=\"0 0 0\"/>"), "has zero length"},
+      {joint("type=\"revolute\"", "<axis xyz=\"0 x 1\"/>"),
+       "the node 'axis': the attribute 'xyz' holds text that is not a number: '0 x 1'"},
+      {joint("type=\"revolute\"", "<axis xyz=\"0 1\"/>"), "should have a dimension of 3"},
+      {joint("type=\"revolute\"", "<axis xyz=\"0 0 1\"/><limit lower=\"1\" upper=\"0\"/>"),
+       "Lower joint limit cannot be higher than the upper one. If you want to disable the joint limit, remove "
+       "\"lower\" and \"upper\" attributes."},
+      {joint("type=\"spherical\"", "<limit upper=\"1\"/>"),
+       "Spherical joint needs the attribute \"lower\" to have a limit."},
+      {joint("type=\"spherical\"", "<limit lower=\"-0.1\"/>"), "Spherical joint cannot have negative limit"},
+      {joint("type=\"fixed\"", "<origin rpy=\"0 0 1\"/>"),
+       "the node 'origin' does not contain an attribute called 'xyz'"},
+      {robot(kTwoLinks + R"(<joint name="j" type="fixed"><child link="b"/></joint>)"),
+       "the node 'joint' does not contain a child"},
+      {joint("type=\"revolute\"", "<axis xyz=\"0 0 1\"/><limit effort=\"lots\"/>"),
+       "the attribute 'effort' is not a number: 'lots'"},
+      // Links.
+      {linkWith("<inertial><mass value=\"-2\"/></inertial>"),
+       "the node 'mass': the mass of link \"a\" must not be negative"},
+      {linkWith("<inertial><mass value=\"heavy\"/></inertial>"),
+       "the node 'mass': the attribute 'value' is not a number: 'heavy'"},
+      {linkWith("<inertial/>"), "the node 'inertial' does not contain a child"},
+      {linkWith("<inertial><mass value=\"1\"/><inertia ixx=\"1\" iyy=\"1\"/></inertial>"),
+       "the node 'inertia' does not contain an attribute called 'izz'"},
+      {robot("<link/>"), "does not contain an attribute called 'name'"},
+      {linkWith("<collision><geometry><cone radius=\"1\"/></geometry></collision>"),
+       "the node 'cone': cone unrecognized shape: \"cone\""},
+      {linkWith("<collision><geometry><box/></geometry></collision>"),
+       "the node 'box' does not contain an attribute called 'size'"},
+      {linkWith("<collision><geometry><sphere radius=\"r\"/></geometry></collision>"),
+       "the attribute 'radius' is not a number: 'r'"},
+      {linkWith("<collision><geometry><mesh filename=\"a.stl\"/></geometry></collision>"),
+       "Mesh collision bodies must be in an obj format"},
+      {linkWith("<collision><geometry><mesh filename=\"none.obj\"/></geometry></collision>"),
+       "r/none.obj is not found."},
+      {linkWith("<sensor type=\"sonar\" name=\"s\" update_rate=\"1\"/>"),
+       "Sensor type 'sonar' is not supported. Only 'imu', 'rgb', 'spinning_lidar' and 'depth' are supported."},
+      {linkWith("<sensor type=\"depth\" name=\"s\" update_rate=\"1\"><camera horizontal_fov=\"1\"/></sensor>"),
+       "the node 'sensor' does not contain a child"},
+      {robot("<link name=\"a\" sensor=\"nowhere.xml\"/>"), "Could not find file: nowhere.xml"},
+      // Constraints.
+      {robot("<constraints><pin body1=\"a\" body2=\"a\" anchor=\"0 0 0\"/></constraints><link name=\"a\"/>"),
+       "does not contain an attribute called 'nominal_config'"},
+      {robot(kTwoLinks + kRevolute + R"(<constraints nominal_config="0 0 0 1 0 0 0 0">
+<pin body1="a" body2="nope" anchor="0 0 0"/></constraints>)"),
+       "Equality constraints - unknown body name: nope"},
+      {robot(kTwoLinks + kRevolute + R"(<constraints nominal_config="0 0 0 1">
+<pin body1="a" body2="b" anchor="0 0 0"/></constraints>)"),
+       "The configuration of the pin constraints has 4 entries, but the system has 8"},
   };
-  const std::string missing = fatalOf(joint("", ""));
-  EXPECT_NE(missing.find("at row:4 col:1, the node 'joint' does not contain an attribute called 'type'"),
-            std::string::npos)
-      << missing;
-  EXPECT_NE(
-      fatalOf(joint("type=\"planar\"", "")).find("currently only support revolute/prismatic/fixed joint/spherical"),
-      std::string::npos);
-  EXPECT_NE(fatalOf(joint("type=\"revolute\"", "")).find("the node 'joint': joint \"j\" needs an axis element"),
-            std::string::npos);
-  EXPECT_NE(fatalOf(joint("type=\"revolute\"", "<axis xyz=\"0 0 0\"/>")).find("has zero length"), std::string::npos);
-  EXPECT_NE(fatalOf(joint("type=\"revolute\"", "<axis xyz=\"0 x 1\"/>"))
-                .find("the node 'axis': the attribute 'xyz' holds text that is not a number: '0 x 1'"),
-            std::string::npos);
-  EXPECT_NE(fatalOf(joint("type=\"revolute\"", "<axis xyz=\"0 1\"/>")).find("should have a dimension of 3"),
-            std::string::npos);
-  EXPECT_NE(fatalOf(joint("type=\"revolute\"", "<axis xyz=\"0 0 1\"/><limit lower=\"1\" upper=\"0\"/>"))
-                .find("Lower joint limit cannot be higher than the upper one. If you want to disable the joint "
-                      "limit, remove \"lower\" and \"upper\" attributes."),
-            std::string::npos);
-  EXPECT_NE(fatalOf(joint("type=\"spherical\"", "<limit upper=\"1\"/>"))
-                .find("Spherical joint needs the attribute \"lower\" to have a limit."),
-            std::string::npos);
-  EXPECT_NE(fatalOf(joint("type=\"spherical\"", "<limit lower=\"-0.1\"/>"))
-                .find("Spherical joint cannot have negative limit"),
-            std::string::npos);
-  EXPECT_NE(fatalOf(joint("type=\"fixed\"", "<origin rpy=\"0 0 1\"/>"))
-                .find("the node 'origin' does not contain an attribute called 'xyz'"),
-            std::string::npos);
-  EXPECT_NE(fatalOf(robot(kTwoLinks + R"(<joint name="j" type="fixed"><child link="b"/></joint>)"))
-                .find("the node 'joint' does not contain a child"),
-            std::string::npos);
-  EXPECT_NE(fatalOf(joint("type=\"revolute\"", "<axis xyz=\"0 0 1\"/><limit effort=\"lots\"/>"))
-                .find("the attribute 'effort' is not a number: 'lots'"),
-            std::string::npos);
-}
-
-TEST(UrdfLoader, BadLinksEndInLocatedFatalMessages) {
-  auto single = [](const std::string& content) { return robot("<link name=\"a\">" + content + "</link>"); };
-  EXPECT_NE(fatalOf(single("<inertial><mass value=\"-2\"/></inertial>"))
-                .find("the node 'mass': the mass of link \"a\" must not be negative"),
-            std::string::npos);
-  EXPECT_NE(fatalOf(single("<inertial><mass value=\"heavy\"/></inertial>"))
-                .find("the node 'mass': the attribute 'value' is not a number: 'heavy'"),
-            std::string::npos);
-  EXPECT_NE(fatalOf(single("<inertial/>")).find("the node 'inertial' does not contain a child"), std::string::npos);
-  EXPECT_NE(fatalOf(single("<inertial><mass value=\"1\"/><inertia ixx=\"1\" iyy=\"1\"/></inertial>"))
-                .find("the node 'inertia' does not contain an attribute called 'izz'"),
-            std::string::npos);
-  EXPECT_NE(fatalOf(robot("<link/>")).find("does not contain an attribute called 'name'"), std::string::npos);
-  EXPECT_NE(fatalOf(single("<collision><geometry><cone radius=\"1\"/></geometry></collision>"))
-                .find("the node 'cone': cone unrecognized shape: \"cone\""),
-            std::string::npos);
-  EXPECT_NE(fatalOf(single("<collision><geometry><box/></geometry></collision>"))
-                .find("the node 'box' does not contain an attribute called 'size'"),
-            std::string::npos);
-  EXPECT_NE(fatalOf(single("<collision><geometry><sphere radius=\"r\"/></geometry></collision>"))
-                .find("the attribute 'radius' is not a number: 'r'"),
-            std::string::npos);
-  EXPECT_NE(fatalOf(single("<collision><geometry><mesh filename=\"a.stl\"/></geometry></collision>"))
-                .find("Mesh collision bodies must be in an obj format"),
-            std::string::npos);
-  EXPECT_NE(fatalOf(single("<collision><geometry><mesh filename=\"none.obj\"/></geometry></collision>"))
-                .find("r/none.obj is not found."),
-            std::string::npos);
-  EXPECT_NE(fatalOf(single("<sensor type=\"sonar\" name=\"s\" update_rate=\"1\"/>"))
-                .find("Sensor type 'sonar' is not supported. Only 'imu', 'rgb', 'spinning_lidar' and 'depth' are "
-                      "supported."),
-            std::string::npos);
-  EXPECT_NE(fatalOf(single("<sensor type=\"depth\" name=\"s\" update_rate=\"1\"><camera horizontal_fov=\"1\"/>"
-                           "</sensor>"))
-                .find("the node 'sensor' does not contain a child"),
-            std::string::npos);
-  EXPECT_NE(fatalOf(robot("<link name=\"a\" sensor=\"nowhere.xml\"/>")).find("Could not find file: nowhere.xml"),
-            std::string::npos);
-  EXPECT_NE(fatalOf(robot("<constraints><pin body1=\"a\" body2=\"a\" anchor=\"0 0 0\"/></constraints>" +
-                          std::string("<link name=\"a\"/>")))
-                .find("does not contain an attribute called 'nominal_config'"),
-            std::string::npos);
-  EXPECT_NE(fatalOf(robot(kTwoLinks + R"(<joint name="j" type="revolute"><parent link="a"/><child link="b"/>
-<axis xyz="0 0 1"/></joint><constraints nominal_config="0 0 0 1 0 0 0 0">
-<pin body1="a" body2="nope" anchor="0 0 0"/></constraints>)"))
-                .find("Equality constraints - unknown body name: nope"),
-            std::string::npos);
-  EXPECT_NE(fatalOf(robot(kTwoLinks + R"(<joint name="j" type="revolute"><parent link="a"/><child link="b"/>
-<axis xyz="0 0 1"/></joint><constraints nominal_config="0 0 0 1">
-<pin body1="a" body2="b" anchor="0 0 0"/></constraints>)"))
-                .find("The configuration of the pin constraints has 4 entries, but the system has 8"),
-            std::string::npos);
+  for (const BadInput& c : cases) {
+    const std::string text = fatalOf(c.urdf, c.jointOrder);
+    EXPECT_NE(text.find(c.message), std::string::npos) << "expected: " << c.message << "\ngot: " << text;
+  }
 }
