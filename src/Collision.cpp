@@ -22,6 +22,18 @@ void destroyGeom(dGeomID geom) {
   dGeomDestroy(geom);
 }
 
+dGeomID createTriMeshGeom(dSpaceID space, const std::vector<float>& vertices, const std::vector<uint32_t>& indices,
+                          dTriMeshDataID& data) {
+  data = dGeomTriMeshDataCreate();
+  dGeomTriMeshDataBuildSingle(data, vertices.data(), 3 * sizeof(float), int(vertices.size() / 3), indices.data(),
+                              int(indices.size()), 3 * sizeof(uint32_t));
+  // Concave edges and face angles: flag bits 0 and 1.
+  dGeomTriMeshDataPreprocess2(data, 3u, nullptr);
+  dGeomID geom = attachGeomData(dCreateTriMesh(space, data, nullptr, nullptr, nullptr));
+  geomData(geom).userData = data;
+  return geom;
+}
+
 void setCollisionBits(dGeomID geom, uint64_t collisionGroup, uint64_t collisionMask) {
   dGeomSetCategoryBits(geom, static_cast<unsigned long>(collisionGroup & 0xFFFFFFFFull));
   dGeomSetCollideBits(geom, static_cast<unsigned long>(collisionMask & 0xFFFFFFFFull));

@@ -5,6 +5,8 @@
 #include "vorsim/Collision.hpp"
 #include "vorsim/VorSimMsg.hpp"
 #include "vorsim/object/HeightMap.hpp"
+#include "vorsim/object/ArticulatedSystem/ArticulatedSystem.hpp"
+#include "vorsim/object/Mesh.hpp"
 #include "vorsim/object/Primitives.hpp"
 
 namespace vorsim {
@@ -369,6 +371,79 @@ Compound* World::addCompound(const std::vector<Compound::CompoundObjectChild>& c
     if (object->geoms[i] != nullptr)
       addCollisionObject(object->geoms[i], i, object->children[i].material, collisionGroup, collisionMask);
   return object;
+}
+
+Mesh* World::addMesh(const std::string& objFile, double mass, const Mat<3, 3>& inertia, const Mat<3, 1>& com,
+                     double scale, const std::string& material, size_t collisionGroup, size_t collisionMask) {
+  auto* object = registerObject(new Mesh(objFile, nullptr, mass, inertia, com, scale));
+  addCollisionObject(object->getCollisionObject(), 0, material, collisionGroup, collisionMask);
+  return object;
+}
+
+Mesh* World::addMesh(const std::string& objFile, double mass, double scale, const std::string& material,
+                     size_t collisionGroup, size_t collisionMask) {
+  std::vector<float> vertices;
+  std::vector<uint32_t> indices;
+  Mesh::loadObj(objFile, vertices, indices, scale);
+  Mat<3, 3> inertia;
+  Mat<3, 1> com;
+  if (Mesh::massPropertiesOfClosedMesh(vertices, indices, mass, inertia, com) == 0.0) {
+    MSG_WARN("The mesh " << objFile << " encloses no volume: it gets the inertia of its bounding box");
+    Mat<3, 1> lo{0.0, 0.0, 0.0}, hi{0.0, 0.0, 0.0};
+    for (size_t i = 0; i + 2 < vertices.size(); i += 3)
+      for (size_t d = 0; d < 3; ++d) {
+        lo[d] = i == 0 ? vertices[d] : std::min(lo[d], double(vertices[i + d]));
+        hi[d] = i == 0 ? vertices[d] : std::max(hi[d], double(vertices[i + d]));
+      }
+    const double x = hi[0] - lo[0], y = hi[1] - lo[1], z = hi[2] - lo[2];
+    inertia.setZero();
+    inertia(0, 0) = mass / 12.0 * (y * y + z * z);
+    inertia(1, 1) = mass / 12.0 * (x * x + z * z);
+    inertia(2, 2) = mass / 12.0 * (x * x + y * y);
+    com = {(lo[0] + hi[0]) * 0.5, (lo[1] + hi[1]) * 0.5, (lo[2] + hi[2]) * 0.5};
+  }
+  auto* object = registerObject(new Mesh(vertices, indices, nullptr, mass, inertia, com, 1.0));
+  addCollisionObject(object->getCollisionObject(), 0, material, collisionGroup, collisionMask);
+  return object;
+}
+
+Mesh* World::addMesh(const Mesh* source, const std::string& material, size_t collisionGroup, size_t collisionMask) {
+  auto* object =
+      registerObject(new Mesh(source->getMeshVertices(), source->getMeshIndices(), nullptr, source->getMass(),
+                              source->getInertiaMatrix_B(), source->getBodyComOffset(), 1.0));
+  addCollisionObject(object->getCollisionObject(), 0, material, collisionGroup, collisionMask);
+  return object;
+}
+
+ArticulatedSystem* World::addArticulatedSystem(const std::string& urdfPathOrText, const std::string& resourceDir,
+                                               const std::vector<std::string>& jointOrder, size_t collisionGroup,
+                                               size_t collisionMask, ArticulatedSystemOption option) {
+  ++configurationNumber_;
+  auto* system = new ArticulatedSystem(urdfPathOrText, resourceDir, jointOrder, option);
+  return registerArticulatedSystem(system, collisionGroup, collisionMask);
+}
+
+ArticulatedSystem* World::addArticulatedSystem(const Child& root, const std::string& resourceDir, size_t collisionGroup,
+                                               size_t collisionMask, ArticulatedSystemOption option) {
+  ++configurationNumber_;
+  auto* system = new ArticulatedSystem(root, resourceDir, option);
+  return registerArticulatedSystem(system, collisionGroup, collisionMask);
+}
+
+ArticulatedSystem* World::registerArticulatedSystem(ArticulatedSystem* system, size_t collisionGroup,
+                                                    size_t collisionMask) {
+  objects_.push_back(system);
+  system->setIndexInWorld(objects_.size() - 1);
+  for (const CollisionDefinition& d : system->getCollisionBodies()) {
+    GeomData& data = geomData(d.colObj);
+    data.objectIndex = objects_.size() - 1;
+    data.localIndex = d.localIdx;
+    if (getCategoryBits(d.colObj) == 1u && getCollideBits(d.colObj) == 0xFFFFFFFFu)
+      setCollisionBits(d.colObj, collisionGroup, collisionMask);
+    dSpaceAdd(collisionSpace_, d.colObj);
+  }
+  system->updateCollision();
+  return system;
 }
 
 template <typename W>

@@ -10,12 +10,12 @@
 #include "vorsim/object/Primitives.hpp"
 
 using namespace vorsim;
-using Child = Compound::CompoundObjectChild;
+using Piece = Compound::CompoundObjectChild;
 
 namespace {
 
-Child box(double x, double y, double z, const Mat<3, 1>& pos, const std::string& material = "wood") {
-  Child c;
+Piece box(double x, double y, double z, const Mat<3, 1>& pos, const std::string& material = "wood") {
+  Piece c;
   c.objectType = BOX;
   c.objectParam = {x, y, z, 0.0};
   c.position = pos;
@@ -26,7 +26,7 @@ Child box(double x, double y, double z, const Mat<3, 1>& pos, const std::string&
 // A table: a top (child 0) on four legs (children 1-4) that reach into it, so
 // that children overlap. The body origin is at the feet.
 struct Table {
-  std::vector<Child> children;
+  std::vector<Piece> children;
   double mass = 10.0;  // a top of 6 kg, legs of 1 kg
   Mat<3, 1> com{0, 0, (6 * 0.72 + 4 * 0.36) / 10.0};
   Mat<3, 3> inertia{0.915, 0, 0, 0, 1.795, 0, 0, 0, 1.741};  // of the parts, about the centre of mass
@@ -67,7 +67,7 @@ TEST(Compound, ChildrenGeomsAndPose) {
   EXPECT_NEAR(R[1], -1.0, 1e-12);  // row 0: (cos, -sin, 0)
 
   // Two children at one pose are fine.
-  Child s;
+  Piece s;
   s.objectParam = {0.1, 0, 0, 0};
   Compound twins({s, s}, 1.0, Mat<3, 1>{}, Mat<3, 3>::getIdentity());
   EXPECT_EQ(twins.geoms.size(), 2u);
@@ -75,7 +75,7 @@ TEST(Compound, ChildrenGeomsAndPose) {
 
 TEST(Compound, BadChildrenAreFatal) {
   ThrowOnFatal guard;
-  Child s;
+  Piece s;
   s.objectParam = {0.1, 0, 0, 0};
   {
     StdoutCapture out;
@@ -84,7 +84,7 @@ TEST(Compound, BadChildrenAreFatal) {
               std::string::npos);
   }
   for (ObjectType bad : {MESH, CONE, GROUND, HEIGHTMAP, COMPOUND}) {
-    Child other = s;
+    Piece other = s;
     other.objectType = bad;
     StdoutCapture out;
     World world;

@@ -34,6 +34,13 @@ inline GeomData& geomData(dGeomID geom) { return *static_cast<GeomData*>(dGeomGe
 // Frees the record and destroys the geom.
 void destroyGeom(dGeomID geom);
 
+// A triangle-mesh geom over caller-owned arrays (three floats per vertex, three
+// indices per triangle) that must outlive it. The geom gets its record, whose
+// userData holds the triangle data handle, also returned in `data`. Release
+// the geom (destroyGeom) first, then the data (dGeomTriMeshDataDestroy).
+dGeomID createTriMeshGeom(dSpaceID space, const std::vector<float>& vertices, const std::vector<uint32_t>& indices,
+                          dTriMeshDataID& data);
+
 // Group and mask, cut to their low 32 bits. A pair is tested when
 // (g1.category & g2.collide) || (g2.category & g1.collide).
 void setCollisionBits(dGeomID geom, uint64_t collisionGroup, uint64_t collisionMask);

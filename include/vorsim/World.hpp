@@ -19,6 +19,7 @@
 #include "vorsim/contact/Single3DContactProblem.hpp"
 #include "vorsim/math.hpp"
 #include "vorsim/object/Compound.hpp"
+#include "vorsim/object/ArticulatedSystem/JointAndBodies.hpp"
 #include "vorsim/object/LengthConstraint.hpp"
 #include "vorsim/object/TerrainGenerator.hpp"
 
@@ -31,6 +32,8 @@ class Cylinder;
 class Capsule;
 class Ground;
 class HeightMap;
+class Mesh;
+class ArticulatedSystem;
 
 // One hit of a ray: the collision library's point (its g1 is the geom hit), the
 // hit point and the object hit.
@@ -136,6 +139,34 @@ class World {
   Compound* addCompound(const std::vector<Compound::CompoundObjectChild>& children, double mass, const Mat<3, 1>& com,
                         const Mat<3, 3>& inertia, size_t collisionGroup = 1, size_t collisionMask = kAllBits);
 
+  // A triangle mesh from an OBJ file, scaled once; inertia about the centre of
+  // mass and centre of mass in the mesh's frame.
+  Mesh* addMesh(const std::string& objFile, double mass, const Mat<3, 3>& inertia, const Mat<3, 1>& com,
+                double scale = 1.0, const std::string& material = "default", size_t collisionGroup = 1,
+                size_t collisionMask = kAllBits);
+  // The same with inertia and centre of mass of the closed mesh filled at
+  // uniform density (a mesh that encloses no volume gets its bounding box's, with
+  // a warning).
+  Mesh* addMesh(const std::string& objFile, double mass, double scale = 1.0, const std::string& material = "default",
+                size_t collisionGroup = 1, size_t collisionMask = kAllBits);
+  // A copy of an existing mesh object's triangles and mass properties.
+  Mesh* addMesh(const Mesh* source, const std::string& material = "default", size_t collisionGroup = 1,
+                size_t collisionMask = kAllBits);
+
+  // A robot from a URDF file or URDF text. Mesh files are looked up in
+  // resourceDir (by default the file's directory). The group and mask apply to
+  // every geom whose description kept the default group 1 and mask all bits;
+  // geoms described with their own keep them. jointOrder puts the named
+  // joints first among their siblings.
+  ArticulatedSystem* addArticulatedSystem(const std::string& urdfPathOrText, const std::string& resourceDir = "",
+                                          const std::vector<std::string>& jointOrder = {}, size_t collisionGroup = 1,
+                                          size_t collisionMask = kAllBits,
+                                          ArticulatedSystemOption option = ArticulatedSystemOption());
+  // A robot from a tree built in code; group and mask as above.
+  ArticulatedSystem* addArticulatedSystem(const Child& root, const std::string& resourceDir = "",
+                                          size_t collisionGroup = 1, size_t collisionMask = kAllBits,
+                                          ArticulatedSystemOption option = ArticulatedSystemOption());
+
   StiffLengthConstraint* addStiffWire(Object* object1, size_t localIdx1, const Eigen::Vector3d& pos1, Object* object2,
                                       size_t localIdx2, const Eigen::Vector3d& pos2, double length);
   CompliantLengthConstraint* addCompliantWire(Object* object1, int localIdx1, const Eigen::Vector3d& pos1,
@@ -195,6 +226,9 @@ class World {
   void addCollisionObject(dxGeom* geom, size_t localIdx, const std::string& material, size_t collisionGroup,
                           size_t collisionMask);
   void contactProblemUpdate(Object* object);
+  // Enters a freshly built robot: its index, and its geoms in the space with
+  // object index, body index, group and mask.
+  ArticulatedSystem* registerArticulatedSystem(ArticulatedSystem* system, size_t collisionGroup, size_t collisionMask);
   template <typename W>
   W* registerWire(W* wire);
 

@@ -9,6 +9,8 @@
 #include "vorsim/World.hpp"
 #include "vorsim/object/Compound.hpp"
 #include "vorsim/object/HeightMap.hpp"
+#include "vorsim/object/ArticulatedSystem/ArticulatedSystem.hpp"
+#include "vorsim/object/Mesh.hpp"
 #include "vorsim/object/Primitives.hpp"
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -175,4 +177,61 @@ TEST_F(Allocations, RayQueriesAllocateNothing) {
   g_counting = false;
   EXPECT_EQ(g_allocations, 0);
   EXPECT_GT(hits, 5000u);
+}
+
+TEST_F(Allocations, RobotsAndMeshesInSteadyStepsAllocateNothing) {
+  World world;
+  world.setTimeStep(0.001);
+  world.addGround();
+  // A quadruped whose feet touch the ground, a mesh cube resting on the ground
+  // and a ball resting on the robot's base: contacts with robot geoms, mesh
+  // geoms and primitives in every step.
+  auto* robot = world.addArticulatedSystem(std::string(VORSIM_MODELS_DIR) + "/anymal_b/anymal.urdf");
+  robot->setBasePos(Mat<3, 1>{0.0, 0.0, 0.5});
+  auto* cube = world.addMesh(std::string(VORSIM_MODELS_DIR) + "/../tests/data/meshes/cube.obj", 1.0, 0.2);
+  cube->setPosition(2, 0, 0.1);
+  auto* ball = world.addSphere(0.05, 0.1);
+  ball->setPosition(0, 0, 0.75);
+  EXPECT_EQ(allocationsInSteadySteps(world, 500, 1000), 0) << "robot, mesh and ball";
+  size_t withGround = 0, withBall = 0;
+  for (const Contact& c : robot->getContacts()) {
+    withGround += c.getPairObjectIndex() == 0;
+    withBall += c.getPairObjectIndex() == ball->getIndexInWorld();
+  }
+  EXPECT_GT(withGround, 0u);
+  EXPECT_GT(withBall, 0u);
+}
+
+TEST_F(Allocations, KinematicQueriesAllocateNothing) {
+  ArticulatedSystem robot(std::string(VORSIM_MODELS_DIR) + "/humanoid_mjcf_port/humanoid.urdf");
+  VecDyn gc(robot.getGeneralizedCoordinateDim()), gv(robot.getDOF());
+  gc = robot.getGeneralizedCoordinate();
+  gv.setZero();
+  SparseJacobian J, Jr, dJ;
+  Mat<3, 1> p{0.1, 0.0, 0.0}, v;
+  for (size_t b = 0; b < robot.getNumberOfBodies(); ++b) {  // the Jacobians grow to the longest chain once
+    robot.getSparseJacobian(b, ArticulatedSystem::BODY_FRAME, p, J);
+    robot.getSparseRotationalJacobian(b, Jr);
+    robot.getTimeDerivativeOfSparseJacobian(b, ArticulatedSystem::BODY_FRAME, p, dJ);
+  }
+  g_allocations = 0;
+  g_counting = true;
+  double sum = 0.0;
+  for (int i = 0; i < 1000; ++i) {
+    for (size_t k = 7; k < gc.n; ++k) gc[k] = 0.001 * i;
+    for (size_t k = 0; k < gv.n; ++k) gv[k] = 0.01 * double(k);
+    robot.setGeneralizedCoordinate(gc);
+    robot.setGeneralizedVelocity(gv);
+    robot.updateCollision();
+    for (size_t b = 0; b < robot.getNumberOfBodies(); ++b) {
+      robot.getSparseJacobian(b, ArticulatedSystem::BODY_FRAME, p, J);
+      robot.getSparseRotationalJacobian(b, Jr);
+      robot.getTimeDerivativeOfSparseJacobian(b, ArticulatedSystem::BODY_FRAME, p, dJ);
+      robot.getVelocity(J, v);
+      sum += v[0];
+    }
+  }
+  g_counting = false;
+  EXPECT_EQ(g_allocations, 0);
+  EXPECT_NE(sum, 0.0);
 }

@@ -1,0 +1,359 @@
+// One robot in a World: a tree of rigid bodies on revolute, prismatic,
+// spherical and floating joints, simulated in generalized coordinates.
+//
+// A description (URDF file or text, or a Child tree built in code) is turned by
+// init into flat tables indexed by body, by gc index or by gv index; every
+// later stage (kinematics, mass matrix, articulated-body algorithm, contacts,
+// limits and pins) works on those tables only. Links on fixed joints are
+// merged into their movable ancestor and survive as frames.
+//
+// The implementation is one source file per stage, under
+// src/object/ArticulatedSystem/: Building.cpp (construction, tables, geoms,
+// names), Kinematics.cpp (poses, velocities, frames, Jacobians, state access),
+// LimitsAndPins.cpp, ContactDynamics.cpp and ForwardDynamics.cpp.
+//
+// Layout of the state. gc and gv follow the body order. A floating base takes
+// gc[0..6] (position, quaternion w x y z) and gv[0..5] (linear and angular
+// velocity, world frame); then each body adds its joint: one entry for a
+// revolute or prismatic joint, and for a spherical joint a quaternion in gc and
+// an angular velocity in the body frame in gv. The index -1 (all bits) means
+// "none".
+//
+// The tables below are public for reading; they are written by init and by the
+// step only.
+#ifndef VORSIM_OBJECT_ARTICULATEDSYSTEM_ARTICULATEDSYSTEM_HPP
+#define VORSIM_OBJECT_ARTICULATEDSYSTEM_ARTICULATEDSYSTEM_HPP
+
+#include <ode/ode.h>
+
+#include <initializer_list>
+#include <map>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "vorsim/Object.hpp"
+#include "vorsim/math.hpp"
+#include "vorsim/object/ArticulatedSystem/JointAndBodies.hpp"
+
+namespace vorsim {
+
+class Sensor;
+class World;
+namespace urdf {
+class LoadFromURDF2;
+}
+
+// A point constraint that closes a loop between two bodies of one robot.
+class PinConstraint {
+ public:
+  PinConstraint(size_t body1, const Mat<3, 1>& pos1, size_t body2, const Mat<3, 1>& pos2)
+      : pinPos1(pos1), pinPos2(pos2), pinBody1(body1), pinBody2(body2) {}
+  virtual ~PinConstraint() = default;
+
+  Mat<3, 1> pinPos1, pinPos2;                      // the pin point in each body's frame
+  Mat<3, 1> pinPosW1{0, 0, 0}, pinPosW2{0, 0, 0};  // world points of the current step
+  size_t pinBody1, pinBody2;
+};
+
+class ArticulatedSystem : public Object {
+ public:
+  // In which frame a point or a result is expressed.
+  enum Frame : int32_t { WORLD_FRAME = 0, PARENT_FRAME = 1, BODY_FRAME = 2 };
+
+  struct SpringElement {
+    size_t springBody;  // body index
+    double springStiffness;
+    Mat<4, 1> springRest;  // element 0, or a quaternion for a spherical joint
+  };
+
+  using SensorMap =
+      std::unordered_map<std::string, std::shared_ptr<Sensor>, std::hash<std::string>, std::equal_to<std::string>,
+                         AlignedAllocator<std::pair<const std::string, std::shared_ptr<Sensor>>, 32>>;
+
+  static constexpr size_t kNone = size_t(-1);
+
+  // A ".urdf" or ".xml" file, or URDF text (anything holding '<'). With a file
+  // and an empty resPath, mesh files are found next to the file. jointOrder
+  // puts the named joints first among their siblings.
+  explicit ArticulatedSystem(const std::string& filePathOrXml, const std::string& resPath = "",
+                             const std::vector<std::string>& jointOrder = {},
+                             ArticulatedSystemOption option = ArticulatedSystemOption());
+  // A tree built in code; its root's type must be FIXED or FLOATING.
+  ArticulatedSystem(const Child& root, const std::string& resPath,
+                    ArticulatedSystemOption option = ArticulatedSystemOption());
+  ~ArticulatedSystem() override;
+
+  // ---------------------------------------------------------------- Object --
+  // Moves every geom to its body's pose (with the collision library's setters,
+  // so that bounding boxes follow).
+  void updateCollision() override;
+  void preContactSolverUpdate1(const Mat<3, 1>& gravity, double dt) override;
+  void preContactSolverUpdate2(const Mat<3, 1>& gravity, double dt, ContactProblemList& problems) override;
+  void integrate(double dt, World& world) override;
+  void setExternalForce(size_t localIdx, const Mat<3, 1>& pos, const Mat<3, 1>& force) override;
+  void setExternalForce(size_t localIdx, const Mat<3, 1>& force) override;
+  void setExternalTorque(size_t localIdx, const Mat<3, 1>& torque) override;
+  void setConstraintForce(size_t localIdx, const Mat<3, 1>& pos, const Mat<3, 1>& force) override;
+  double getMass(size_t localIdx) const override { return massOf[localIdx]; }
+  ObjectType getObjectType() const override { return ARTICULATED_SYSTEM; }
+  // posW[body], and rotW[body] p + posW[body] for p in the body frame.
+  void getPosition(size_t body, const Mat<3, 1>& posInBody, Mat<3, 1>& posInWorld) const override;
+  void getPosition(size_t body, Mat<3, 1>& pos) const override;
+  // linVelW[body], and linVelW + angVelW x (rotW p) for p in the body frame.
+  void getVelocity(size_t body, const Mat<3, 1>& posInBody, Mat<3, 1>& velInWorld) const override;
+  void getVelocity(size_t body, Mat<3, 1>& vel) const override;
+  void getOrientation(size_t body, Mat<3, 3>& rot) const override;
+  BodyType getBodyType() const override { return DYNAMIC; }
+  // Body 0 of a fixed base is STATIC, every other body DYNAMIC.
+  BodyType getBodyType(size_t localIdx) const override;
+  void getContactPointVel(size_t contactIdx, Mat<3, 1>& vel) const override;
+  void clearExternalForcesAndTorques() override;
+  // Removes every geom from the space, destroys it and its triangle data.
+  void destroyCollisionBodies(dxSpace* space) override;
+  void addContactPointVel(size_t contactIdx, Mat<3, 1>& vel) override;
+  void subContactPointVel(size_t contactIdx, Mat<3, 1>& vel) override;
+  void addContactPointVel2(size_t contactIdx, Mat<3, 1>& vel) override;
+  void subContactPointVel2(size_t contactIdx, Mat<3, 1>& vel) override;
+  void updateTimeStep(double dt) override;
+  void updateTimeStepIfNecessary(double dt) override;
+  void updateGenVelWithImpulse(size_t contactIdx, const Mat<3, 1>& impulse) override;
+  // Writes the object index into every geom of this system.
+  void setGeomObjectIndex(size_t index) override;
+  int getMaxSelfCollisionContacts() const override { return maxSelfCollisionContacts; }
+
+  // ------------------------------------------------------- building, geoms --
+  // Every geom of body A ignores every geom of body B and the other way round.
+  void ignoreCollisionBetween(size_t bodyA, size_t bodyB);
+  void setCollisionObjectPositionOffset(size_t i, const Mat<3, 1>& pos);
+  void setCollisionObjectOrientationOffset(size_t i, const Mat<3, 3>& rot);
+  // Resizes geom i (box p0..p2, sphere p0, capsule and cylinder p0, p1; a mesh
+  // is left alone) and stores p in visColObj[i].shapeParam.
+  void setCollisionObjectShapeParameters(size_t i, const Mat<4, 1>& p);
+  // One line per entry on standard output: "<i>th body: <name>" (joints use
+  // the body label too) or "<i>th frame: <name>".
+  void printOutBodyNamesInOrder() const;
+  void printOutMovableJointNamesInOrder() const;
+  void printOutFrameNamesInOrder() const;
+
+  // --------------------------------------------------------------- names --
+  // The first frame of that name, or -1.
+  size_t getFrameIdxByName(const std::string& name) const;
+  // An unknown name is a fatal message.
+  CoordinateFrame& getFrameByName(const std::string& name);
+  // The body of that name; a link merged into another body is the fatal
+  // message that points to frames; otherwise -1.
+  size_t getBodyIdx(const std::string& name) const;
+
+  // ---------------------------------------------------------- kinematics --
+  // Refreshes the kinematic tables from gc and gv (normalising quaternions in
+  // gc). Allocates nothing.
+  void updateKinematics();
+  // The velocity of point p given in pointFrame, expressed in outFrame. The
+  // parent frame of body 0 is the world frame.
+  void getVelocity(size_t body, Frame pointFrame, const Mat<3, 1>& p, Frame outFrame, Mat<3, 1>& out) const;
+  // Sum over the columns of gv[idx[k]] times column k.
+  void getVelocity(const SparseJacobian& jacobian, Mat<3, 1>& out) const;
+  void getPositionInBodyCoordinate(size_t body, const Mat<3, 1>& pW, Mat<3, 1>& out) const;
+  void getPositionInFrame(size_t frameIdx, const Mat<3, 1>& p, Mat<3, 1>& out) const;
+  void getPose(const VisObject& v, Mat<3, 3>& rot, Mat<3, 1>& pos) const;
+  void getFramePosition(const CoordinateFrame& f, Mat<3, 1>& out) const;
+  void getFrameOrientation(const CoordinateFrame& f, Mat<3, 3>& out) const;
+  void getFrameVelocity(const CoordinateFrame& f, Mat<3, 1>& out) const;
+  void getFrameAngularVelocity(const CoordinateFrame& f, Mat<3, 1>& out) const;
+  void getFrameAcceleration(const CoordinateFrame& f, Mat<3, 1>& out) const;
+  void getFramePosition(size_t frameIdx, Mat<3, 1>& out) const { getFramePosition(frames[frameIdx], out); }
+  void getFrameOrientation(size_t frameIdx, Mat<3, 3>& out) const { getFrameOrientation(frames[frameIdx], out); }
+  void getFrameVelocity(size_t frameIdx, Mat<3, 1>& out) const { getFrameVelocity(frames[frameIdx], out); }
+  void getFrameAngularVelocity(size_t frameIdx, Mat<3, 1>& out) const {
+    getFrameAngularVelocity(frames[frameIdx], out);
+  }
+
+  // Positional Jacobian of a world point fixed to body (columns root to tip).
+  void getSparseJacobian(size_t body, const Mat<3, 1>& pointW, SparseJacobian& j) const;
+  void getSparseJacobian(size_t body, Frame frame, const Mat<3, 1>& point, SparseJacobian& j) const;
+  // Angular Jacobian of a body; body -1 gives no columns.
+  void getSparseRotationalJacobian(size_t body, SparseJacobian& j) const;
+  void getTimeDerivativeOfSparseJacobian(size_t body, Frame frame, const Mat<3, 1>& point, SparseJacobian& j) const;
+  void getTimeDerivativeOfSparseRotationalJacobian(size_t body, SparseJacobian& j) const;
+
+  // ------------------------------------------------- state (between steps) --
+  // Copies gc, updates the kinematics and drops this step's contacts.
+  void setGeneralizedCoordinate(const VecDyn& gc);
+  // The count must equal gcDim ("Wrong number of generalized coordinate
+  // elements").
+  void setGeneralizedCoordinate(std::initializer_list<double> gc);
+  void setGeneralizedVelocity(const VecDyn& gv);
+  void setGeneralizedVelocity(std::initializer_list<double> gv);
+  // The caller sizes both.
+  void getState(VecDyn& gc, VecDyn& gv) const;
+  const VecDyn& getGeneralizedCoordinate() const { return gc; }
+  const VecDyn& getGeneralizedVelocity() const { return gv; }
+  // Floating base: gc[0..2] / gc[3..6]; fixed base: the pose of body 0.
+  void setBasePos(const Mat<3, 1>& pos);
+  void setBaseOrientation(const Mat<3, 3>& rot);
+  void setBaseOrientation(const Mat<4, 1>& quat);
+  // Fatal for a fixed base.
+  void setBaseVelocity(const Mat<3, 1>& vel);
+  void setBaseAngularVelocity(const Mat<3, 1>& angVel);
+  // Fatal unless the base is floating.
+  void getBaseOrientation(Mat<4, 1>& quat) const;
+
+  // ------------------------------------------------------------- pins --
+  // Pins between bodies named by frame bodyName, anchored in the first frame,
+  // meant at configuration gc. Take effect in initializeConstraints.
+  void addConstraints(const std::vector<PinConstraintDefinition>& definitions, const VecDyn& gc);
+  void initializeConstraints();
+  const std::vector<PinConstraint>& getPins() const { return pins; }
+
+  // ------------------------------------------------------------ queries --
+  size_t getDOF() const { return dof; }
+  size_t getGeneralizedVelocityDim() const { return dof; }
+  size_t getGeneralizedCoordinateDim() const { return gcDim; }
+  size_t getNumberOfBodies() const { return nbody; }
+  // Mass of the whole system.
+  double getTotalMass() const { return nbody ? compositeMass[0] : 0.0; }
+  const std::vector<std::string>& getBodyNames() const { return bodyNames; }
+  const std::vector<std::string>& getMovableJointNames() const { return movableJointNames; }
+  const std::vector<CoordinateFrame>& getFrames() const { return frames; }
+  std::vector<CoordinateFrame>& getFrames() { return frames; }
+  const std::vector<CollisionDefinition>& getCollisionBodies() const { return collisionDefinitions; }
+  const std::vector<VisObject>& getVisColOb() const { return visColObj; }
+  const std::vector<VisObject>& getVisOb() const { return visObj; }
+  const SensorMap& getSensors() const { return sensorMap; }
+  Joint::Type getRootJointType() const { return jointType[0]; }
+  const std::string& getResourceDir() const { return resourceDir; }
+  const std::string& getRobotFileName() const { return robotFileName; }
+  const std::string& getRobotTopDir() const { return robotTopDir; }
+  double getTimeStep() const { return timeStep; }
+  bool hasImu() const { return imuPresent; }
+  void setMaxSelfCollisionContacts(int n) { maxSelfCollisionContacts = n; }
+
+  // ================================================================ tables ==
+  size_t nbody = 0;
+  size_t dof = 0;    // length of gv
+  size_t gcDim = 0;  // length of gc
+  VecDyn gc, gv;
+
+  // Indexed by body.
+  std::vector<size_t> parent;                 // parent[0] is -1
+  std::vector<std::vector<size_t>> children;  // direct children, in index order
+  std::vector<size_t> leaves;                 // bodies without children; never the root
+  std::vector<size_t> depth;                  // depth[0] = 1
+  std::vector<Joint::Type> jointType;
+  std::vector<size_t> gcDimOf, gvDimOf;
+  // First gc / gv index of the body's joint. For a fixed base, entry 0 is
+  // 4294967295: test the root's type before indexing with it.
+  std::vector<size_t> gcIdx, gvIdx;
+  std::vector<size_t> gcChain, gvChain;  // gc / gv entries from the root to the body, its joint included
+  std::vector<double> massOf;            // after merging
+  std::vector<double> compositeMass;     // body and subtree
+  std::vector<Mat<3, 3>> inertiaB;       // about the centre of mass, body frame
+  std::vector<Mat<3, 1>> comB;           // centre of mass, body frame
+  std::vector<Mat<3, 1>> jointPosP;      // joint origin in the parent body frame
+  std::vector<Mat<3, 3>> jointRotP;      // joint frame in the parent body frame; not at 0
+  std::vector<Mat<3, 1>> jointAxisB;     // joint axis in the joint frame
+  std::vector<std::string> bodyNames;
+  std::vector<std::string> movableJointNames;  // "ROOT" for a floating base, then bodies 1..
+  std::map<std::string, size_t> jointNameToGv;
+  VecDyn velocityLimitOf;
+
+  // Indexed by gv index.
+  std::vector<size_t> dofParent;  // the dof just above in the tree; -1 at the top
+  std::vector<Mat<2, 1>> jointLimits;
+  VecDyn jointDampingGv, jointFrictionGv, rotorInertiaGv;
+  VecDyn tauUpper, tauLower;  // +-1e150 unless the joint gives an effort
+
+  std::vector<SpringElement> springs;
+
+  // Frames and geometry.
+  std::vector<CoordinateFrame> frames;
+  std::vector<CollisionDefinition> collisionDefinitions;
+  std::vector<VisObject> visColObj;  // one per collision definition, same index
+  std::vector<VisObject> visObj;     // the model's visuals
+  std::vector<dTriMeshDataID> meshData;
+  // Triangle arrays the collision library points into. The inner vectors are
+  // only ever moved, never copied, so their buffers stay where the geoms
+  // expect them.
+  std::vector<std::vector<float>> meshVertices;
+  std::vector<std::vector<uint32_t>> meshIndices;
+  SensorMap sensorMap;
+
+  std::string resourceDir, robotFileName, robotTopDir, robotFilePath, urdfString;
+  Mat<3, 1> baseJointPos{0.0, 0.0, 0.0};
+  Mat<3, 3> baseJointRot{0.0, 0.0, 0.0, 0.0, 0.0, 0.0, 0.0, 0.0, 0.0};
+
+  // The root Child at index 0 while building; empty afterwards.
+  std::vector<Child> child;
+
+  // Kinematics, indexed by body.
+  std::vector<Mat<3, 3>> rotW;     // body frame to world
+  std::vector<Mat<3, 1>> posW;     // body origin (joint origin) in the world
+  std::vector<Mat<3, 1>> relPosW;  // from the parent's origin to this origin
+  std::vector<Mat<3, 3>> preRotW;  // joint frame before the joint moves (revolute, spherical)
+  std::vector<Mat<3, 3>> rotJ;     // rotation made by the joint coordinate (revolute, spherical)
+  std::vector<Mat<3, 1>> axisW;    // joint axis in the world
+  std::vector<Mat<3, 1>> comRelW;  // rotW comB
+  std::vector<Mat<3, 1>> comW;     // centre of mass in the world
+  std::vector<Mat<3, 1>> linVelW;  // velocity of the body origin
+  std::vector<Mat<3, 1>> angVelW;
+  std::vector<Mat<3, 1>> jointLinVelW;      // a prismatic joint's own velocity
+  std::vector<Mat<3, 1>> jointAngVelW;      // a revolute or spherical joint's own angular velocity
+  std::vector<Mat<3, 1>> linAccW, angAccW;  // written by the dynamics stages
+
+  // Pins (loops closed inside the tree).
+  std::vector<PinConstraint> pins;
+  std::vector<PinConstraintDefinition> pinDefinitions;
+  VecDyn pinConfiguration;
+
+ protected:
+  friend class urdf::LoadFromURDF2;
+
+  // URDF text that came from filePath.
+  ArticulatedSystem(const std::string& filePath, const std::string& urdfText, const std::string& resPath,
+                    const std::vector<std::string>& jointOrder, ArticulatedSystemOption option);
+
+  // Turns child[0] into the tables. Every constructor ends here.
+  void init();
+  // Runs init, releasing the geoms if a fatal message unwinds out of it.
+  void initOrRelease();
+  // Path handling of the file constructors: a missing file and an extension
+  // other than "urdf" or "xml" are fatal.
+  void setRobotFile(const std::string& filePath, const std::string& resPath);
+  // Empties this step's contacts.
+  void cleanContacts();
+  // The compact Jacobian of the contact path: the same joint columns as
+  // getSparseJacobian, but for a floating base only the idx entries 0..5 and
+  // column 3, which holds pointW - posW[0]; the reader builds the base part
+  // from it.
+  void getSparseJacobian_internal(size_t body, const Mat<3, 1>& pointW, SparseJacobian& j) const;
+
+  // The stages of init, in order.
+  void checkTree(const Child& root) const;
+  void appendRootFrame(const Child& root);
+  void sizeTables();
+  void fillRootBody(Child& root);
+  void indexBodies(Child& root);
+  void fillBody(Child& node, size_t i, size_t p);
+  void computeCompositeMass();
+  void computeDofParent();
+  void resolveFrameParents();
+  void placeFixedBase(const Child& root);
+  void ignoreCollisionWithMassiveAncestor();
+  void setDefaultCoordinates();
+  void registerSensors(Child& node);
+  void warnAboutMasslessSubtrees() const;
+
+  // The kinematics of one body from its parent's.
+  void updateBodyKinematics(size_t i);
+
+  ArticulatedSystemOption option_;
+  double timeStep = 0.001;
+  int maxSelfCollisionContacts = 1;
+  bool imuPresent = false;
+};
+
+}  // namespace vorsim
+
+#endif  // VORSIM_OBJECT_ARTICULATEDSYSTEM_ARTICULATEDSYSTEM_HPP

@@ -1,0 +1,47 @@
+// An inertial unit: acceleration, angular velocity and orientation at its
+// frame. The robot computes it; its own update does nothing.
+#ifndef VORSIM_SENSORS_INERTIALMEASUREMENTUNIT_HPP
+#define VORSIM_SENSORS_INERTIALMEASUREMENTUNIT_HPP
+
+#include <limits>
+
+#include "vorsim/sensors/Sensor.hpp"
+
+namespace vorsim {
+
+class InertialMeasurementUnit : public Sensor {
+ public:
+  struct ImuProperties {
+    std::string name;
+    double maxAcc = std::numeric_limits<double>::max();        // limit of |acceleration|
+    double maxAngVel = std::numeric_limits<double>::max();     // limit of |angular velocity|
+    double reserved0 = 0.0, reserved1 = 0.0, reserved2 = 0.0;  // stored and copied only
+  };
+
+  InertialMeasurementUnit(const ImuProperties& prop, ArticulatedSystem* owner, const Mat<3, 1>& pos,
+                          const Mat<3, 3>& rot);
+
+  // Placeholder until the sensors stage: writes nothing.
+  char* serializeProp(char* buffer) const override;
+  // The robot computes the measurement; nothing to do here.
+  void update(World& /*world*/) override {}
+
+  const ImuProperties& getProperties() const { return prop_; }
+  const Mat<3, 1>& getLinearAcceleration() const { return linearAcceleration; }
+  const Mat<3, 1>& getAngularVelocity() const { return angularVelocity; }
+  const Mat<4, 1>& getQuaternion() const { return quaternion; }
+
+ protected:
+  // "IMU cannot be updated by the visualizer" for the VISUALIZER source.
+  void validateMeasurementSource() override;
+
+  ImuProperties prop_;
+  Mat<3, 1> linearAcceleration{0.0, 0.0, 0.0};
+  Mat<3, 1> spare{0.0, 0.0, 0.0};
+  Mat<3, 1> angularVelocity{0.0, 0.0, 0.0};
+  Mat<4, 1> quaternion{0.0, 0.0, 0.0, 0.0};
+};
+
+}  // namespace vorsim
+
+#endif  // VORSIM_SENSORS_INERTIALMEASUREMENTUNIT_HPP

@@ -1,0 +1,506 @@
+// Building a system from a Child tree: the tree model's helpers, merging of
+// fixed links, the body-, gc- and gv-indexed tables, frames, geoms, names, and
+// a robot's place in a world.
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "test_helpers.hpp"
+#include "vorsim/object/ArticulatedSystem/ArticulatedSystem.hpp"
+#include "vorsim/object/Primitives.hpp"
+#include "vorsim/sensors/InertialMeasurementUnit.hpp"
+
+using namespace vorsim;
+
+namespace {
+
+constexpr size_t kNone = size_t(-1);
+constexpr size_t kFixedBaseIdx = 0xFFFFFFFFu;
+
+Mat<3, 3> rotation(double angle, Eigen::Vector3d axis) {
+  Mat<3, 3> m;
+  m = Eigen::AngleAxisd(angle, axis.normalized()).toRotationMatrix();
+  return m;
+}
+
+// The joint is named after the link unless `joint` says otherwise ("" for
+// none, as on a root).
+Child link(const std::string& name, Joint::Type type, const char* joint = nullptr) {
+  Child c;
+  c.bodyName = name;
+  c.name = joint == nullptr ? name + "_joint" : joint;
+  c.type = type;
+  c.velocityLimit = 10.0;
+  return c;
+}
+
+Child massive(Child c, double mass, Mat<3, 1> com, Mat<3, 1> diag) {
+  c.mass = mass;
+  c.com = com;
+  c.setInertia(diag);
+  return c;
+}
+
+Eigen::Matrix3d E(const Mat<3, 3>& m) { return m.e(); }
+Eigen::Vector3d E(const Mat<3, 1>& m) { return m.e(); }
+
+// Expects `fn` to raise a fatal message containing `text`.
+template <typename F>
+void expectFatal(F fn, const std::string& text) {
+  ThrowOnFatal guard;
+  StdoutCapture out;
+  EXPECT_THROW(fn(), vorsim_test::FatalError);
+  EXPECT_NE(out.text().find(text), std::string::npos) << out.text();
+}
+
+}  // namespace
+
+TEST(TreeModel, CountsWidthsAndDefaults) {
+  Child leaf = link("leaf", Joint::FIXED);
+  EXPECT_EQ(leaf.numberOfBodiesFromHere(), 1u);
+  EXPECT_EQ(leaf.numberOfDOFFromHere(), 0u);
+  EXPECT_EQ(leaf.numberOfGCFromHere(), 0u);
+
+  Child root = link("root", Joint::FLOATING);
+  root.child.push_back(link("a", Joint::REVOLUTE));
+  root.child.push_back(link("b", Joint::SPHERICAL));
+  root.fixedBodies.push_back(link("f", Joint::FIXED));
+  EXPECT_EQ(root.numberOfBodiesFromHere(), 3u);
+  EXPECT_EQ(root.numberOfDOFFromHere(), 10u);
+  EXPECT_EQ(root.numberOfGCFromHere(), 12u);
+  EXPECT_EQ(Joint::gcWidth(static_cast<Joint::Type>(9)), 0u);
+
+  Child fresh;
+  EXPECT_EQ(fresh.type, Joint::kUnsetType);
+  EXPECT_EQ(E(fresh.rot), Eigen::Matrix3d::Identity());
+  EXPECT_EQ(E(fresh.axis), Eigen::Vector3d(0, 0, 1));
+  EXPECT_EQ(fresh.effort, 1e150);
+  EXPECT_EQ(fresh.velocityLimit, 0.0);
+
+  Body body;
+  body.setInertiaMjcfOrder(Mat<6, 1>{1, 2, 3, 4, 5, 6});
+  EXPECT_EQ(body.inertia(1, 0), 4.0);
+  EXPECT_EQ(body.inertia(0, 1), 4.0);
+  EXPECT_EQ(body.inertia(2, 0), 5.0);
+  EXPECT_EQ(body.inertia(2, 1), 6.0);
+  body.setInertia(Mat<3, 1>{7, 8, 9});
+  EXPECT_EQ(E(body.inertia), Eigen::Vector3d(7, 8, 9).asDiagonal().toDenseMatrix());
+
+  expectFatal([] { VisObject v(Shape::Mesh, {}, {}, Mat<3, 3>::getIdentity(), {}, {}, "", "v", ""); },
+              "Provide a valid mesh file name");
+}
+
+TEST(TreeModel, ChangeParentAndJointReference) {
+  Child parent = link("p", Joint::FIXED), moved = link("m", Joint::REVOLUTE);
+  parent.pos = {1, 2, 3};
+  parent.rot = rotation(0.7, {1, 2, 0});
+  moved.pos = {0.5, -1, 2};
+  moved.rot = rotation(-0.3, {0, 1, 1});
+  moved.axis = {0, 1, 0};
+  const Eigen::Vector3d expectedPos = E(parent.rot) * E(moved.pos) + E(parent.pos);
+  const Eigen::Matrix3d expectedRot = E(parent.rot) * E(moved.rot);
+  parent.changeParent(parent, moved);
+  EXPECT_TRUE(E(moved.pos).isApprox(expectedPos, 1e-14));
+  EXPECT_TRUE(E(moved.rot).isApprox(expectedRot, 1e-14));
+  EXPECT_EQ(E(moved.axis), Eigen::Vector3d(0, 1, 0));
+
+  Child root = link("root", Joint::FIXED);
+  Child hinge = link("h", Joint::REVOLUTE), slider = link("s", Joint::PRISMATIC);
+  hinge.rot = rotation(0.4, {1, 1, 1});
+  hinge.axis = {0, 0, 1};
+  hinge.jointRef = 0.25;
+  slider.pos = {1, 2, 3};
+  slider.axis = {1, 0, 0};
+  slider.jointRef = 0.5;
+  Child untouched = link("u", Joint::REVOLUTE);
+  untouched.rot = rotation(0.9, {0, 1, 2});
+  slider.child.push_back(untouched);
+  hinge.child.push_back(slider);
+  root.child.push_back(hinge);
+  root.processJointRef();
+  const Child& h = root.child[0];
+  const Eigen::Matrix3d expected = E(rotation(0.4, {1, 1, 1})) * E(rotation(-0.25, {0, 0, 1}));
+  EXPECT_TRUE(E(h.rot).isApprox(expected, 1e-14));
+  // Subtracted from all three components, whatever the axis.
+  EXPECT_EQ(E(h.child[0].pos), Eigen::Vector3d(0.5, 1.5, 2.5));
+  // A zero reference leaves the matrix bit for bit.
+  EXPECT_EQ(E(h.child[0].child[0].rot), E(untouched.rot));
+}
+
+TEST(Building, FixedLinksMergeIntoTheirMovableAncestor) {
+  // base (floating) -> fixed f1 -> fixed f2 -> revolute arm
+  //                 \-> fixed f3 (massless, with a collision body)
+  Child base = massive(link("base", Joint::FLOATING, ""), 2.0, {0.1, 0, 0}, {0.1, 0.2, 0.3});
+  Child f1 = massive(link("f1", Joint::FIXED), 1.5, {0, 0.2, 0}, {0.01, 0.02, 0.03});
+  f1.pos = {0.5, 0, 0.1};
+  f1.rot = rotation(0.6, {0, 0, 1});
+  f1.inertia(0, 1) = f1.inertia(1, 0) = 0.004;
+  Child f2 = massive(link("f2", Joint::FIXED), 0.5, {0, 0, -0.1}, {0.002, 0.003, 0.004});
+  f2.pos = {0, 0.3, 0};
+  f2.rot = rotation(-1.1, {1, 0, 1});
+  Child arm = massive(link("arm", Joint::REVOLUTE), 1.0, {0, 0, 0.2}, {0.05, 0.05, 0.01});
+  arm.pos = {0.1, 0.1, 0.1};
+  arm.rot = rotation(0.3, {0, 1, 0});
+  Child f3 = link("f3", Joint::FIXED);
+  f3.pos = {-0.4, 0, 0};
+  f3.rot = rotation(M_PI / 2, {0, 1, 0});
+  f3.collisionBodies.emplace_back(Shape::Sphere, Mat<4, 1>{0.05, 0, 0, 0}, Mat<3, 1>{0, 0, 0.1},
+                                  Mat<3, 3>::getIdentity(), Mat<3, 1>{1, 1, 1}, "f3/0", "rubber", "", "");
+  f3.sensors.push_back(std::make_shared<InertialMeasurementUnit>(
+      InertialMeasurementUnit::ImuProperties{"f3:imu"}, nullptr, Mat<3, 1>{0, 0, 0.2}, Mat<3, 3>::getIdentity()));
+  f2.child.push_back(arm);
+  f1.fixedBodies.push_back(f2);
+  base.fixedBodies.push_back(f1);
+  base.fixedBodies.push_back(f3);
+
+  // The reference, computed link by link in the base frame.
+  struct Part {
+    double m;
+    Eigen::Vector3d c;
+    Eigen::Matrix3d I;
+  };
+  const Eigen::Matrix3d R1 = E(f1.rot), R12 = R1 * E(f2.rot);
+  const Eigen::Vector3d p1 = E(f1.pos), p12 = p1 + R1 * E(f2.pos);
+  std::vector<Part> parts = {{2.0, E(base.com), E(base.inertia)},
+                             {1.5, p1 + R1 * E(f1.com), R1 * E(f1.inertia) * R1.transpose()},
+                             {0.5, p12 + R12 * E(f2.com), R12 * E(f2.inertia) * R12.transpose()}};
+  double M = 0;
+  Eigen::Vector3d c = Eigen::Vector3d::Zero();
+  for (auto& p : parts) M += p.m, c += p.m * p.c;
+  c /= M;
+  Eigen::Matrix3d I = Eigen::Matrix3d::Zero();
+  for (auto& p : parts) {
+    const Eigen::Vector3d r = p.c - c;
+    I += p.I + p.m * (r.squaredNorm() * Eigen::Matrix3d::Identity() - r * r.transpose());
+  }
+
+  ArticulatedSystem sys(base, "res");
+  ASSERT_EQ(sys.nbody, 2u);
+  EXPECT_EQ(sys.dof, 7u);
+  EXPECT_EQ(sys.gcDim, 8u);
+  EXPECT_DOUBLE_EQ(sys.massOf[0], 4.0);
+  EXPECT_TRUE(E(sys.comB[0]).isApprox(c, 1e-14));
+  EXPECT_TRUE(E(sys.inertiaB[0]).isApprox(I, 1e-13)) << E(sys.inertiaB[0]) << "\n" << I;
+  // The arm's joint carries both fixed transforms.
+  EXPECT_TRUE(E(sys.jointPosP[1]).isApprox(p12 + R12 * E(arm.pos), 1e-14));
+  EXPECT_TRUE(E(sys.jointRotP[1]).isApprox(R12 * E(arm.rot), 1e-14));
+  EXPECT_DOUBLE_EQ(sys.compositeMass[0], 5.0);
+
+  // Frames: root, movable child arm, then each fixed link followed by its
+  // sensors.
+  const auto& frames = sys.getFrames();
+  ASSERT_EQ(frames.size(), 6u);
+  EXPECT_EQ(frames[0].name, "ROOT");
+  EXPECT_EQ(frames[0].bodyName, "base");
+  EXPECT_EQ(frames[1].name, "arm_joint");
+  EXPECT_TRUE(frames[1].isMovableJoint);
+  EXPECT_EQ(frames[1].parentId, 1u);
+  EXPECT_EQ(frames[2].name, "f1_joint");
+  EXPECT_EQ(frames[3].name, "f3_joint");
+  EXPECT_EQ(frames[4].name, "f3:imu");
+  EXPECT_EQ(frames[5].name, "f2_joint");
+  EXPECT_TRUE(E(frames[5].position).isApprox(p12, 1e-14));
+  EXPECT_TRUE(E(frames[5].orientation).isApprox(R12, 1e-14));
+  EXPECT_EQ(frames[5].bodyName, "f2");
+  EXPECT_EQ(frames[5].parentName, "base");
+  EXPECT_EQ(frames[5].parentId, 0u);
+  EXPECT_FALSE(frames[5].isMovableJoint);
+
+  // The massless fixed link still brings its collision body and sensor.
+  ASSERT_EQ(sys.getCollisionBodies().size(), 1u);
+  const CollisionDefinition& d = sys.getCollisionBodies()[0];
+  EXPECT_EQ(d.localIdx, 0u);
+  EXPECT_TRUE(E(d.posOffset).isApprox(Eigen::Vector3d(-0.4 + 0.1, 0, 0), 1e-14));
+  EXPECT_EQ(geomData(d.colObj).name, "f3/0");
+  EXPECT_EQ(geomData(d.colObj).material, "rubber");
+  auto imu = sys.getSensors().at("f3:imu");
+  EXPECT_EQ(imu->getFrameIdx(), 4u);
+  EXPECT_EQ(imu->getOwner(), &sys);
+  EXPECT_TRUE(E(imu->getPositionInBody()).isApprox(Eigen::Vector3d(-0.4 + 0.2, 0, 0), 1e-14));
+  Mat<3, 1> framePos;
+  sys.getFramePosition(4, framePos);
+  EXPECT_TRUE(E(framePos).isApprox(Eigen::Vector3d(-0.2, 0, 0), 1e-14));
+
+  // Names: a merged link is a frame, not a body.
+  EXPECT_EQ(sys.getBodyIdx("arm"), 1u);
+  EXPECT_EQ(sys.getBodyIdx("nothing"), kNone);
+  expectFatal([&] { sys.getBodyIdx("f2"); }, "This is a link name. In VorSim, links with fixed joints are consumed");
+  EXPECT_EQ(sys.getFrameIdxByName("f2_joint"), 5u);
+  EXPECT_EQ(sys.getFrameIdxByName("nope"), kNone);
+  EXPECT_EQ(&sys.getFrameByName("f3_joint"), &sys.getFrames()[3]);
+  expectFatal([&] { sys.getFrameByName("nope"); }, "There is no frame named \"nope\"");
+}
+
+TEST(Building, TablesFollowTheDepthFirstBodyOrder) {
+  // fixed root -> A (revolute) -> A1 (prismatic), A2 (spherical); root -> B
+  // (revolute).
+  Child root = massive(link("root", Joint::FIXED, ""), 1.0, {0, 0, 0}, {1, 1, 1});
+  Child A = massive(link("A", Joint::REVOLUTE), 1.0, {0, 0, 0}, {1, 1, 1});
+  A.limit = {-1, 2};
+  A.damping = 0.5;
+  A.friction = 0.25;
+  A.rotorInertia = 0.125;
+  A.effort = 40;
+  A.jointRef = 0.3;
+  Child A1 = massive(link("A1", Joint::PRISMATIC), 2.0, {0, 0, 0}, {1, 1, 1});
+  A1.stiffness = 100;
+  A1.springMount = {0.05, 0, 0, 0};
+  A1.velocityLimit = 3.0;
+  Child A2 = massive(link("A2", Joint::SPHERICAL), 3.0, {0, 0, 0}, {1, 1, 1});
+  A2.limit = {0.7, 0};
+  A2.damping = 0.75;
+  A2.rotorInertia = 0.5;
+  A2.effort = -5;  // only a positive effort is a limit
+  Child B = massive(link("B", Joint::REVOLUTE), 4.0, {0, 0, 0}, {1, 1, 1});
+  A.child = {A1, A2};
+  root.child = {A, B};
+  root.bodyName = "root";
+
+  StdoutCapture quiet;
+  ArticulatedSystem sys(root, "");
+  EXPECT_NE(quiet.text().find("resDir is not specified."), std::string::npos);  // ends the capture
+  ASSERT_EQ(sys.nbody, 5u);
+  EXPECT_EQ(sys.dof, 6u);
+  EXPECT_EQ(sys.gcDim, 7u);
+  EXPECT_EQ(sys.bodyNames, (std::vector<std::string>{"root", "A", "A1", "A2", "B"}));
+  EXPECT_EQ(sys.parent, (std::vector<size_t>{kNone, 0, 1, 1, 0}));
+  EXPECT_EQ(sys.children[0], (std::vector<size_t>{1, 4}));
+  EXPECT_EQ(sys.children[1], (std::vector<size_t>{2, 3}));
+  EXPECT_EQ(sys.leaves, (std::vector<size_t>{2, 3, 4}));
+  EXPECT_EQ(sys.depth, (std::vector<size_t>{1, 2, 3, 3, 2}));
+  EXPECT_EQ(sys.gcIdx, (std::vector<size_t>{kFixedBaseIdx, 0, 1, 2, 6}));
+  EXPECT_EQ(sys.gvIdx, (std::vector<size_t>{kFixedBaseIdx, 0, 1, 2, 5}));
+  EXPECT_EQ(sys.gcChain, (std::vector<size_t>{0, 1, 2, 5, 1}));
+  EXPECT_EQ(sys.gvChain, (std::vector<size_t>{0, 1, 2, 4, 1}));
+  EXPECT_EQ(sys.dofParent, (std::vector<size_t>{kNone, 0, 0, 2, 3, kNone}));
+  EXPECT_EQ(sys.compositeMass, (std::vector<double>{11, 6, 2, 3, 4}));
+  EXPECT_EQ(sys.movableJointNames, (std::vector<std::string>{"A_joint", "A1_joint", "A2_joint", "B_joint"}));
+  EXPECT_EQ(sys.jointNameToGv.at("A2_joint"), 2u);
+  EXPECT_EQ(sys.jointNameToGv.at("B_joint"), 5u);
+  EXPECT_EQ(sys.jointNameToGv.count("ROOT"), 0u);
+
+  EXPECT_EQ(sys.jointLimits[0][1], 2.0);
+  EXPECT_EQ(sys.jointLimits[2][0], 0.7);
+  EXPECT_EQ(sys.jointLimits[3][0], 0.0);  // a spherical joint's other entries stay zero
+  EXPECT_EQ(sys.jointDampingGv.e(), (Eigen::VectorXd(6) << 0.5, 0, 0.75, 0.75, 0.75, 0).finished());
+  EXPECT_EQ(sys.jointFrictionGv[0], 0.25);
+  EXPECT_EQ(sys.rotorInertiaGv.e(), (Eigen::VectorXd(6) << 0.125, 0, 0.5, 0.5, 0.5, 0).finished());
+  EXPECT_EQ(sys.tauUpper[0], 40.0);
+  EXPECT_EQ(sys.tauLower[0], -40.0);
+  EXPECT_EQ(sys.tauUpper[2], 1e150);
+  EXPECT_EQ(sys.tauLower[5], -1e150);
+  ASSERT_EQ(sys.springs.size(), 1u);
+  EXPECT_EQ(sys.springs[0].springBody, 2u);
+  EXPECT_EQ(sys.springs[0].springStiffness, 100.0);
+  EXPECT_EQ(sys.springs[0].springRest[0], 0.05);
+  EXPECT_EQ(sys.velocityLimitOf[0], 0.0);
+  EXPECT_EQ(sys.velocityLimitOf[2], 3.0);
+  // Defaults of gc: the reference coordinate, and unit quaternions.
+  EXPECT_EQ(sys.gc.e(), (Eigen::VectorXd(7) << 0.3, 0, 1, 0, 0, 0, 0).finished());
+  EXPECT_EQ(sys.gv.e(), Eigen::VectorXd::Zero(6));
+  EXPECT_EQ(sys.getBodyType(0), STATIC);
+  EXPECT_EQ(sys.getBodyType(1), DYNAMIC);
+  EXPECT_EQ(sys.getBodyType(), DYNAMIC);
+  EXPECT_EQ(sys.getMaxSelfCollisionContacts(), 1);
+  EXPECT_TRUE(sys.child.empty());
+
+  // Swapping siblings renumbers everything after them.
+  std::swap(root.child[0], root.child[1]);
+  ArticulatedSystem swapped(root, "r");
+  EXPECT_EQ(swapped.bodyNames, (std::vector<std::string>{"root", "B", "A", "A1", "A2"}));
+  EXPECT_EQ(swapped.gvIdx[2], 1u);
+  EXPECT_EQ(swapped.jointNameToGv.at("B_joint"), 0u);
+  EXPECT_EQ(swapped.gc[1], 0.3);
+}
+
+TEST(Building, FloatingBaseLayoutAndEdgeTrees) {
+  Child root = massive(link("base", Joint::FLOATING, ""), 1.0, {0, 0, 0}, {1, 1, 1});
+  root.child.push_back(massive(link("hip", Joint::SPHERICAL), 1.0, {0, 0, 0}, {1, 1, 1}));
+  root.child[0].child.push_back(massive(link("leg", Joint::REVOLUTE), 1.0, {0, 0, 0}, {1, 1, 1}));
+  ArticulatedSystem sys(root, "r");
+  EXPECT_EQ(sys.gcIdx, (std::vector<size_t>{0, 7, 11}));
+  EXPECT_EQ(sys.gvIdx, (std::vector<size_t>{0, 6, 9}));
+  EXPECT_EQ(sys.gcChain, (std::vector<size_t>{7, 11, 12}));
+  EXPECT_EQ(sys.dofParent, (std::vector<size_t>{kNone, 0, 1, 2, 3, 4, 5, 6, 7, 8}));
+  EXPECT_EQ(sys.movableJointNames, (std::vector<std::string>{"ROOT", "hip_joint", "leg_joint"}));
+  EXPECT_EQ(sys.jointNameToGv.at("ROOT"), 0u);
+  EXPECT_EQ(sys.gc.e(), (Eigen::VectorXd(12) << 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 0).finished());
+  EXPECT_EQ(sys.getBodyType(0), DYNAMIC);
+
+  // Only fixed links: one body, no degrees of freedom, everything combined.
+  Child lone = massive(link("lone", Joint::FIXED, ""), 1.0, {0, 0, 0}, {1, 1, 1});
+  Child weight = massive(link("w", Joint::FIXED), 3.0, {0, 0, 0}, {0, 0, 0});
+  weight.pos = {0, 0, 1};
+  lone.fixedBodies.push_back(weight);
+  ArticulatedSystem rigid(lone, "r");
+  EXPECT_EQ(rigid.nbody, 1u);
+  EXPECT_EQ(rigid.dof, 0u);
+  EXPECT_EQ(rigid.gcDim, 0u);
+  EXPECT_TRUE(rigid.dofParent.empty());
+  EXPECT_EQ(rigid.massOf[0], 4.0);
+  EXPECT_DOUBLE_EQ(rigid.comB[0][2], 0.75);
+  EXPECT_DOUBLE_EQ(rigid.inertiaB[0](0, 0), 1.0 + 1.0 * 0.75 * 0.75 + 3.0 * 0.25 * 0.25);
+  EXPECT_DOUBLE_EQ(rigid.inertiaB[0](2, 2), 1.0);
+
+  // Links of total mass zero: centre of mass zero, no division.
+  Child ghost = link("ghost", Joint::FIXED, "");
+  Child ghostChild = link("g", Joint::FIXED);
+  ghostChild.pos = {1, 0, 0};
+  ghost.fixedBodies.push_back(ghostChild);
+  ArticulatedSystem empty(ghost, "r");
+  EXPECT_EQ(E(empty.comB[0]), Eigen::Vector3d::Zero());
+}
+
+TEST(Building, IgnoringTheNearestMassiveAncestor) {
+  auto shape = [](Child c) {
+    c.collisionBodies.emplace_back(Shape::Box, Mat<4, 1>{0.1, 0.1, 0.1, 0}, Mat<3, 1>{0, 0, 0},
+                                   Mat<3, 3>::getIdentity(), Mat<3, 1>{1, 1, 1}, c.bodyName + "/0", "", "", "");
+    return c;
+  };
+  Child base = shape(massive(link("base", Joint::FLOATING, ""), 1.0, {0, 0, 0}, {1, 1, 1}));
+  Child hollow = shape(link("hollow", Joint::REVOLUTE));  // massless
+  Child tip = shape(massive(link("tip", Joint::REVOLUTE), 1.0, {0, 0, 0}, {1, 1, 1}));
+  hollow.child.push_back(tip);
+  base.child.push_back(hollow);
+  ArticulatedSystemOption option;
+  option.ignoreParentCollision = true;
+  ArticulatedSystem sys(base, "r", option);
+  const auto& defs = sys.getCollisionBodies();
+  ASSERT_EQ(defs.size(), 3u);
+  auto ignores = [&](size_t a, size_t b) { return geomData(defs[a].colObj).ignoredGeoms.count(defs[b].colObj) == 1; };
+  EXPECT_TRUE(ignores(1, 0) && ignores(0, 1));  // hollow and base
+  EXPECT_TRUE(ignores(2, 0) && ignores(0, 2));  // tip skips the massless hollow
+  EXPECT_FALSE(ignores(2, 1));
+  EXPECT_EQ(geomData(defs[2].colObj).localIndex, 2u);
+
+  // A massless fixed root: the walk runs past it without reading out of range.
+  Child fixedRoot = shape(link("root", Joint::FIXED, ""));
+  fixedRoot.child.push_back(shape(link("free", Joint::REVOLUTE)));
+  StdoutCapture quiet;
+  ArticulatedSystem none(fixedRoot, "r", option);
+  const std::string warning = quiet.text();
+  EXPECT_TRUE(geomData(none.getCollisionBodies()[1].colObj).ignoredGeoms.empty());
+
+  // Without the option nothing is ignored until asked for.
+  ArticulatedSystem plain(base, "r");
+  EXPECT_TRUE(geomData(plain.getCollisionBodies()[2].colObj).ignoredGeoms.empty());
+  plain.ignoreCollisionBetween(2, 0);
+  EXPECT_EQ(geomData(plain.getCollisionBodies()[2].colObj).ignoredGeoms.size(), 1u);
+  EXPECT_EQ(geomData(plain.getCollisionBodies()[0].colObj).ignoredGeoms.size(), 1u);
+  // A massless subtree is reported.
+  EXPECT_NE(warning.find("Body \"free\" and the bodies below it have no mass"), std::string::npos);
+  EXPECT_EQ(warning.find("Body \"hollow\""), std::string::npos);  // its child carries mass
+}
+
+TEST(Building, BadTreesEndInFatalMessages) {
+  Child root = link("root", Joint::FLOATING, "");
+  Child unnamed = link("arm", Joint::REVOLUTE);
+  unnamed.name.clear();
+  root.child.push_back(unnamed);
+  expectFatal([&] { ArticulatedSystem s(root, "r"); }, "All joints must have a name");
+
+  Child untyped;
+  untyped.bodyName = "u";
+  expectFatal([&] { ArticulatedSystem s(untyped, "r"); }, "must have a FIXED or FLOATING joint");
+
+  Child misplaced = link("root", Joint::FIXED, "");
+  misplaced.child.push_back(link("welded", Joint::FIXED));
+  expectFatal([&] { ArticulatedSystem s(misplaced, "r"); }, "Body \"welded\" is in child but its joint is fixed");
+
+  Child stl = link("root", Joint::FIXED, "");
+  stl.collisionBodies.emplace_back(Shape::Mesh, Mat<4, 1>{1, 1, 1, 0}, Mat<3, 1>{0, 0, 0}, Mat<3, 3>::getIdentity(),
+                                   Mat<3, 1>{1, 1, 1}, "m", "", "", "part.STL");
+  // A primitive made before the failing mesh must not leak.
+  stl.collisionBodies.insert(stl.collisionBodies.begin(),
+                             CollisionBody(Shape::Sphere, Mat<4, 1>{0.1, 0, 0, 0}, Mat<3, 1>{0, 0, 0},
+                                           Mat<3, 3>::getIdentity(), Mat<3, 1>{1, 1, 1}, "s", "", "", ""));
+  expectFatal([&] { ArticulatedSystem s(stl, "r"); }, "Mesh collision bodies must be in an obj format");
+}
+
+TEST(Building, RobotsInAWorld) {
+  const std::string meshDir = std::string(VORSIM_TEST_DATA_DIR) + "/meshes";
+  Child base = massive(link("base", Joint::FIXED, ""), 1.0, {0, 0, 0}, {1, 1, 1});
+  base.pos = {0, 0, 1};
+  Child arm = massive(link("arm", Joint::REVOLUTE), 1.0, {0, 0, 0}, {1, 1, 1});
+  arm.axis = {0, 1, 0};
+  arm.pos = {0, 0, 0.5};
+  arm.collisionBodies.emplace_back(Shape::Mesh, Mat<4, 1>{0.2, 0.2, 0.2, 0}, Mat<3, 1>{0, 0, 0.5},
+                                   Mat<3, 3>::getIdentity(), Mat<3, 1>{0.2, 0.2, 0.2}, "arm/0", "steel", "",
+                                   "package://cube.obj");
+  CollisionBody own(Shape::Sphere, Mat<4, 1>{0.05, 0, 0, 0}, Mat<3, 1>{0, 0, 0}, Mat<3, 3>::getIdentity(),
+                    Mat<3, 1>{1, 1, 1}, "arm/1", "", "", "");
+  own.collisionGroup = 4;
+  own.collisionMask = 8;
+  arm.collisionBodies.push_back(own);
+  base.child.push_back(arm);
+
+  World world;
+  world.addGround();
+  auto* sphere = world.addSphere(0.1, 1.0);
+  sphere->setPosition(5, 5, 0.1);
+  auto* robot = world.addArticulatedSystem(base, meshDir, 2, 3);
+  ASSERT_EQ(robot->getIndexInWorld(), 2u);
+  const auto& defs = robot->getCollisionBodies();
+  ASSERT_EQ(defs.size(), 2u);
+  // The caller's group and mask reach the geom that kept the defaults only.
+  EXPECT_EQ(getCategoryBits(defs[0].colObj), 2u);
+  EXPECT_EQ(getCollideBits(defs[0].colObj), 3u);
+  EXPECT_EQ(getCategoryBits(defs[1].colObj), 4u);
+  EXPECT_EQ(getCollideBits(defs[1].colObj), 8u);
+  for (const auto& d : defs) {
+    EXPECT_EQ(geomData(d.colObj).objectIndex, 2u);
+    EXPECT_EQ(geomData(d.colObj).localIndex, 1u);
+    EXPECT_EQ(dGeomGetSpace(d.colObj), world.getCollisionSpace());
+  }
+  EXPECT_NE(geomData(defs[0].colObj).userData, nullptr);  // the triangle data live with the geom
+
+  // Geoms follow the bodies, bounding boxes included: a ray finds the mesh
+  // where the joint put it.
+  robot->setGeneralizedCoordinate({M_PI / 2});
+  robot->updateCollision();
+  const dReal* p = dGeomGetPosition(defs[0].colObj);
+  EXPECT_NEAR(p[0], 0.5, 1e-12);
+  EXPECT_NEAR(p[2], 1.5, 1e-12);
+  const auto& hits = world.rayTest({0.5, 0, 3}, {0, 0, -1}, 5.0, true);
+  ASSERT_EQ(hits.getNumOfHits(), 1u);
+  EXPECT_EQ(hits[0].getObject(), robot);
+  EXPECT_NEAR(hits[0].getPosition()[2], 1.6, 1e-6);
+
+  // Stepping with the robot in contact keeps it where it is (no dynamics yet).
+  sphere->setPosition(0.5, 0, 1.75);
+  for (int i = 0; i < 50; ++i) world.integrate();
+  EXPECT_EQ(robot->gc[0], M_PI / 2);
+  EXPECT_NEAR(sphere->getPosition()[2], 1.7, 0.01);  // resting on the mesh
+
+  // Offsets and sizes of geoms can be changed after building.
+  robot->setCollisionObjectShapeParameters(1, Mat<4, 1>{0.08, 0, 0, 0});
+  EXPECT_EQ(dGeomSphereGetRadius(defs[1].colObj), 0.08);
+  EXPECT_EQ(robot->getVisColOb()[1].shapeParam[0], 0.08);
+  robot->setCollisionObjectShapeParameters(0, Mat<4, 1>{5, 5, 5, 0});  // a mesh keeps its triangles
+  EXPECT_EQ(robot->getVisColOb()[0].shapeParam[0], 5.0);
+  robot->setCollisionObjectPositionOffset(1, Mat<3, 1>{0, 0, 1});
+  robot->setCollisionObjectOrientationOffset(1, Mat<3, 3>::getIdentity());
+  robot->updateCollision();
+  EXPECT_NEAR(dGeomGetPosition(defs[1].colObj)[0], 1.0, 1e-12);  // the arm's z is the world's x now
+
+  // Removing the sphere moves the robot into its place, geoms included.
+  world.removeObject(sphere);
+  EXPECT_EQ(robot->getIndexInWorld(), 1u);
+  for (const auto& d : defs) EXPECT_EQ(geomData(d.colObj).objectIndex, 1u);
+  world.removeObject(robot);
+  EXPECT_EQ(world.getObjList().size(), 1u);
+  EXPECT_EQ(dSpaceGetNumGeoms(world.getCollisionSpace()), 1);
+}
+
+TEST(Building, PrintsNamesInOrder) {
+  Child root = link("base", Joint::FLOATING, "");
+  root.child.push_back(link("leg", Joint::REVOLUTE));
+  ArticulatedSystem sys(root, "r");
+  StdoutCapture out;
+  sys.printOutBodyNamesInOrder();
+  sys.printOutMovableJointNamesInOrder();
+  sys.printOutFrameNamesInOrder();
+  EXPECT_EQ(out.text(),
+            "0th body: base\n1th body: leg\n0th body: ROOT\n1th body: leg_joint\n0th frame: ROOT\n"
+            "1th frame: leg_joint\n");
+}
