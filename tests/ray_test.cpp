@@ -110,5 +110,7 @@ TEST(Ray, ClosestHitFromAnOffAxisStart) {
   ASSERT_EQ(hit.size, 1u);
   EXPECT_EQ(hit[0].object, near);
   EXPECT_NEAR(hit[0].position[1], -3.5, 1e-12);
-  EXPECT_EQ(world.rayTest({0, -5, 0}, {0, 1, 0}, 20.0, false).size, 2u);
+  const auto& all = world.rayTest({0, -5, 0}, {0, 1, 0}, 20.0, false);
+  ASSERT_EQ(all.size, 2u);
+  for (size_t i = 0; i < 2; ++i) EXPECT_EQ(all[i].object, all[i].position[1] < -1.0 ? near : far);
 }
