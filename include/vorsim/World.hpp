@@ -225,10 +225,23 @@ class World {
   // to the space.
   void addCollisionObject(dxGeom* geom, size_t localIdx, const std::string& material, size_t collisionGroup,
                           size_t collisionMask);
+  // The stages of a step that are the world's own work, in step order.
+  // Broad and narrow phase: fills contactGeoms_ and numContacts_.
+  void detectCollisions();
+  // Per collision point: the filters, a Contact on each non-static side and one
+  // problem with the material pair's numbers.
+  void generateContacts();
+  // Fills the problems of an object's contacts: block, objects, impact velocity.
   void contactProblemUpdate(Object* object);
   // Enters a freshly built robot: its index, and its geoms in the space with
   // object index, body index, group and mask.
   ArticulatedSystem* registerArticulatedSystem(ArticulatedSystem* system, size_t collisionGroup, size_t collisionMask);
+  // Raises mu toward the static coefficient on contacts slower than the pair's
+  // threshold at the start of the step.
+  void applyStaticFriction();
+  // Whether a self-collision between local bodies la and lb of an articulated
+  // object already has as many points as the object keeps of one pair.
+  bool selfCollisionPairIsFull(const Object& object, size_t la, size_t lb) const;
   template <typename W>
   W* registerWire(W* wire);
 

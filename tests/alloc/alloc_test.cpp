@@ -131,6 +131,27 @@ TEST_F(Allocations, SteadyScenesAllocateNothing) {
     world.addStiffWire(anchor, 0, Eigen::Vector3d::Zero(), bob, 0, Eigen::Vector3d::Zero(), 0.5);
     EXPECT_EQ(allocationsInSteadySteps(world, 200, 1000), 0) << "sliding box and pendulum";
   }
+  {
+    World world;  // a compliant and a custom wire, and stiff wires with no dynamic end
+    world.setTimeStep(0.001);
+    world.addGround();
+    world.addSphere(0.1, 1.0)->setPosition(0, 0, 0.1);
+    const Eigen::Vector3d o = Eigen::Vector3d::Zero();
+    Box* blocks[4];
+    for (int i = 0; i < 4; ++i) {
+      blocks[i] = world.addBox(0.1, 0.1, 0.1, 1.0, "default", 0, 0);
+      blocks[i]->setPosition(i, 3, 2);
+      blocks[i]->setBodyType(i < 2 ? STATIC : KINEMATIC);
+    }
+    blocks[3]->setVelocity(0.1, 0, 0, 0, 0, 0);
+    world.addStiffWire(blocks[0], 0, o, blocks[1], 0, o, 0.5);
+    world.addStiffWire(blocks[2], 0, o, blocks[3], 0, o, 0.5);
+    auto* hanging = world.addSphere(0.05, 1.0, "default", 0, 0);
+    hanging->setPosition(0, 3, 1.5);
+    world.addCompliantWire(blocks[0], 0, o, hanging, 0, o, 0.4, 500.0);
+    world.addCustomWire(blocks[1], 0, o, hanging, 0, o, 1.0)->setTension(2.0);
+    EXPECT_EQ(allocationsInSteadySteps(world, 200, 1000), 0) << "wires";
+  }
 }
 
 TEST_F(Allocations, TerrainAndCompoundsAllocateNothing) {
