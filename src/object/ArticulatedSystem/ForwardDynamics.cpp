@@ -43,6 +43,58 @@ inline Vec6 motionColumn(const Vec3& linear, const Vec3& angular) {
   return s;
 }
 
+// M skew(r), column by column.
+inline Mat3 timesSkew(const Mat3& M, const Vec3& r) {
+  Mat3 out;
+  out.col(0) = r(2) * M.col(1) - r(1) * M.col(2);
+  out.col(1) = r(0) * M.col(2) - r(2) * M.col(0);
+  out.col(2) = r(1) * M.col(0) - r(0) * M.col(1);
+  return out;
+}
+
+// skew(r) M, row by row.
+inline Mat3 skewTimes(const Vec3& r, const Mat3& M) {
+  Mat3 out;
+  out.row(0) = r(1) * M.row(2) - r(2) * M.row(1);
+  out.row(1) = r(2) * M.row(0) - r(0) * M.row(2);
+  out.row(2) = r(0) * M.row(1) - r(1) * M.row(0);
+  return out;
+}
+
+// The inverse of a symmetric positive definite 6x6 matrix by its Cholesky
+// factor L L^T: L^-T L^-1. No pivoting and no checks.
+inline void choleskyInverse(const Mat6& A, Mat6& inverse) {
+  double L[6][6] = {};
+  for (int j = 0; j < 6; ++j) {
+    double d = A(j, j);
+    for (int k = 0; k < j; ++k) d -= L[j][k] * L[j][k];
+    L[j][j] = std::sqrt(d);
+    const double invDiag = 1.0 / L[j][j];
+    for (int i = j + 1; i < 6; ++i) {
+      double s = A(i, j);
+      for (int k = 0; k < j; ++k) s -= L[i][k] * L[j][k];
+      L[i][j] = s * invDiag;
+    }
+  }
+  // Li = L^-1, lower triangular.
+  double Li[6][6] = {};
+  for (int j = 0; j < 6; ++j) {
+    Li[j][j] = 1.0 / L[j][j];
+    for (int i = j + 1; i < 6; ++i) {
+      double s = 0.0;
+      for (int k = j; k < i; ++k) s -= L[i][k] * Li[k][j];
+      Li[i][j] = s / L[i][i];
+    }
+  }
+  for (int i = 0; i < 6; ++i)
+    for (int j = 0; j <= i; ++j) {
+      double s = 0.0;
+      for (int k = i; k < 6; ++k) s += Li[k][i] * Li[k][j];
+      inverse(i, j) = s;
+      inverse(j, i) = s;
+    }
+}
+
 }  // namespace
 
 // ------------------------------------------------------------ spatial shifts --
@@ -61,11 +113,11 @@ void ArticulatedSystem::shiftMotionFromParent(size_t b, Vec6& a) const {
 
 void ArticulatedSystem::shiftInertiaToParent(size_t b, Mat6& I) const {
   // X^T I X with X = [1, -S; 0, 1], S = skew(relPosW[b]), in 3x3 blocks.
-  const Mat3 S = skew(relPosW[b].e());
+  const Vec3 r = relPosW[b].e();
   const Mat3 A = I.topLeftCorner<3, 3>();
   const Mat3 B = I.topRightCorner<3, 3>();
-  const Mat3 top = B - A * S;
-  const Mat3 bottom = I.bottomRightCorner<3, 3>() - B.transpose() * S + S * top;
+  const Mat3 top = B - timesSkew(A, r);
+  const Mat3 bottom = I.bottomRightCorner<3, 3>() - timesSkew(B.transpose(), r) + skewTimes(r, top);
   I.topRightCorner<3, 3>() = top;
   I.bottomLeftCorner<3, 3>() = top.transpose();
   I.bottomRightCorner<3, 3>() = bottom;
@@ -190,12 +242,19 @@ void ArticulatedSystem::abaBackwardBody(size_t b) {
         d.S = motionColumn(a, Vec3::Zero());
         d.Sdot = motionColumn(w.cross(a), Vec3::Zero());
       }
-      d.U.noalias() = d.articulatedInertia * d.S;
-      d.Dinv = 1.0 / (d.S.dot(d.U) + dampedDiag[g] + rotorInertiaGv[g]);
+      // S has one nonzero half: U takes three columns of M_A.
+      const bool revolute = jointType[b] == Joint::REVOLUTE;
+      if (revolute)
+        d.U.noalias() = d.articulatedInertia.rightCols<3>() * a;
+      else
+        d.U.noalias() = d.articulatedInertia.leftCols<3>() * a;
+      const double StU = revolute ? a.dot(d.U.tail<3>()) : a.dot(d.U.head<3>());
+      const double Stp = revolute ? a.dot(d.biasForce.tail<3>()) : a.dot(d.biasForce.head<3>());
+      d.Dinv = 1.0 / (StU + dampedDiag[g] + rotorInertiaGv[g]);
       d.UDinv = d.U * d.Dinv;
       d.c = d.Sdot * gv[g];
       d.c.head<3>() += carried;
-      d.scaledForce = d.Dinv * (actuation[g] - d.S.dot(d.biasForce) - d.U.dot(d.c));
+      d.scaledForce = d.Dinv * (actuation[g] - Stp - d.U.dot(d.c));
       break;
     }
     case Joint::SPHERICAL: {
@@ -242,7 +301,8 @@ void ArticulatedSystem::abaRoot(const Mat<3, 1>& gravity) {
     base(Eigen::Index(i), Eigen::Index(i)) += diagonal;
     tau(Eigen::Index(i)) = actuation[i] - (i < 3 ? diagonal * gravity[i] : 0.0);
   }
-  Mat6 inverse = base.llt().solve(Mat6::Identity());
+  Mat6 inverse;
+  choleskyInverse(base, inverse);
   baseInertiaInverse = inverse;
   d.a.noalias() = inverse * (tau - d.biasForce);
   for (size_t i = 0; i < 6; ++i) ga[i] = d.a(Eigen::Index(i));
