@@ -133,9 +133,13 @@ class MujocoEngine : public Engine {
   int contactCount() const override { return data_->ncon; }
   double energy() const override {
     if (!robot_) return NAN;
+    // Energies are computed only while the flag is on; it stays off for the
+    // timed steps.
+    model_->opt.enableflags |= mjENBL_ENERGY;
     mj_forward(model_, data_);
     mj_energyPos(model_, data_);
     mj_energyVel(model_, data_);
+    model_->opt.enableflags &= ~mjENBL_ENERGY;
     return data_->energy[0] + data_->energy[1];
   }
   int solverIterations() const override { return data_->solver_iter; }
