@@ -735,3 +735,125 @@ TEST(RobotModelDynamics, MassMatrixInverseDynamicsAndTheAlgorithmAgree) {
     EXPECT_TRUE(near(M * s.ga.e() + s.getNonlinearities(kGravity).e(), applied, 1e-9)) << file;
   }
 }
+
+// ------------------------------------------- contact loads and other routes --
+
+TEST(Routes, InverseDynamicsCountsContactImpulsesAsForces) {
+  ArticulatedSystem s(makeTree(Joint::FLOATING), "r");
+  randomState(s, 41);
+  s.updateTimeStep(0.002);
+  const size_t wrist = 4, tip = 6;
+  Mat<3, 3> frame;
+  Contact::computeFrame(unit({0.2, -0.3, 0.9}), frame);
+  const Mat<3, 1> position{0.3, 0.2, 0.4}, impulse{0.01, -0.02, 0.05};
+  auto contact = [&](size_t body, bool isA) {
+    Contact c;
+    c.frame = frame;
+    c.position = position;
+    c.localBodyIndex = body;
+    c.isObjectA = isA;
+    c.pairObjectIndex = 99;
+    c.impulse = const_cast<Mat<3, 1>*>(&impulse);
+    return c;
+  };
+  // The force this side receives: +frame^T impulse / dt on side A.
+  const Eigen::Vector3d onA = frame.e().transpose() * impulse.e() / 0.002;
+  auto generalized = [&](size_t body, const Eigen::Vector3d& f) {
+    SparseJacobian J;
+    s.getSparseJacobian(body, position, J);
+    Vec out = Vec::Zero(Eigen::Index(s.dof));
+    for (size_t k = 0; k < J.size; ++k)
+      out[Eigen::Index(J.idx[k])] += Eigen::Vector3d(J.v(0, k), J.v(1, k), J.v(2, k)).dot(f);
+    return out;
+  };
+  VecDyn acc(s.dof), with(s.dof), without(s.dof);
+  for (size_t i = 0; i < s.dof; ++i) acc[i] = 0.1 * double(i);
+  s.recursiveNewtonEuler(kGravity, false, false, acc, without);
+
+  // A contact force does work for the joints: they supply that much less.
+  s.getContacts().push_back(contact(wrist, true));
+  s.recursiveNewtonEuler(kGravity, true, false, acc, with);
+  EXPECT_TRUE(near(without.e() - with.e(), generalized(wrist, onA), 1e-12));
+  s.getContacts()[0].isObjectA = false;  // side B receives the opposite
+  s.recursiveNewtonEuler(kGravity, true, false, acc, with);
+  EXPECT_TRUE(near(without.e() - with.e(), -generalized(wrist, onA), 1e-12));
+
+  // A merged self-collision acts on both bodies, oppositely; its skipped twin
+  // counts no more.
+  s.getContacts().clear();
+  Contact merged = contact(wrist, true), twin = contact(tip, false);
+  merged.isSelfCollision = true;
+  merged.pairObjectIndex = twin.pairObjectIndex = s.getIndexInWorld();
+  merged.pairContactIndex = 1;
+  twin.skip = true;
+  s.getContacts().push_back(merged);
+  s.getContacts().push_back(twin);
+  s.recursiveNewtonEuler(kGravity, true, true, acc, with);
+  EXPECT_TRUE(near(without.e() - with.e(), generalized(wrist, onA) - generalized(tip, onA), 1e-12));
+  // The joint reactions are stored on request: the root's is the whole
+  // robot's, which here is the base's generalized force.
+  EXPECT_TRUE(near(s.jointForceW[0].e(), with.e().head<3>(), 1e-13));
+  s.getContacts().clear();
+}
+
+TEST(Routes, TheMassMatrixRouteAndTheArticulatedBodyRouteAgree) {
+  // At rest the two routes see the same forces: the mass-matrix route's rate
+  // term for damping and derivative gain multiplies a zero velocity.
+  ArticulatedSystem s(makeTree(Joint::FIXED), "r");
+  randomState(s, 12, 0.0);
+  VecDyn kp(s.dof), kd(s.dof), target(s.gcDim), zero(s.dof), tau(s.dof);
+  for (size_t i = 0; i < s.dof; ++i) kp[i] = 30.0, kd[i] = 0.0, zero[i] = 0.0, tau[i] = std::cos(double(i));
+  target = s.gc;
+  for (size_t b = 1; b < s.nbody; ++b)
+    if (s.jointType[b] != Joint::SPHERICAL) target[s.gcIdx[b]] += 0.2;
+  s.setControlMode(ArticulatedSystem::PD_PLUS_FEEDFORWARD_TORQUE);
+  s.setPdGains(kp, kd);
+  s.setPdTarget(target, zero);
+  s.setGeneralizedForce(tau);
+  const double dt = 0.004;
+  s.updateTimeStep(dt);
+  s.articulatedBodyAlgorithm(kGravity, dt);
+  const Vec viaAba = s.gvWork.e();
+
+  s.computeSparseInverse(s.getMassMatrix(), s.massMatrixInverse);
+  s.inverseDynamicsTau = s.getNonlinearities(kGravity);
+  s.impulseBias.setZero();  // the momentum (M + dampedDiag) gv, zero at rest
+  s.integrateWithoutContact(kGravity, dt);
+  EXPECT_TRUE(near(s.gvWork.e(), viaAba, 1e-12)) << s.gvWork.e().transpose() << "\n" << viaAba.transpose();
+  EXPECT_GT(viaAba.norm(), 1e-3);
+}
+
+TEST(Routes, TheRungeKuttaStepStartsFromTheSolversVelocityJump) {
+  // A velocity change made by the solver (here by hand) is a jump at the
+  // start of the step: the step equals one taken from the jumped velocity.
+  auto stepped = [](bool jump) {
+    World world;
+    world.setTimeStep(0.01);
+    ArticulatedSystem* s = world.addArticulatedSystem(makeTree(Joint::FLOATING), "r");
+    s->setIntegrationScheme(ArticulatedSystem::RUNGE_KUTTA_4);
+    randomState(*s, 3);
+    VecDyn gv = s->gv;
+    if (!jump) gv[7] += 0.5, s->setGeneralizedVelocity(gv);
+    ContactProblemList problems;
+    s->updateTimeStepIfNecessary(0.01);
+    s->preContactSolverUpdate1(world.getGravity(), 0.01);
+    s->preContactSolverUpdate2(world.getGravity(), 0.01, problems);
+    if (jump) s->gvWork[7] += 0.5;
+    s->integrate(0.01, world);
+    Vec state(Eigen::Index(s->gcDim + s->dof));
+    state << s->gc.e(), s->gv.e();
+    return state;
+  };
+  EXPECT_TRUE(near(stepped(true), stepped(false), 1e-13));
+}
+
+TEST(Routes, TheRealisedAccelerationIsThatOfTheStep) {
+  World world;
+  world.setTimeStep(0.002);
+  ArticulatedSystem* s = world.addArticulatedSystem(makeTree(Joint::FLOATING), "r");
+  randomState(*s, 14);
+  const VecDyn before = s->gv;
+  world.integrate();
+  EXPECT_TRUE(near(s->realisedAcc.e(), (s->gv.e() - before.e()) / 0.002, 1e-9));
+  EXPECT_TRUE(near(s->realisedAcc.e(), s->ga.e(), 1e-9));
+}
