@@ -616,12 +616,29 @@ TEST(Loads, ForcesAndTorquesInEveryFrameAreGeneralizedForces) {
   EXPECT_NEAR(s->actuation[0], fBody[0], 1e-15);
   EXPECT_NEAR(s->actuation[5], (pBody.e() - s->posW[0].e()).cross(fBody.e())[2], 1e-14);
 
+  // A point given in the world frame, and a wire's force at a point of the
+  // body: both act as J^T f at their points.
+  s->clearExternalForcesAndTorques();
+  s->setExternalForce(wrist, ArticulatedSystem::WORLD_FRAME, fBody, ArticulatedSystem::WORLD_FRAME, Mat<3, 1>(pW));
+  s->setConstraintForce(2, pBody, torque);
+  s->articulatedBodyAlgorithm(kGravity, 0.001);
+  Mat<3, 1> wireW;
+  s->getPosition(2, pBody, wireW);
+  SparseJacobian Jw;
+  s->getSparseJacobian(2, wireW, Jw);
+  Vec both = Vec::Zero(Eigen::Index(s->dof));
+  for (size_t k = 0; k < J.size; ++k)
+    both[Eigen::Index(J.idx[k])] += Eigen::Vector3d(J.v(0, k), J.v(1, k), J.v(2, k)).dot(fBody.e());
+  for (size_t k = 0; k < Jw.size; ++k)
+    both[Eigen::Index(Jw.idx[k])] += Eigen::Vector3d(Jw.v(0, k), Jw.v(1, k), Jw.v(2, k)).dot(torque.e());
+  EXPECT_TRUE(near(s->actuation.e(), both, 1e-13));
+
   // A step consumes the loads; the display lists keep the last step's.
   world.integrate();
   EXPECT_EQ(s->getExternalForce().size(), 1u);
   EXPECT_TRUE(s->getExternalTorque().empty());
   s->articulatedBodyAlgorithm(kGravity, 0.001);
-  EXPECT_EQ(s->actuation[0], 0.0);
+  EXPECT_EQ(s->actuation.e().norm(), 0.0);  // the wire's force is gone too
   world.integrate();
   EXPECT_TRUE(s->getExternalForce().empty());
 }
@@ -821,6 +838,26 @@ TEST(Routes, TheMassMatrixRouteAndTheArticulatedBodyRouteAgree) {
   s.integrateWithoutContact(kGravity, dt);
   EXPECT_TRUE(near(s.gvWork.e(), viaAba, 1e-12)) << s.gvWork.e().transpose() << "\n" << viaAba.transpose();
   EXPECT_GT(viaAba.norm(), 1e-3);
+
+  // Moving, under the Runge-Kutta scheme, the mass-matrix route takes damping
+  // and derivative gain explicitly too; with the momentum (M + dampedDiag) gv
+  // as impulse bias both routes give the same velocity.
+  randomState(s, 13);
+  VecDyn damping(s.dof);
+  for (size_t i = 0; i < s.dof; ++i) kd[i] = 3.0, damping[i] = 0.7;
+  s.setPdGains(kp, kd);
+  s.setJointDamping(damping);
+  s.setIntegrationScheme(ArticulatedSystem::RUNGE_KUTTA_4);
+  s.updateTimeStep(dt);
+  s.preContactSolverUpdate1(kGravity, dt);  // chooses the scheme of the step
+  s.articulatedBodyAlgorithm(kGravity, dt);
+  const Vec movingAba = s.gvWork.e();
+  const Matrix M = s.getMassMatrix().e();
+  s.computeSparseInverse(s.getMassMatrix(), s.massMatrixInverse);
+  s.inverseDynamicsTau = s.getNonlinearities(kGravity);
+  s.impulseBias = toVecDyn((M + Matrix(s.dampedDiag.e().asDiagonal())) * s.gv.e());
+  s.integrateWithoutContact(kGravity, dt);
+  EXPECT_TRUE(near(s.gvWork.e(), movingAba, 1e-12)) << s.gvWork.e().transpose() << "\n" << movingAba.transpose();
 }
 
 TEST(Routes, TheRungeKuttaStepStartsFromTheSolversVelocityJump) {
