@@ -450,6 +450,9 @@ ArticulatedSystem* World::registerArticulatedSystem(ArticulatedSystem* system, s
       setCollisionBits(d.colObj, collisionGroup, collisionMask);
     dSpaceAdd(collisionSpace_, d.colObj);
   }
+  // The robot takes the world's time step at once: inverse dynamics turns
+  // contact impulses into forces with it.
+  system->updateTimeStep(timeStep_);
   system->updateCollision();
   return system;
 }
