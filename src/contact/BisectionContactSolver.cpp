@@ -282,8 +282,9 @@ constexpr double kRingSin(int k) { return kRingCos[(k + 12) % 16]; }
 inline bool opposite(double a, double b) { return (a < 0.0 && b > 0.0) || (a > 0.0 && b < 0.0); }
 
 // Returns false when no root qualifies; the caller then falls back on the
-// energy-minimising direction. Among several, the root nearest to the free
-// impulse's direction is taken.
+// energy-minimising direction. The root that Newton's method reaches from the
+// free impulse's direction is taken; failing that, of all roots the one
+// nearest to that direction.
 bool solveSlidingCoulomb(Single3DContactProblem& P, const Mat<3, 1>& v) {
   const CoulombSliding sliding(P, v);
   if (sliding.vz() >= 0) {  // nothing to hold: the normal-zeroing impulse is not pushing
@@ -293,6 +294,30 @@ bool solveSlidingCoulomb(Single3DContactProblem& P, const Mat<3, 1>& v) {
   const double fx = P.impulse[0], fy = P.impulse[1];  // the free solution's tangential direction
   const double slack = 1e-9 * sliding.velocityScale();
 
+  // Mostly the root lies near the free impulse's direction (exactly there for
+  // a block that does not couple the normal with the tangents and is
+  // isotropic in them): Newton's method from there, a few steps at most.
+  {
+    const double n = std::sqrt(fx * fx + fy * fy);
+    double c = fx / n, s = fy / n;
+    for (int iter = 0; iter < 6 && n > 0.0; ++iter) {
+      const double step = -sliding.h(c, s) / sliding.dh(c, s);
+      if (!(std::abs(step) < 0.5)) break;
+      double cn = c - step * s, sn = s + step * c;
+      const double m = std::sqrt(cn * cn + sn * sn);
+      c = cn / m, s = sn / m;
+      if (std::abs(step) < 1e-13) {
+        if (sliding.D(c, s) > 0.0 && sliding.slipAlong(c, s) <= slack) {
+          const double rho = -sliding.vz() / sliding.D(c, s);
+          P.impulse = {rho * c, rho * s, rho * P.muInverse};
+          return true;
+        }
+        break;
+      }
+    }
+  }
+
+  // Otherwise every root on the circle.
   double hs[16], ds[16];
   for (int k = 0; k < 16; ++k) {
     hs[k] = sliding.h(kRingCos[k], kRingSin(k));
