@@ -16,7 +16,7 @@ namespace vorsim_bench {
 // library as it comes; "fast" stops the sweeps at a mean squared velocity
 // error of 1e-6 (m/s)^2 and recovers penetration at 10/s. "warm" and
 // "fast warm" are the same with the warm start on, "exact" and "fast exact"
-// with exact Coulomb sliding on.
+// with exact Coulomb sliding on, "warm exact" and "fast warm exact" with both.
 struct VorsimSettings {
   std::string label = "default";
   int maxIter = 150;

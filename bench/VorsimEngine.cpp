@@ -89,7 +89,12 @@ std::vector<VorsimSettings> vorsimConfigurations(const std::string& labels) {
   exact.exactCoulomb = true;
   fastExact.label = "fast exact";
   fastExact.exactCoulomb = true;
-  std::vector<VorsimSettings> all{VorsimSettings(), fast, warm, fastWarm, exact, fastExact};
+  VorsimSettings warmExact = warm, fastWarmExact = fastWarm;
+  warmExact.label = "warm exact";
+  warmExact.exactCoulomb = true;
+  fastWarmExact.label = "fast warm exact";
+  fastWarmExact.exactCoulomb = true;
+  std::vector<VorsimSettings> all{VorsimSettings(), fast, warm, fastWarm, exact, fastExact, warmExact, fastWarmExact};
   if (labels.empty()) return all;
   std::vector<VorsimSettings> chosen;
   for (const VorsimSettings& s : all)

@@ -393,7 +393,7 @@ void usage() {
                "  --scenes S    the scenes to run, as letters (default abcde)\n"
                "  --engines L   comma-separated engines to run (default all that were built)\n"
                "  --vorsim L    comma-separated vorsim configurations: default, fast, warm, fast warm, exact,\n"
-               "                fast exact (default all)\n"
+               "                fast exact, warm exact, fast warm exact (default all)\n"
                "  --sweep       run every candidate setting of the peers instead of the chosen ones\n"
                "  --candidates T  with --sweep: only the candidates whose name contains T\n"
                "  --budget S    give up a configuration whose measuring run would take longer than S seconds\n"
