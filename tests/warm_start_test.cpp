@@ -66,7 +66,7 @@ MatrixXd randomMatrix(std::mt19937& rng, int rows, int cols) {
 
 TEST(WarmStartSolver, StartingFromTheSolutionTakesOneSweepAndKeepsIt) {
   // Two bodies with six velocities each, contacts on each and between them
-  // (objectB in play), sticking and sliding. Solved from zero to the end, then
+  // (objectB in play), sticking and sliding, and a pin. Solved from zero to the end, then
   // again from the same free velocities with the solution as the start: the
   // first sweep already meets a threshold of 1e-22, and nothing moves.
   std::mt19937 rng(7);
@@ -74,23 +74,25 @@ TEST(WarmStartSolver, StartingFromTheSolutionTakesOneSweepAndKeepsIt) {
     std::vector<MatrixXd> ja, jb;
     for (int k = 0; k < 3; ++k) ja.push_back(randomMatrix(rng, 3, 6));
     for (int k = 0; k < 2; ++k) jb.push_back(randomMatrix(rng, 3, 6));
-    const VectorXd ua = randomMatrix(rng, 6, 1), ub = randomMatrix(rng, 6, 1);
-    JacobianBody a(ja, ua), b(jb, ub);
+    const VectorXd ua = randomMatrix(rng, 6, 1), ub = randomMatrix(rng, 6, 1), uc = randomMatrix(rng, 6, 1);
+    JacobianBody a(ja, ua), b(jb, ub), c({randomMatrix(rng, 3, 6), randomMatrix(rng, 3, 6)}, uc);
     ProblemList list;
     const double mu = trial < 3 ? 0.3 : 2.0;
     addContact(list, mu, &a, 0, nullptr, 0, -0.01);
     addContact(list, mu, &a, 1, &b, 0);
     addContact(list, mu, &b, 1, nullptr, 0, -0.002);
     addContact(list, mu, &a, 2, &b, 1);
+    addContact(list, mu, &c, 0);
+    addContact(list, 0.8, &c, 1).rank = 9;  // a pin (its error is its whole velocity: no depth)
     BisectionContactSolver solver;
     solver.threshold = 1e-28, solver.maxIter = 5000;
     solver.solve(list);
     ASSERT_LT(solver.loopCounter, 5000);
-    const VectorXd endA = a.u, endB = b.u;
+    const VectorXd endA = a.u, endB = b.u, endC = c.u;
     std::vector<Vector3d> solution;
     for (const auto& P : list) solution.push_back(P.impulse.e());
 
-    a.u = ua, b.u = ub;
+    a.u = ua, b.u = ub, c.u = uc;
     BisectionContactSolver warm;
     warm.warmStart = true, warm.threshold = 1e-22;
     warm.forwardOrder = solver.forwardOrder;
@@ -98,11 +100,11 @@ TEST(WarmStartSolver, StartingFromTheSolutionTakesOneSweepAndKeepsIt) {
     SCOPED_TRACE("trial " + std::to_string(trial));
     EXPECT_EQ(warm.loopCounter, 1);
     for (size_t k = 0; k < list.size(); ++k) EXPECT_LT((list[k].impulse.e() - solution[k]).norm(), 1e-9) << k;
-    EXPECT_LT((a.u - endA).norm() + (b.u - endB).norm(), 1e-9);
+    EXPECT_LT((a.u - endA).norm() + (b.u - endB).norm() + (c.u - endC).norm(), 1e-9);
 
     // Without the option the same start is not applied: the solver sees the
     // free velocities with impulses it believes are already in them.
-    a.u = ua, b.u = ub;
+    a.u = ua, b.u = ub, c.u = uc;
     BisectionContactSolver cold;
     cold.threshold = 1e-22;
     cold.solve(list);
