@@ -56,11 +56,13 @@ TEST(ExactCoulomb, SlipOpposesFrictionOnCoupledBlocks) {
   // far from the centre of mass). Where the free impulse leaves the cone, the
   // exact rule puts the impulse on the cone with zero normal velocity and the
   // remaining slip exactly against the friction; the default rule does not.
+  // Some blocks have roots of the direction condition that do not qualify
+  // (pulling, or slip along the friction) next to the free direction.
   std::mt19937 rng(2024);
   std::uniform_real_distribution<double> d(-1.0, 1.0);
   int sliding = 0, defaultOff = 0;
-  for (int trial = 0; trial < 400; ++trial) {
-    const Matrix3d L = Matrix3d::NullaryExpr([&] { return d(rng); }) + 1.1 * Matrix3d::Identity();
+  for (int trial = 0; trial < 600; ++trial) {
+    const Matrix3d L = Matrix3d::NullaryExpr([&] { return d(rng); }) + Matrix3d::Identity();
     const Matrix3d G = L * L.transpose();
     const double mu = 0.1 + 0.9 * (d(rng) + 1.0) / 2.0;
     const Vector3d v(2.0 * d(rng), 2.0 * d(rng), -0.1 - 0.9 * (d(rng) + 1.0) / 2.0);

@@ -33,8 +33,14 @@ class JacobianBody : public SingleBodyObject {
       : SingleBodyObject(UNRECOGNIZED), u(std::move(vel)), jac(std::move(J)) {}
   Vector3d contactVel(size_t k) const { return jac[k] * u; }
   void getContactPointVel(size_t k, Mat<3, 1>& v) const override { v = Mat<3, 1>(contactVel(k)); }
-  void addContactPointVel(size_t k, Mat<3, 1>& v) override { v += Mat<3, 1>(contactVel(k)); }
-  void subContactPointVel(size_t k, Mat<3, 1>& v) override { v -= Mat<3, 1>(contactVel(k)); }
+  void addContactPointVel(size_t k, Mat<3, 1>& v) override {
+    ++reads;
+    v += Mat<3, 1>(contactVel(k));
+  }
+  void subContactPointVel(size_t k, Mat<3, 1>& v) override {
+    ++reads;
+    v -= Mat<3, 1>(contactVel(k));
+  }
   void updateGenVelWithImpulse(size_t k, const Mat<3, 1>& p) override { u += jac[k].transpose() * p.e(); }
   void applyJointLimitImpulse(Single3DContactProblem& problem) override {
     if (!takesLimitImpulses) return SingleBodyObject::applyJointLimitImpulse(problem);
@@ -45,6 +51,7 @@ class JacobianBody : public SingleBodyObject {
   std::vector<MatrixXd> jac;
   bool takesLimitImpulses = false;
   std::vector<Vector3d> limitImpulses;
+  int reads = 0;  // contact velocity reads
 };
 
 Single3DContactProblem& addContact(ProblemList& list, double mu, JacobianBody* A, size_t ia, JacobianBody* B = nullptr,
@@ -112,6 +119,21 @@ TEST(WarmStartSolver, StartingFromTheSolutionTakesOneSweepAndKeepsIt) {
   }
 }
 
+TEST(WarmStartSolver, AStartThatOpensCountsAsError) {
+  // A contact that starts with an impulse but separates: the first sweep takes
+  // the impulse back, and that change is an error, so a second sweep follows.
+  const MatrixXd I = Matrix3d::Identity();
+  JacobianBody body({I}, Vector3d(0.0, 0.0, 1.0));
+  ProblemList list;
+  addContact(list, 0.5, &body, 0).impulse = {0.0, 0.0, 0.5};
+  BisectionContactSolver solver;
+  solver.warmStart = true;
+  solver.solve(list);
+  EXPECT_EQ(solver.loopCounter, 2);
+  EXPECT_EQ(list[0].impulse.e(), Vector3d::Zero());
+  EXPECT_EQ(body.u, Vector3d(0.0, 0.0, 1.0));
+}
+
 TEST(WarmStartSolver, InactiveProblemsStartFromZeroAndJointLimitsGoToTheirOwner) {
   const MatrixXd I = Matrix3d::Identity();
   JacobianBody body({I, I, I}, Vector3d(0.1, 0.0, 0.0));
@@ -132,6 +154,9 @@ TEST(WarmStartSolver, InactiveProblemsStartFromZeroAndJointLimitsGoToTheirOwner)
   ASSERT_EQ(body.limitImpulses.size(), 1u);
   EXPECT_EQ(body.limitImpulses[0], Vector3d(2.0, 3.0, 0.0));
   EXPECT_EQ(list[1].impulse.e(), Vector3d(2.0, 0.0, 0.0)) << "the owner's change stands";
+  // The contact's velocity is read once, when the targets are set (then it is
+  // inactive); a limit's never (its local index is a body, not a contact).
+  EXPECT_EQ(body.reads, 1);
 
   // An object that cannot apply a limit's impulse drops it.
   body.takesLimitImpulses = false;
@@ -279,7 +304,8 @@ TEST(WarmStartMatching, ImpulsesFollowTheWorldIntoTheNewFrameAndTheCone) {
   addPoint(last, 3.0, 0.0, 0.0).impulse = {0.3, 0.4, -1.0};
   addPoint(last, 4.0, 0.0, 0.0).impulse = {0.3, 0.4, 1.0};
   last[4].warmStartKey = WarmStartKey::owned(&owner, WarmStartKey::JOINT_LIMIT, 7);
-  for (size_t k = 0; k < 4; ++k) holder.record(k, &geoms[0], &geoms[1], Vector3d::UnitZ());
+  addPoint(last, 5.0, 0.0, 0.0).impulse = {0.3, 0.4, 2.0};
+  for (size_t k : {0, 1, 2, 3, 5}) holder.record(k, &geoms[0], &geoms[1], Vector3d::UnitZ());
   cache.seed(objects, last, 0, 0.001);
   cache.store(last);
   holder.clear();
@@ -290,13 +316,15 @@ TEST(WarmStartMatching, ImpulsesFollowTheWorldIntoTheNewFrameAndTheCone) {
   addPoint(now, 3.0, 0.0, 0.0).rank = 4;
   addPoint(now, 4.0, 0.0, 0.0).rank = 5;
   now[4].warmStartKey = WarmStartKey::owned(&owner, WarmStartKey::JOINT_LIMIT, 7);
-  for (size_t k = 0; k < 4; ++k) holder.record(k, &geoms[0], &geoms[1], Vector3d::UnitZ());
-  EXPECT_EQ(cache.seed(objects, now, 0, 0.001), 5u);
+  addPoint(now, 5.0, 0.0, 0.0).rank = 4;
+  for (size_t k : {0, 1, 2, 3, 5}) holder.record(k, &geoms[0], &geoms[1], Vector3d::UnitZ());
+  EXPECT_EQ(cache.seed(objects, now, 0, 0.001), 6u);
   EXPECT_LT((now[0].impulse.e() - Vector3d(0.3, 0.4, 1.0)).norm(), 1e-15);
   EXPECT_EQ(now[1].impulse.e(), Vector3d::Zero());
   EXPECT_EQ(now[2].impulse.e(), Vector3d(0.0, 0.0, 1.0));
   EXPECT_EQ(now[3].impulse.e(), Vector3d::Zero()) << "a wire that would pull starts from zero";
   EXPECT_EQ(now[4].impulse.e(), Vector3d(0.3, 0.4, 1.0));
+  EXPECT_EQ(now[5].impulse.e(), Vector3d(0.0, 0.0, 2.0)) << "a wire that holds keeps its normal part";
   EXPECT_EQ(now[4].warmStartKey, WarmStartKey::owned(&owner, WarmStartKey::JOINT_LIMIT, 7));
 }
 

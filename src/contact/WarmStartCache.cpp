@@ -52,7 +52,6 @@ void WarmStartCache::clear() {
   entries_.clear();
   heads_.clear();
   next_.clear();
-  mask_ = 0;
 }
 
 size_t WarmStartCache::seed(const std::vector<Object*>& objects, ProblemList& problems, int configuration,
