@@ -91,6 +91,72 @@ TEST(ExactCoulomb, SlipOpposesFrictionOnCoupledBlocks) {
   EXPECT_GT(defaultOff, sliding / 4) << "the energy rule turns friction away from the slip";
 }
 
+// Every direction on the cone where the remaining slip is exactly against the
+// friction, found by dense sampling and bisection of w_t x t, and of those the
+// one nearest to the free impulse's direction.
+Vector3d bruteForceCoulomb(const Matrix3d& G, const Vector3d& v, double mu) {
+  const auto impulse = [&](double a) {
+    const Vector3d dir(std::cos(a), std::sin(a), 1.0 / mu);
+    return Vector3d(dir * (-v.z() / G.row(2).dot(dir)));
+  };
+  const auto crossing = [&](double a) {
+    const Vector3d w = v + G * impulse(a);
+    return w.x() * std::sin(a) - w.y() * std::cos(a);
+  };
+  const Vector3d free = -G.inverse() * v;
+  Vector3d best = Vector3d::Constant(NAN);
+  double bestAlign = -INFINITY;
+  const int n = 100000;
+  for (int k = 0; k < n; ++k) {
+    double lo = 2.0 * M_PI * k / n, hi = 2.0 * M_PI * (k + 1) / n;
+    if ((crossing(lo) < 0) == (crossing(hi) < 0)) continue;
+    for (int i = 0; i < 60; ++i) {
+      const double mid = 0.5 * (lo + hi);
+      ((crossing(mid) < 0) == (crossing(lo) < 0) ? lo : hi) = mid;
+    }
+    const Vector3d p = impulse(lo), w = v + G * p;
+    if (!(p.z() > 0.0) || w.x() * p.x() + w.y() * p.y() > 0.0) continue;  // pulls, or slips along
+    const double align = std::cos(lo) * free.x() + std::sin(lo) * free.y();
+    if (align > bestAlign) bestAlign = align, best = p;
+  }
+  return best;
+}
+
+TEST(ExactCoulomb, BlocksWithSeveralCandidateDirections) {
+  // Blocks found among a hundred thousand random ones: the direction condition
+  // has two qualifying roots (the one nearest to the free impulse is taken), or
+  // a pair of roots between two of the sixteen starting directions.
+  struct Case {
+    double mu, v[3], L[9];
+  };
+  const Case cases[] = {
+      {0.44881999048083521,
+       {-0.33353319385483982, 1.4515078679731062, -0.72466916076941112},
+       {1.8210043197922818, 0.21162865389768992, 0.20936810608019796, 0.55800263670720729, 1.2807330027346941,
+        -0.44097380971525535, 0.96571073182225975, -0.31845828725104075, 0.26420223803622711}},
+      {0.8984956181297904,
+       {-1.5003843475082164, -1.0881708482007935, -0.39437212755341888},
+       {0.89289481300697904, 0.70776545642795141, -0.90575489690565858, 0.041516496884682841, 1.3677397288358957,
+        0.38737300824027732, -0.57152652808892723, 0.68963027665881027, 0.67916936988151544}},
+      {0.96623459429552638,
+       {-1.8651646469830379, 0.5893506275935918, -0.36376207439207042},
+       {0.89896095387937325, -0.85857039199984997, 0.15328824312939071, 0.14618754118899702, 1.8195451924659842,
+        0.95828286947584318, 0.29848908586537171, 0.89975667100665047, 1.12393918620651}},
+      {0.89213315024821749,
+       {-0.14560963237702684, 1.6612243255789614, -0.11659647951019297},
+       {1.9384812847932789, 0.74443522094544878, -0.46230561834137973, -0.91945434680377558, 0.74248975297509578,
+        -0.018579242343131575, -0.37714293490718709, -0.23845551696222556, 0.30700582021137102}},
+  };
+  for (const Case& c : cases) {
+    const Matrix3d L = Eigen::Map<const Eigen::Matrix<double, 3, 3, Eigen::RowMajor>>(c.L);
+    const Vector3d v(c.v[0], c.v[1], c.v[2]);
+    const Vector3d ref = bruteForceCoulomb(L * L.transpose(), v, c.mu);
+    const OneContact got = solveOne(L, v, c.mu, true);
+    ASSERT_EQ(got.rank, 3) << "mu " << c.mu;
+    EXPECT_LT((got.impulse - ref).norm(), 1e-8 * ref.norm()) << "mu " << c.mu;
+  }
+}
+
 TEST(ExactCoulomb, NothingToHoldAndTheIsotropicCase) {
   // No approach (the normal velocity is already zero): no impulse, as by
   // default. An isotropic block: both rules oppose the slip.
