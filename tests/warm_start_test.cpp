@@ -328,18 +328,6 @@ TEST(WarmStartMatching, ImpulsesFollowTheWorldIntoTheNewFrameAndTheCone) {
   EXPECT_EQ(now[4].warmStartKey, WarmStartKey::owned(&owner, WarmStartKey::JOINT_LIMIT, 7));
 }
 
-TEST(WarmStartMatching, OwnedKeysAreDistinctByKindAndIndex) {
-  const int a = 0, b = 0;
-  const WarmStartKey limit = WarmStartKey::owned(&a, WarmStartKey::JOINT_LIMIT, 3);
-  EXPECT_EQ(limit, WarmStartKey::owned(&a, WarmStartKey::JOINT_LIMIT, 3));
-  EXPECT_NE(limit, WarmStartKey::owned(&a, WarmStartKey::PIN, 3));
-  EXPECT_NE(limit, WarmStartKey::owned(&a, WarmStartKey::JOINT_LIMIT, 4));
-  EXPECT_NE(limit, WarmStartKey::owned(&b, WarmStartKey::JOINT_LIMIT, 3));
-  EXPECT_NE(limit, WarmStartKey::geoms(&a, nullptr));
-  EXPECT_TRUE(WarmStartKey().empty());
-  EXPECT_FALSE(limit.empty());
-}
-
 // ------------------------------------------------------------------ world --
 
 TEST(WarmStartWorld, SettingsAndTheirChecks) {
