@@ -37,8 +37,8 @@ struct Options {
   std::string scenes = "abcde";
   std::set<std::string> engines = {"vorsim", "mujoco", "bullet"};
   bool sweep = false;
-  bool timingOnly = false;  // skip the measuring run (for profilers)
-  std::string candidates;   // in a sweep, only the peer candidates whose label contains this
+  bool timingOnly = false;    // skip the measuring run (for profilers)
+  std::string candidates;     // in a sweep, only the peer candidates whose label contains this
   std::string vorsimConfigs;  // comma-separated vorsim configurations; empty: all
 };
 

@@ -63,8 +63,8 @@ class WarmStartCache {
   static uint64_t hash(const WarmStartKey& key);
 
   std::vector<Entry> entries_;
-  std::vector<uint32_t> next_;            // next entry of the same bucket
-  std::vector<uint32_t> heads_;           // first entry of each bucket
+  std::vector<uint32_t> next_;   // next entry of the same bucket
+  std::vector<uint32_t> heads_;  // first entry of each bucket
   // Per problem of this step: its contact frame (null without contact
   // records), and -1 where its geoms came in the opposite order of its key.
   struct ProblemFrame {
