@@ -25,8 +25,9 @@ class VorsimEngine : public Engine {
     char text[256];
     std::snprintf(text, sizeof text,
                   "per-contact Gauss-Seidel with exact cone projection, max %d sweeps, threshold %g, "
-                  "erp %g 1/s, erp2 %g, sweep-and-prune broadphase",
-                  s.maxIter, s.threshold, s.erp, s.erp2);
+                  "erp %g 1/s, erp2 %g, sweep-and-prune broadphase%s%s",
+                  s.maxIter, s.threshold, s.erp, s.erp2, s.warmStart ? ", warm start" : "",
+                  s.exactCoulomb ? ", exact Coulomb sliding" : "");
     return text;
   }
 
@@ -35,6 +36,8 @@ class VorsimEngine : public Engine {
     world_.setTimeStep(scene.dt);
     world_.setContactSolverParam(1.0, 1.0, 1.0, settings_.maxIter, settings_.threshold);
     world_.setERP(settings_.erp, world_.getContactSolver().erp2);
+    world_.setWarmStart(settings_.warmStart);
+    world_.setExactCoulombSliding(settings_.exactCoulomb);
     world_.setGravity(Eigen::Vector3d(0, 0, scene.gravity));
     world_.setDefaultMaterial(scene.friction, scene.restitution, scene.restitutionThreshold);
     world_.setMaterialPairProp("mat", "mat", scene.friction, scene.restitution, scene.restitutionThreshold);
@@ -137,12 +140,31 @@ class VorsimEngine : public Engine {
 
 }  // namespace
 
-std::vector<VorsimSettings> vorsimConfigurations() {
+std::vector<VorsimSettings> vorsimConfigurations(const std::string& labels) {
   VorsimSettings fast;
   fast.label = "fast";
   fast.threshold = 1e-6;
   fast.erp = 10.0;
-  return {VorsimSettings(), fast};
+  VorsimSettings warm, fastWarm = fast, exact, fastExact = fast;
+  warm.label = "warm";
+  warm.warmStart = true;
+  fastWarm.label = "fast warm";
+  fastWarm.warmStart = true;
+  exact.label = "exact";
+  exact.exactCoulomb = true;
+  fastExact.label = "fast exact";
+  fastExact.exactCoulomb = true;
+  VorsimSettings warmExact = warm, fastWarmExact = fastWarm;
+  warmExact.label = "warm exact";
+  warmExact.exactCoulomb = true;
+  fastWarmExact.label = "fast warm exact";
+  fastWarmExact.exactCoulomb = true;
+  std::vector<VorsimSettings> all{VorsimSettings(), fast, warm, fastWarm, exact, fastExact, warmExact, fastWarmExact};
+  if (labels.empty()) return all;
+  std::vector<VorsimSettings> chosen;
+  for (const VorsimSettings& s : all)
+    if (("," + labels + ",").find("," + s.label + ",") != std::string::npos) chosen.push_back(s);
+  return chosen;
 }
 
 std::unique_ptr<Engine> makeVorsimEngine(const VorsimSettings& settings) {

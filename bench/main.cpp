@@ -37,8 +37,9 @@ struct Options {
   std::string scenes = "abcdefghi";
   std::set<std::string> engines = {"vorsim", "mujoco", "bullet"};
   bool sweep = false;
-  bool timingOnly = false;  // skip the measuring run (for profilers)
-  std::string candidates;   // in a sweep, only the peer candidates whose label contains this
+  bool timingOnly = false;    // skip the measuring run (for profilers)
+  std::string candidates;     // in a sweep, only the peer candidates whose label contains this
+  std::string vorsimConfigs;  // comma-separated vorsim configurations; empty: all
 };
 
 // One engine configuration: how to make it, and under what name.
@@ -261,7 +262,12 @@ void printDetails(const std::vector<SceneResults>& all) {
 // 2x on the robot scenes, faster than Bullet everywhere, errors no larger than
 // the peers'.
 void printTargets(const std::vector<SceneResults>& all) {
-  for (const std::string label : {"default", "fast"}) {
+  std::vector<std::string> labels;
+  for (const SceneResults& s : all)
+    for (const RunResult& r : s.runs)
+      if (r.engine == "vorsim" && std::find(labels.begin(), labels.end(), r.label) == labels.end())
+        labels.push_back(r.label);
+  for (const std::string& label : labels) {
     std::cout << "\nTargets, vorsim " << label << ":\n";
     for (const SceneResults& s : all) {
       const RunResult* ref = findVorsim(s, label);
@@ -381,11 +387,14 @@ void writeJson(const std::string& path, const Options& o, const std::vector<Scen
 
 void usage() {
   std::cout << "usage: vorsim_bench [--json PATH] [--reps N] [--scenes abcdefghi] [--engines vorsim,mujoco,bullet]\n"
+               "                    [--vorsim default,fast,warm,...]\n"
                "                    [--sweep [--candidates TEXT]] [--budget SECONDS] [--timing-only]\n"
                "  --json PATH   where the results go (default bench_results.json)\n"
                "  --reps N      timed repetitions per engine and scene; the median is reported (default 3)\n"
                "  --scenes S    the scenes to run, as letters (default abcdefghi; f to i are the robots)\n"
                "  --engines L   comma-separated engines to run (default all that were built)\n"
+               "  --vorsim L    comma-separated vorsim configurations: default, fast, warm, fast warm, exact,\n"
+               "                fast exact, warm exact, fast warm exact (default all)\n"
                "  --sweep       run every candidate setting of the peers instead of the chosen ones\n"
                "  --candidates T  with --sweep: only the candidates whose name contains T\n"
                "  --budget S    give up a configuration whose measuring run would take longer than S seconds\n"
@@ -417,6 +426,10 @@ bool parse(int argc, char** argv, Options& o) {
         if (e != "vorsim" && e != "mujoco" && e != "bullet") throw std::invalid_argument("unknown engine " + e);
         o.engines.insert(e);
       }
+    } else if (a == "--vorsim") {
+      o.vorsimConfigs = value();
+      if (vorsimConfigurations(o.vorsimConfigs).empty())
+        throw std::invalid_argument("no vorsim configuration named in " + o.vorsimConfigs);
     } else if (a == "--timing-only") {
       o.timingOnly = true;
     } else if (a == "--candidates") {
@@ -465,7 +478,7 @@ int run(int argc, char** argv) {
     // The robot scenes have no contact: vorsim's configurations differ only in
     // the contact solver, and Bullet's adapter builds no robots.
     if (o.engines.count("vorsim"))
-      for (const VorsimSettings& s : vorsimConfigurations())
+      for (const VorsimSettings& s : vorsimConfigurations(o.vorsimConfigs))
         if (!scene.hasRobot || s.label == "default")
           contenders.push_back({"vorsim", s.label, [s] { return makeVorsimEngine(s); }});
     if (haveMujoco() && o.engines.count("mujoco")) {

@@ -4,8 +4,8 @@
 
 #include "vorsim/Collision.hpp"
 #include "vorsim/VorSimMsg.hpp"
-#include "vorsim/object/HeightMap.hpp"
 #include "vorsim/object/ArticulatedSystem/ArticulatedSystem.hpp"
+#include "vorsim/object/HeightMap.hpp"
 #include "vorsim/object/Mesh.hpp"
 #include "vorsim/object/Primitives.hpp"
 
@@ -62,6 +62,20 @@ void World::setContactSolverParam(double alpha_init, double alpha_min, double al
   solver_.alpha_decay = alpha_decay;
   solver_.maxIter = maxIter;
   solver_.threshold = threshold;
+}
+
+void World::setWarmStart(bool enable) {
+  solver_.warmStart = enable;
+  warmStartCache_.clear();
+  warmStartedProblems_ = 0;
+}
+
+void World::setWarmStartTolerance(double tolerance) {
+  if (!(tolerance >= 0.0)) {
+    MSG_FATAL("The warm start tolerance must be zero or positive, not " << tolerance);
+    return;
+  }
+  warmStartCache_.setTolerance(tolerance);
 }
 
 void World::setDefaultMaterial(double friction, double restitution, double restThreshold) {
@@ -258,10 +272,14 @@ void World::integrate2() {
     if (object->getBodyType() != STATIC) object->preContactSolverUpdate2(gravity_, timeStep_, contactProblems_);
   for (Object* object : objects_) contactProblemUpdate(object);
   applyStaticFriction();
+  warmStartedProblems_ = 0;
   if (!contactProblems_.empty()) {
     for (auto& P : contactProblems_) P.impulse.setZero();
+    if (solver_.warmStart)
+      warmStartedProblems_ = warmStartCache_.seed(objects_, contactProblems_, configurationNumber_, timeStep_);
     solver_.solve(contactProblems_);
   }
+  if (solver_.warmStart) warmStartCache_.store(contactProblems_);
   for (Object* object : objects_)
     if (object->getBodyType() != STATIC) object->integrate(timeStep_, *this);
 }

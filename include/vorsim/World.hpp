@@ -17,9 +17,10 @@
 #include "vorsim/Object.hpp"
 #include "vorsim/contact/BisectionContactSolver.hpp"
 #include "vorsim/contact/Single3DContactProblem.hpp"
+#include "vorsim/contact/WarmStartCache.hpp"
 #include "vorsim/math.hpp"
-#include "vorsim/object/Compound.hpp"
 #include "vorsim/object/ArticulatedSystem/JointAndBodies.hpp"
+#include "vorsim/object/Compound.hpp"
 #include "vorsim/object/LengthConstraint.hpp"
 #include "vorsim/object/TerrainGenerator.hpp"
 
@@ -93,6 +94,26 @@ class World {
   contact::BisectionContactSolver& getContactSolver() { return solver_; }
   const contact::BisectionContactSolver& getContactSolver() const { return solver_; }
   const ContactProblemList& getContactProblem() const { return contactProblems_; }
+
+  // Solver options beyond the default algorithm, all off by default; with them
+  // off a step gives the same results, bit for bit.
+  // Warm start: each problem starts from the impulse of the matching
+  // constraint of the last step (same pair of geoms, or same owner and index,
+  // nearest point within the tolerance), applied before the first sweep.
+  // Switching it on or off forgets the last step.
+  void setWarmStart(bool enable);
+  bool getWarmStart() const { return solver_.warmStart; }
+  // Largest distance in metres between a point and the last step's point it
+  // takes its impulse from; 0.01 by default. A negative or NaN value is a
+  // fatal error.
+  void setWarmStartTolerance(double tolerance);
+  double getWarmStartTolerance() const { return warmStartCache_.getTolerance(); }
+  // Exact Coulomb sliding: a sliding contact's friction is exactly opposite to
+  // its slip (see contact::BisectionContactSolver::exactCoulomb).
+  void setExactCoulombSliding(bool enable) { solver_.exactCoulomb = enable; }
+  bool getExactCoulombSliding() const { return solver_.exactCoulomb; }
+  // Problems of the last step that started from an impulse of the step before.
+  size_t getWarmStartedProblemCount() const { return warmStartedProblems_; }
   // Collision points found in the last step, before filtering.
   int getNumberOfCollisionPoints() const { return numContacts_; }
 
@@ -265,6 +286,8 @@ class World {
   RayCollisionList rayContactList_;
   std::mutex worldMutex_;
   SweepAndPrune broadPhase_;
+  contact::WarmStartCache warmStartCache_;
+  size_t warmStartedProblems_ = 0;
 };
 
 }  // namespace vorsim

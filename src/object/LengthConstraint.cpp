@@ -83,6 +83,8 @@ void StiffLengthConstraint::applyTension(ContactProblemList& problems) {
   // receive no impulse), so it stays in the list as an inactive record: a zero
   // block that the solver skips, which applies nothing and adds no error.
   problems.back().rank = (type1 == DYNAMIC || type2 == DYNAMIC) ? 4 : 0;
+  // The wire itself identifies its problem from step to step (warm start).
+  problems.back().warmStartKey = contact::WarmStartKey::owned(this, contact::WarmStartKey::WIRE, 0);
 }
 
 CompliantLengthConstraint::CompliantLengthConstraint(Object* ob1_, int localIdx1_, Mat<3, 1> pos1, Object* ob2_,

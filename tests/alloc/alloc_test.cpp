@@ -156,6 +156,56 @@ TEST_F(Allocations, SteadyScenesAllocateNothing) {
   }
 }
 
+TEST_F(Allocations, SolverOptionsAllocateNothing) {
+  // The warm start keeps last step's impulses in lists that keep their
+  // capacity; exact Coulomb sliding works on the stack.
+  auto options = [](World& world) {
+    world.setTimeStep(0.001);
+    world.setWarmStart(true);
+    world.setExactCoulombSliding(true);
+    world.addGround();
+  };
+  {
+    World world;  // spheres settled in a walled bin
+    options(world);
+    for (int side = 0; side < 4; ++side) {
+      auto* wall = world.addBox(side < 2 ? 0.1 : 1.2, side < 2 ? 1.2 : 0.1, 0.6, 1.0);
+      wall->setPosition(side < 2 ? 1.1 * (side - 0.5) : 0.0, side < 2 ? 0.0 : 1.1 * (side - 2.5), 0.3);
+      wall->setBodyType(STATIC);
+    }
+    for (int i = 0; i < 64; ++i)
+      world.addSphere(0.1, 1.0)->setPosition(-0.35 + 0.23 * (i % 4) + 0.01 * (i % 3), -0.35 + 0.23 * ((i / 4) % 4),
+                                             0.15 + 0.22 * (i / 16));
+    EXPECT_EQ(allocationsInSteadySteps(world, 3000, 1000), 0) << "bin";
+    EXPECT_GT(world.getWarmStartedProblemCount(), 100u);
+  }
+  {
+    World world;  // boxes sliding to rest, a column, and a pendulum on a stiff wire
+    options(world);
+    for (int i = 0; i < 4; ++i) {
+      auto* box = world.addBox(0.2, 0.2, 0.2, 1.0);
+      box->setPosition(0.5 * i, 1.0, 0.1);
+      box->setVelocity(2.0 + i, 0.3 * i, 0, 0, 0, 0);
+      world.addBox(0.2, 0.2, 0.2, 1.0)->setPosition(0, -1.0, 0.1 + 0.2 * i);
+    }
+    auto* anchor = world.addBox(0.1, 0.1, 0.1, 1.0);
+    anchor->setPosition(0, 2, 2);
+    anchor->setBodyType(STATIC);
+    auto* bob = world.addSphere(0.05, 1.0);
+    bob->setPosition(0.5, 2, 2);
+    world.addStiffWire(anchor, 0, Eigen::Vector3d::Zero(), bob, 0, Eigen::Vector3d::Zero(), 0.5);
+    EXPECT_EQ(allocationsInSteadySteps(world, 1500, 1000), 0) << "sliding boxes, column and pendulum";
+  }
+  {
+    World world;  // a robot's feet on the ground and a ball on its base
+    options(world);
+    auto* robot = world.addArticulatedSystem(std::string(VORSIM_MODELS_DIR) + "/anymal_b/anymal.urdf");
+    robot->setBasePos(Mat<3, 1>{0.0, 0.0, 0.5});
+    world.addSphere(0.05, 0.1)->setPosition(0, 0, 0.75);
+    EXPECT_EQ(allocationsInSteadySteps(world, 500, 1000), 0) << "robot";
+  }
+}
+
 TEST_F(Allocations, TerrainAndCompoundsAllocateNothing) {
   {
     World world;  // boxes settled on generated terrain

@@ -7,6 +7,7 @@
 #include <type_traits>
 
 #include "vorsim/Materials.hpp"
+#include "vorsim/contact/WarmStartKey.hpp"
 #include "vorsim/math.hpp"
 
 namespace vorsim {
@@ -59,12 +60,18 @@ class alignas(32) Single3DContactProblem {
   double staticFriction = 0.0;
   double staticFrictionThreshold = 0.0;
   double inverseStaticThreshold = 0.0;
+  // Identity of the constraint for the warm start (see WarmStartKey). Empty
+  // unless the world (collision points) or the owner (wires, robots' limits
+  // and pins) sets it; read only when the warm start is on.
+  WarmStartKey warmStartKey{};
 
   const Mat<3, 1>& getImpulse() const { return impulse; }
   const Mat<3, 1>& getPosition() const { return position; }
 };
 
 static_assert(std::is_trivially_copyable_v<Single3DContactProblem>, "problems are moved by the vector as plain bytes");
+static_assert(sizeof(Single3DContactProblem) == 544,
+              "records stay at 544 bytes (the warm start key sits in what was padding)");
 static_assert(alignof(Single3DContactProblem) == 32 && sizeof(Single3DContactProblem) % 32 == 0,
               "each record of the aligned array starts on a 32-byte boundary");
 
