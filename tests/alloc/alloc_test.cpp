@@ -235,3 +235,14 @@ TEST_F(Allocations, KinematicQueriesAllocateNothing) {
   EXPECT_EQ(g_allocations, 0);
   EXPECT_NE(sum, 0.0);
 }
+
+TEST_F(Allocations, WorldsReadFromFilesAllocateNothing) {
+  // Every kind a world file holds (bodies, terrain, compounds, classes, wires,
+  // a robot), and an MJCF scene.
+  for (const char* file : {"/world/every_kind.xml", "/mjcf/scene.xml"}) {
+    testing::internal::CaptureStdout();
+    World world(std::string(VORSIM_TEST_DATA_DIR) + file);
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(allocationsInSteadySteps(world, 2000, 1000), 0) << file;
+  }
+}
