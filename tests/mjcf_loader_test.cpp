@@ -306,8 +306,8 @@ TEST(MjcfLoader, ClassChainAndPoses) {
   const std::string path = writeTemp(R"(<mujoco><default><joint damping="1"/>
   <default class="p"><joint stiffness="2"/><default class="q"><default class="r"/></default></default></default>
   <worldbody><body name="b"><geom type="sphere" size="0.1"/>
-    <body name="c" pos="1 0 0"><joint class="r" name="j" armature="3"/><geom type="sphere" size="0.1"/></body>
-    <body name="d" pos="0 1 0"><joint class="r" name="k" damping="5" type="slide"/><geom type="sphere" size="0.1"/></body>
+    <body name="c" pos="1 0 0"><joint class="r" name="j" armature="3" springref="30" ref="30"/><geom type="sphere" size="0.1"/></body>
+    <body name="d" pos="0 1 0"><joint class="r" name="k" damping="5" type="slide" range="0 10" ref="0.1"/><geom type="sphere" size="0.1"/></body>
   </body></worldbody></mujoco>)");
   World world(path);
   auto* s = firstSystem(world);
@@ -317,9 +317,17 @@ TEST(MjcfLoader, ClassChainAndPoses) {
   EXPECT_EQ(s->rotorInertiaGv[0], 3.0);
   ASSERT_EQ(s->springs.size(), 2u);
   EXPECT_EQ(s->springs[0].springStiffness, 2.0);
+  // Degrees: springref and range are converted for every joint kind, ref for
+  // a hinge only (a slide's ref is a length).
+  EXPECT_EQ(s->springs[0].springRest[0], 30 * 0.017453292519943295);
+  EXPECT_EQ(s->gc[0], 30 * 0.017453292519943295);
+  EXPECT_EQ(s->jointLimits[1][1], 10 * 0.017453292519943295);
+  EXPECT_EQ(s->gc[1], 0.1);
   EXPECT_EQ(s->jointDampingGv[1], 5.0);
   EXPECT_EQ(s->jointType[2], Joint::PRISMATIC);
-  EXPECT_EQ(s->jointPosP[2][1], 1.0);
+  // A prismatic reference shifts all three components of the joint's place.
+  EXPECT_EQ(s->jointPosP[2][0], -0.1);
+  EXPECT_EQ(s->jointPosP[2][1], 0.9);
 }
 
 TEST(MjcfLoader, BadInputEndsInLocatedMessages) {
