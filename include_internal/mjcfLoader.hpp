@@ -95,7 +95,7 @@ class LoadFromMjcf {
                                  const std::string& angle);
   // pos, or the midpoint of fromto; zero without either.
   static void getMjcfPos(const VorSimTinyXmlWrapper& element, Mat<3, 1>& p);
-  static bool posFromFromTo(const VorSimTinyXmlWrapper& element, Mat<3, 1>& p);
+  static void posFromFromTo(const VorSimTinyXmlWrapper& element, Mat<3, 1>& p);
   // Size numbers of a shape from `sizeText` (the element's size or its
   // class's) and fromto, checked by shape and turned from half to full
   // lengths.

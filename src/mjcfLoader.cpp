@@ -216,11 +216,10 @@ void LoadFromMjcf::getMjcfOrientation(const VorSimTinyXmlWrapper& element, Mat<3
   }
 }
 
-bool LoadFromMjcf::posFromFromTo(const VorSimTinyXmlWrapper& element, Mat<3, 1>& p) {
+void LoadFromMjcf::posFromFromTo(const VorSimTinyXmlWrapper& element, Mat<3, 1>& p) {
   Mat<6, 1> six;
-  if (!xml::readVectorIfExists(element, "fromto", six)) return false;
+  if (!xml::readVectorIfExists(element, "fromto", six)) return;
   for (size_t k = 0; k < 3; ++k) p[k] = 0.5 * (six[k] + six[k + 3]);
-  return true;
 }
 
 void LoadFromMjcf::getMjcfPos(const VorSimTinyXmlWrapper& element, Mat<3, 1>& p) {
@@ -267,32 +266,32 @@ namespace {
 
 // The colour of a geom or site from its class chain: the nearest class whose
 // <geom> (or <site>) default gives an rgba, or a material with a colour.
-bool getColorFromMaterial(const DefaultMap& defaults, const MjcfAssets& assets, const std::string& className,
+// rgba stays as it is when no class gives one.
+void getColorFromMaterial(const DefaultMap& defaults, const MjcfAssets& assets, const std::string& className,
                           const std::string& tag, std::string& rgba, const VorSimTinyXmlWrapper& user) {
   std::string current = className;
   for (size_t depth = 0; depth < 64; ++depth) {
     const auto it = defaults.find(current);
     if (it == defaults.end()) {
       user.errorMessage("invalid unordered_map<K, T> key: the default class \"" + current + "\" is not defined");
-      return false;
+      return;
     }
-    if (it->second.isDummy()) return false;
+    if (it->second.isDummy()) return;
     auto tags = it->second.getChildren(tag);
     if (!tags.empty()) {
-      if (tags[0].getAttributeIfExists("rgba", rgba)) return true;
+      if (tags[0].getAttributeIfExists("rgba", rgba)) return;
       std::string material;
       if (tags[0].getAttributeIfExists("material", material)) {
         const auto m = assets.materials.find(material);
         if (m != assets.materials.end()) {
           rgba = m->second;
-          return true;
+          return;
         }
       }
     }
-    if (current == "default") return false;
-    if (!it->second.getAttributeIfExists("parent", current)) return false;
+    if (current == "default") return;
+    if (!it->second.getAttributeIfExists("parent", current)) return;
   }
-  return false;
 }
 
 }  // namespace
@@ -583,7 +582,6 @@ void LoadFromMjcf::readContent(Child& node, const Pose& offset, const std::strin
     site.type = Joint::FIXED;
     site.name = siteName;
     site.bodyName = siteName;
-    site.parentName = node.bodyName;
     site.pos = P.p;
     site.rot = P.R;
     if (g.rgba[3] != 0.0)

@@ -245,6 +245,10 @@ TEST(WorldExport, RoundTripStepsBitForBit) {
   moved->setName("moved");
   moved->setPosition(-3.0, 3.0, -0.1);
 
+  auto* turned = original.addHeightMap(3, 3, 1.0, 1.0, 5.0, -5.0, {0, 0, 0, 0, 0.1, 0, 0, 0, 0}, "floor");
+  turned->setName("turned");
+  turned->setOrientation(Mat<4, 1>{std::cos(0.05), std::sin(0.05), 0.0, 0.0});  // turned, not moved
+
   ArticulatedSystem* coded = original.addArticulatedSystem(robotTree(Joint::FIXED), kData);
   coded->setName("coded");
   VecDyn q(coded->gcDim);
@@ -379,6 +383,22 @@ TEST(WorldExport, MessagesAndWhatIsNotWritten) {
   World back(testing::TempDir() + "vorsim_robots.xml");
   ASSERT_EQ(back.getObjList().size(), 3u);
   vorsim_test::expectSameTables(*fromText, *dynamic_cast<ArticulatedSystem*>(back.getObject("fromText")), 0.0);
+
+  // A wire on the second of two objects of one name: read back, it would hold
+  // the first, and the writer says so.
+  World twins;
+  twins.addSphere(0.1, 1.0)->setName("twin");
+  Sphere* second = twins.addSphere(0.1, 1.0);
+  second->setName("twin");
+  twins.addStiffWire(second, 0, {0, 0, 0}, twins.getObject("twin"), 0, {0, 0, 0}, 1.0)->setName("w");
+  {
+    StdoutCapture out;
+    ASSERT_TRUE(twins.exportToXml(testing::TempDir(), "vorsim_twins.xml"));
+    const std::string said = out.text();
+    EXPECT_NE(said.find("the wire w holds the object \"twin\", a name that another object has too"), std::string::npos)
+        << said;
+    EXPECT_EQ(said.find("a name that another object has too", said.find("has too") + 1), std::string::npos);
+  }
 
   // A URDF system is not written again; the extension must be ".urdf".
   std::string printed;

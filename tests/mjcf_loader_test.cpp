@@ -243,7 +243,7 @@ TEST(MjcfLoader, OrientationsAndSizes) {
   const std::string path = writeTemp(R"(<mujoco><compiler angle="degree" eulerseq="zyz"/><worldbody>
   <geom name="q" type="sphere" size="1" quat="2 0 0 2"/>
   <geom name="aa" type="sphere" size="1" axisangle="0 0 3 90"/>
-  <geom name="xy" type="sphere" size="1" xyaxes="0 1 0 -1 0 0"/>
+  <geom name="xy" type="sphere" size="1" xyaxes="0 0.6 0.8 0 -0.8 0.6"/>
   <geom name="z" type="sphere" size="1" zaxis="0 0 -2"/>
   <geom name="e" type="sphere" size="1" euler="90 90 0"/>
   <geom name="ft" type="capsule" size="0.1" fromto="1 0 0 1 0 2"/>
@@ -256,7 +256,11 @@ TEST(MjcfLoader, OrientationsAndSizes) {
   // quat 2 0 0 2 is a quarter turn about z (normalised).
   EXPECT_NEAR(R("q")(1, 0), 1.0, 1e-15);
   EXPECT_NEAR(R("aa")(1, 0), 1.0, 1e-15);
-  EXPECT_NEAR(R("xy")(1, 0), 1.0, 1e-15);
+  // xyaxes: the columns x, y and x cross y = (1, 0, 0).
+  const Mat<3, 3> xy = R("xy");
+  const double columns[3][3] = {{0, 0.6, 0.8}, {0, -0.8, 0.6}, {1, 0, 0}};
+  for (size_t c = 0; c < 3; ++c)
+    for (size_t r = 0; r < 3; ++r) EXPECT_NEAR(xy(r, c), columns[c][r], 1e-15) << r << c;
   EXPECT_NEAR(R("z")(2, 2), -1.0, 1e-15);
   // zyz with (90, 90, 0): Rz(90) Ry(90), rows (0 -1 0), (0 0 1), (-1 0 0).
   const Mat<3, 3> e = R("e");
@@ -291,6 +295,13 @@ TEST(MjcfLoader, MovedFixedBodiesKeepsTheSwapOrder) {
   EXPECT_EQ(fixed, (std::vector<std::string>{"F1", "F2"}));
   ASSERT_EQ(root.child[1].fixedBodies.size(), 1u);
   EXPECT_TRUE(root.child[1].child.empty());
+
+  // A fixed entry second to last: the last takes its place.
+  Child middle = node("m", Joint::FIXED);
+  for (const char* n : {"A", "F", "B"}) middle.child.push_back(node(n, n[0] == 'F' ? Joint::FIXED : Joint::REVOLUTE));
+  mjcf::movedFixedBodies(middle);
+  ASSERT_EQ(middle.child.size(), 2u);
+  EXPECT_EQ(middle.child[1].bodyName, "B");
 
   // Two fixed entries at the end: neither stays among the movable ones.
   Child tail = node("t", Joint::FIXED);

@@ -165,6 +165,25 @@ TEST(ConfigText, UnresolvedParametersAndBrokenArraysAreFatal) {
             std::string::npos);
 }
 
+TEST(ConfigText, NumberLists) {
+  std::vector<double> v;
+  ASSERT_TRUE(xml::parseNumbers(" 1  2\t3\n ", v));
+  EXPECT_EQ(v, (std::vector<double>{1, 2, 3}));
+  ASSERT_TRUE(xml::parseNumbers("1, 2,3", v));
+  EXPECT_EQ(v, (std::vector<double>{1, 2, 3}));
+  ASSERT_TRUE(xml::parseNumbers("", v));
+  EXPECT_TRUE(v.empty());
+  v = {9};
+  EXPECT_FALSE(xml::parseNumbers("1,,2", v));
+  EXPECT_FALSE(xml::parseNumbers("1 two", v));
+  EXPECT_FALSE(xml::parseNumbers("1e999", v));
+  EXPECT_EQ(v, (std::vector<double>{9}));  // untouched on failure
+  double d = 0.0;
+  EXPECT_TRUE(xml::parseDouble(" -2.5e-3 ", d));
+  EXPECT_EQ(d, -2.5e-3);
+  EXPECT_FALSE(xml::parseDouble("2.5x", d));
+}
+
 TEST(ConfigText, QuotationsAndPaths) {
   EXPECT_EQ(getQuotation(R"(a="x" b="y")", 0, false), "x");
   EXPECT_EQ(getQuotation(R"(a="x" b="y")", 4, false), " b=");
@@ -199,9 +218,9 @@ TEST(WorldFile, EveryElementKindLoadsAndSteps) {
   // ghost is left out; the array made three pebbles.
   std::vector<std::string> names;
   for (Object* o : world.getObjList()) names.push_back(o->getName());
-  EXPECT_EQ(names,
-            (std::vector<std::string>{"floor", "ball", "crate", "can", "pill", "cube", "bell", "dd", "pebble1",
-                                      "pebble3", "pebble5", "terrain", "grid", "textmap", "pngmap", "pendulum"}));
+  EXPECT_EQ(names, (std::vector<std::string>{"floor", "ball", "crate", "can", "pill", "cube", "bell", "dd", "pebble1",
+                                             "pebble3", "pebble5", "tilted", "terrain", "grid", "textmap", "pngmap",
+                                             "pendulum"}));
 
   auto* ball = find<Sphere>(world, "ball");
   EXPECT_EQ(ball->getRadius(), 0.1);
@@ -227,6 +246,12 @@ TEST(WorldFile, EveryElementKindLoadsAndSteps) {
   auto* pill = find<Capsule>(world, "pill");
   EXPECT_EQ(pill->getInertiaMatrix_B()(2, 2), 0.03);  // given inertia replaces the formula
   EXPECT_EQ(pill->getRotationMatrix()(1, 1), -1.0);   // quat (0 1 0 0): half turn about x
+
+  // Six numbers: ixx iyy izz ixy ixz iyz.
+  const Mat<3, 3> I6 = find<Box>(world, "tilted")->getInertiaMatrix_B();
+  const double expected6[3][3] = {{1, 0.1, 0.2}, {0.1, 2, 0.3}, {0.2, 0.3, 3}};
+  for (size_t i = 0; i < 3; ++i)
+    for (size_t j = 0; j < 3; ++j) EXPECT_EQ(I6(i, j), expected6[i][j]) << i << j;
 
   auto* cube = find<Mesh>(world, "cube");
   EXPECT_EQ(cube->getMeshVertices()[0], -0.1f);  // scaled once
@@ -457,6 +482,31 @@ TEST(WorldFile, BadClassesWiresAndFilesEndInMessages) {
   const std::string self = testing::TempDir() + "vorsim_world_self.xml";
   std::ofstream(self) << "<vorsim><include value=\"vorsim_world_self.xml\"/></vorsim>";
   EXPECT_NE(fatalOf([&] { World w(self); }).find("includes itself"), std::string::npos);
+}
+
+TEST(WorldFile, UnderAReturningCallbackBadPartsAreLeftOut) {
+  // A client whose fatal callback returns gets the rest of the world; the
+  // faulty wires are not made.
+  const std::string path = writeTemp("returning.xml", R"(<vorsim><objects>
+  <sphere name="a" mass="1" radius="0.1"/><box name="b" mass="1" dim="1 1 1"/></objects>
+  <wire type="stiff" length="1"><object name="a" frame="f"/><object name="b"/></wire>
+  <wire type="stiff" length="1"><object name="a" local_index="3"/><object name="b"/></wire>
+  <wire type="stiff" length="1"><object name="nobody"/><object name="b"/></wire>
+  <wire type="stiff" length="1" name="good"><object name="a"/><object name="b"/></wire>
+</vorsim>)");
+  VorSimMsg::setFatalCallback([] {});
+  std::unique_ptr<World> world;
+  std::string out;
+  {
+    StdoutCapture capture;
+    world = std::make_unique<World>(path);
+    out = capture.text();
+  }
+  VorSimMsg::resetFatalCallback();
+  EXPECT_NE(out.find("The keyword 'frame' only for an articulated system."), std::string::npos);
+  EXPECT_EQ(world->getObjList().size(), 2u);
+  ASSERT_EQ(world->getWires().size(), 1u);
+  EXPECT_EQ(world->getWires()[0]->getName(), "good");
 }
 
 TEST(WorldFile, AFailedReadReleasesWhatWasBuilt) {
