@@ -113,6 +113,7 @@ TEST(MjcfLoader, SameRobotAsUrdf) {
     for (size_t d = 0; d < 4; ++d)
       EXPECT_NEAR(a->getVisColOb()[k].shapeParam[d], b->getVisColOb()[k].shapeParam[d], tol);
     expectNear(a->getCollisionBodies()[k].posOffset, b->getCollisionBodies()[k].posOffset, tol, "geom offset");
+    expectNear(a->getCollisionBodies()[k].rotOffset, b->getCollisionBodies()[k].rotOffset, tol, "geom rotation");
   }
   ASSERT_EQ(a->getVisOb().size(), b->getVisOb().size());
   for (size_t k = 0; k < a->getVisOb().size(); ++k)
@@ -216,12 +217,20 @@ TEST(MjcfLoader, SceneElementsReachTheWorld) {
   EXPECT_EQ(getCategoryBits(geoms[2].colObj), 2u);
   EXPECT_EQ(getCollideBits(geoms[2].colObj), 4u);
   // Colours: the class's red, the element's material over its class, and no
-  // visual for a transparent geom (the tail's).
+  // visual for a transparent geom or site (the tail's box and "hidden").
   const auto& visuals = robot->getVisOb();
-  ASSERT_EQ(visuals.size(), 5u);  // 2 on the base, the capsule, the toe, the foot site
+  ASSERT_EQ(visuals.size(), 6u);  // 2 on the base, the capsule, the toe, the foot site, the marker site
   EXPECT_EQ(visuals[0].color[0], 1.0);
   EXPECT_EQ(visuals[1].color[1], 1.0);
-  for (const VisObject& v : visuals) EXPECT_NE(v.localIdx, 2u);
+  std::vector<const VisObject*> onTail;
+  for (const VisObject& v : visuals)
+    if (v.localIdx == 2) onTail.push_back(&v);
+  ASSERT_EQ(onTail.size(), 1u);
+  // A site without a size anywhere has the format's default, 0.005 per half.
+  EXPECT_EQ(onTail[0]->shape, Shape::Box);
+  for (size_t d = 0; d < 3; ++d) EXPECT_EQ(onTail[0]->shapeParam[d], 0.01);
+  EXPECT_EQ(onTail[0]->color[0], 0.7);
+  EXPECT_NE(robot->getFrameIdxByName("hidden"), ArticulatedSystem::kNone);
   // The pin between tail and leg.
   EXPECT_EQ(robot->getPins().size(), 1u);
 
@@ -233,6 +242,9 @@ TEST(MjcfLoader, SceneElementsReachTheWorld) {
   EXPECT_EQ(pendulum->massOf[0], 0.0);
   EXPECT_EQ(pendulum->jointPosP[1][1], -2.0);
   EXPECT_EQ(pendulum->movableJointNames, (std::vector<std::string>{"swing", "bob_joint"}));
+  // A class's material gives the colour.
+  EXPECT_EQ(pendulum->getVisOb()[0].color[1], 1.0);
+  EXPECT_EQ(pendulum->getVisOb()[0].color[0], 0.0);
 
   for (int i = 0; i < 10; ++i) world.integrate();
   EXPECT_LT(ball->getPosition()[2], 1.0);
@@ -272,6 +284,7 @@ TEST(MjcfLoader, OrientationsAndSizes) {
   EXPECT_EQ(ft->getHeight(), 2.0);  // half length 1, doubled
   EXPECT_EQ(ft->getPosition()[2], 1.0);
   EXPECT_EQ(ft->getPosition()[0], 1.0);
+  for (size_t k = 0; k < 9; ++k) EXPECT_EQ(ft->getRotationMatrix().v[k], k % 4 == 0 ? 1.0 : 0.0);  // along z
   EXPECT_EQ(dynamic_cast<Cylinder*>(world.getObject("cyl"))->getHeight(), 0.6);
 }
 
@@ -341,6 +354,39 @@ TEST(MjcfLoader, ClassChainAndPoses) {
   EXPECT_EQ(s->jointPosP[2][1], 0.9);
 }
 
+TEST(MjcfLoader, AJointedBodyWithoutSubBodiesIsARobot) {
+  // A single body cannot hold a hinge: the body becomes a robot hanging from
+  // "root". Without a joint, or with a free one, it is a single body.
+  const std::string path = writeTemp(R"(<mujoco><worldbody>
+  <body name="door" pos="0 0 1"><joint type="hinge" axis="0 0 1"/><geom type="box" size="0.5 0.02 1"/></body>
+  <body name="crate" pos="2 0 1"><geom type="box" size="0.1 0.1 0.1"/></body>
+</worldbody></mujoco>)");
+  World world(path);
+  auto* door = dynamic_cast<ArticulatedSystem*>(world.getObject("door"));
+  ASSERT_NE(door, nullptr);
+  EXPECT_EQ(door->bodyNames, (std::vector<std::string>{"root", "door"}));
+  EXPECT_EQ(door->jointType[1], Joint::REVOLUTE);
+  EXPECT_NE(dynamic_cast<Box*>(world.getObject("crate")), nullptr);
+}
+
+TEST(MjcfLoader, UnderAReturningCallbackBadGeomsAreLeftOut) {
+  const std::string path = writeTemp(R"(<mujoco><worldbody>
+  <geom name="colour" type="sphere" size="1" rgba="1 0"/>
+  <geom name="kind" type="torus" size="1"/>
+  <geom name="asset" type="mesh" mesh="none"/>
+  <geom name="good" type="sphere" size="1"/>
+</worldbody></mujoco>)");
+  VorSimMsg::setFatalCallback([] {});
+  std::unique_ptr<World> world;
+  {
+    StdoutCapture quiet;
+    world = std::make_unique<World>(path);
+  }
+  VorSimMsg::resetFatalCallback();
+  ASSERT_EQ(world->getObjList().size(), 1u);
+  EXPECT_EQ(world->getObjList()[0]->getName(), "good");
+}
+
 TEST(MjcfLoader, BadInputEndsInLocatedMessages) {
   struct Case {
     std::string text;
@@ -376,6 +422,9 @@ TEST(MjcfLoader, BadInputEndsInLocatedMessages) {
       {open + "<body><joint type=\"hinge\"/><geom size=\"-\"/></body>" + close,
        "the attribute 'size' holds text that is not a number: '-'"},
       {"<mujoco>\n<default><default><geom/></default></default></mujoco>", "a nested default needs a class attribute"},
+      {"<mujoco>\n<asset><mesh name=\"m\" file=\"../meshes/cube.obj\" scale=\"1 1 2\"/></asset>\n<worldbody>"
+       "<geom type=\"mesh\" mesh=\"m\"/></worldbody></mujoco>",
+       "a mesh geom outside a robot takes one scale for all three axes"},
       {"<mujoco>\n<asset><mesh name=\"m\"/></asset></mujoco>",
        "the node 'mesh' does not contain an attribute called 'file'"},
       {"<mujoco>\n<worldbody><body name=\"a\"><joint/><body name=\"b\"><joint/></body></body></worldbody>\n"

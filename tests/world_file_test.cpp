@@ -118,7 +118,7 @@ TEST(ConfigText, ParametersArraysAndExpressions) {
   const std::string path = writeTemp("text.xml", R"(<vorsim>
   <params><r value="0.5"/><rr value="@@r"/><n value="9"/></params>
   <a v="@@r" w="@@rr" dir="[THIS_DIR]" x="{2*(3+4)}" y="{-pi/2}" z="@@n{@@n}"/>
-  <array name="i" start="1" increment="0.5" count="3"><b i="@@i" twice="{@@i*2}"/></array>
+  <array name="i" start="1" increment="0.5" flag count="3"><b i="@@i" twice="{@@i*2}"/></array>
   <array name="i" count="2"><array name="j" start="{@@i*10}" count="2"><c ij="@@i,@@j"/></array></array>
   <array name="e" count="0"><never/></array>
 </vorsim>)");
@@ -184,6 +184,17 @@ TEST(ConfigText, NumberLists) {
   EXPECT_FALSE(xml::parseDouble("2.5x", d));
 }
 
+TEST(ConfigText, AfterAFatalMessageUnderAReturningCallbackTheTextIsEmpty) {
+  VorSimMsg::setFatalCallback([] {});
+  {
+    StdoutCapture quiet;
+    EXPECT_EQ(expandConfigText(writeTemp("a.xml", "<vorsim><array name=\"i\"><x/></array></vorsim>"), {}, ""), "");
+    EXPECT_EQ(expandConfigText(writeTemp("b.xml", "<vorsim><array count=\"1\"><x/></vorsim>"), {}, ""), "");
+    EXPECT_EQ(expandConfigText(writeTemp("c.xml", "<vorsim a=\"@@u\"/>"), {}, ""), "");
+  }
+  VorSimMsg::resetFatalCallback();
+}
+
 TEST(ConfigText, QuotationsAndPaths) {
   EXPECT_EQ(getQuotation(R"(a="x" b="y")", 0, false), "x");
   EXPECT_EQ(getQuotation(R"(a="x" b="y")", 4, false), " b=");
@@ -244,8 +255,12 @@ TEST(WorldFile, EveryElementKindLoadsAndSteps) {
   EXPECT_EQ(can->getAngularVelocity()[2], 1.0);
 
   auto* pill = find<Capsule>(world, "pill");
-  EXPECT_EQ(pill->getInertiaMatrix_B()(2, 2), 0.03);  // given inertia replaces the formula
-  EXPECT_EQ(pill->getRotationMatrix()(1, 1), -1.0);   // quat (0 1 0 0): half turn about x
+  // Three numbers: the diagonal, which replaces the formula.
+  EXPECT_EQ(pill->getInertiaMatrix_B()(0, 0), 0.01);
+  EXPECT_EQ(pill->getInertiaMatrix_B()(1, 1), 0.02);
+  EXPECT_EQ(pill->getInertiaMatrix_B()(2, 2), 0.03);
+  EXPECT_EQ(pill->getInertiaMatrix_B()(0, 1), 0.0);
+  EXPECT_EQ(pill->getRotationMatrix()(1, 1), -1.0);  // quat (0 1 0 0): half turn about x
 
   // Six numbers: ixx iyy izz ixy ixz iyz.
   const Mat<3, 3> I6 = find<Box>(world, "tilted")->getInertiaMatrix_B();
@@ -390,6 +405,11 @@ TEST(WorldFile, BadInputEndsInLocatedMessages) {
        "Unrecognized body type. Should be \"dynamic\", \"kinematic\" or \"static\". "},
       {"<sphere mass=\"1\" radius=\"1\" collision_group=\"collision[70]\"/>",
        "the collision bits 'collision[70]' need indices from 0 to 63, or -1 for all"},
+      {"<sphere mass=\"1\" radius=\"1\" collision_mask=\"1.5\"/>",
+       "the collision bits '1.5' are neither a number nor of the form collision[i,j]"},
+      {"<sphere mass=\"1\" radius=\"1\" collision_mask=\"-2\"/>",
+       "the collision bits '-2' are neither a number nor of the form collision[i,j]"},
+      {"<sphere mass=\"1\" radius=\"1 2\"/>", "the attribute 'radius' should be one number"},
       {"<compound mass=\"1\" inertia=\"1 1 1\"><children><c type=\"torus\"/><c type=\"box\" dim=\"1 1 1\"/></children>"
        "</compound>",
        "the node 'c': unrecognized compound child: torus"},
