@@ -352,11 +352,14 @@ TEST(WorldFile, EveryElementKindLoadsAndSteps) {
 TEST(WorldFile, ParametersFromTheCallerAndMjcfComesFirst) {
   const std::string path = writeTemp("params.xml", R"(<vorsim>
   <params><r value="0.1"/></params>
-  <objects><sphere name="s" radius="@@r" mass="1"/></objects>
+  <objects><sphere name="s" radius="@@r" mass="1" collision_group="-1" collision_mask="4"/></objects>
 </vorsim>)");
   {
     World world(path, {});
     EXPECT_EQ(dynamic_cast<Sphere*>(world.getObject("s"))->getRadius(), 0.1);
+    // -1 is every bit.
+    EXPECT_EQ(dynamic_cast<Sphere*>(world.getObject("s"))->getCollisionGroup(), 0xFFFFFFFFu);
+    EXPECT_EQ(dynamic_cast<Sphere*>(world.getObject("s"))->getCollisionMask(), 4u);
   }
   {
     World world(path, {{"r", "0.25"}});
