@@ -429,6 +429,7 @@ Mesh* World::addMesh(const std::string& objFile, double mass, double scale, cons
     com = {(lo[0] + hi[0]) * 0.5, (lo[1] + hi[1]) * 0.5, (lo[2] + hi[2]) * 0.5};
   }
   auto* object = registerObject(new Mesh(vertices, indices, nullptr, mass, inertia, com, 1.0));
+  object->setMeshSource(objFile, scale);
   addCollisionObject(object->getCollisionObject(), 0, material, collisionGroup, collisionMask);
   return object;
 }
@@ -437,6 +438,7 @@ Mesh* World::addMesh(const Mesh* source, const std::string& material, size_t col
   auto* object =
       registerObject(new Mesh(source->getMeshVertices(), source->getMeshIndices(), nullptr, source->getMass(),
                               source->getInertiaMatrix_B(), source->getBodyComOffset(), 1.0));
+  object->setMeshSource(source->getMeshFileName(), source->getMeshScale());
   addCollisionObject(object->getCollisionObject(), 0, material, collisionGroup, collisionMask);
   return object;
 }

@@ -376,3 +376,14 @@ TEST_F(Allocations, ContactFreeRobotStepsAllocateNothing) {
   EXPECT_TRUE(std::isfinite(sum));
   EXPECT_LT(quadruped->getGeneralizedCoordinate()[2], -1.0);  // it fell
 }
+
+TEST_F(Allocations, WorldsReadFromFilesAllocateNothing) {
+  // Every kind a world file holds (bodies, terrain, compounds, classes, wires,
+  // a robot), and an MJCF scene.
+  for (const char* file : {"/world/every_kind.xml", "/mjcf/scene.xml"}) {
+    testing::internal::CaptureStdout();
+    World world(std::string(VORSIM_TEST_DATA_DIR) + file);
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(allocationsInSteadySteps(world, 2000, 1000), 0) << file;
+  }
+}

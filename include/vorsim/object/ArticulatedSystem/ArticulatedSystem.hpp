@@ -36,6 +36,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "vorsim/MjcfTypes.hpp"
 #include "vorsim/Object.hpp"
 #include "vorsim/math.hpp"
 #include "vorsim/object/ArticulatedSystem/JointAndBodies.hpp"
@@ -46,6 +47,9 @@ class Sensor;
 class World;
 namespace urdf {
 class LoadFromURDF2;
+}
+namespace mjcf {
+class LoadFromMjcf;
 }
 
 // A point constraint that closes a loop between two bodies of one robot.
@@ -121,7 +125,25 @@ class ArticulatedSystem : public Object {
   // A tree built in code; its root's type must be FIXED or FLOATING.
   ArticulatedSystem(const Child& root, const std::string& resPath,
                     ArticulatedSystemOption option = ArticulatedSystemOption());
+  // One <body> of an MJCF worldbody with its sub-bodies (see World::loadMjcf).
+  // A free body starts at the pose the file gives it.
+  ArticulatedSystem(const VorSimTinyXmlWrapper& body, const std::string& resPath, const mjcf::DefaultMap& defaults,
+                    const mjcf::MjcfAssets& assets, const mjcf::MjcfCompilerSetting& compiler,
+                    ArticulatedSystemOption option = ArticulatedSystemOption());
   ~ArticulatedSystem() override;
+
+  // Writes the built system as URDF, directory/fileName (the name must end in
+  // ".urdf"): one link per body with its merged mass, visuals and collision
+  // shapes, one joint per body, and a massless link on a fixed joint per frame
+  // of a merged link, so that reading the file back gives the same tables and
+  // frames. A system read from URDF is not written again (a warning says so).
+  // Sensors and per-geom collision groups are not written. Returns whether the
+  // file was written.
+  bool exportRobotDescriptionToURDF(const std::string& directory, const std::string& fileName) const;
+  // True for a system read from a URDF file or URDF text.
+  bool isFromUrdf() const { return !robotFilePath.empty() || !urdfString.empty(); }
+  const std::string& getRobotFilePath() const { return robotFilePath; }
+  const std::string& getUrdfString() const { return urdfString; }
 
   // ---------------------------------------------------------------- Object --
   // Moves every geom to its body's pose (with the collision library's setters,
@@ -450,6 +472,8 @@ class ArticulatedSystem : public Object {
 
  protected:
   friend class urdf::LoadFromURDF2;
+  friend class mjcf::LoadFromMjcf;
+  friend class World;
 
   // URDF text that came from filePath.
   ArticulatedSystem(const std::string& filePath, const std::string& urdfText, const std::string& resPath,
