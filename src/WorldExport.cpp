@@ -122,6 +122,18 @@ bool writeObj(const std::string& path, const Mesh& mesh) {
   return file.good();
 }
 
+// A robot's actuation: the control mode, PD gains and targets, and the
+// feed-forward force, each written when it has its full length.
+void writeControl(VorSimTinyXmlWriterElement& e, const ArticulatedSystem& s) {
+  e.setAttribute("mode", s.getControlMode() == ArticulatedSystem::PD_PLUS_FEEDFORWARD_TORQUE
+                             ? "pd_plus_feedforward_torque"
+                             : "force_control");
+  if (s.pGain.n == s.dof && s.dGain.n == s.dof) e.setAttribute("p_gain", s.pGain).setAttribute("d_gain", s.dGain);
+  if (s.posTarget.n == s.gcDim && s.velTarget.n == s.dof)
+    e.setAttribute("pos_target", s.posTarget).setAttribute("vel_target", s.velTarget);
+  if (s.feedForward.n == s.dof) e.setAttribute("force", s.feedForward);
+}
+
 }  // namespace
 
 // ------------------------------------------------------------------ world --
@@ -134,6 +146,16 @@ bool World::exportToXml(const std::string& directory, const std::string& fileNam
   root["gravity"].setAttribute("value", gravity_);
   root["timeStep"].setAttribute("value", timeStep_);
   root["erp"].setAttribute("erp", solver_.erp).setAttribute("erp2", solver_.erp2);
+  root["contact_solver"]
+      .setAttribute("max_iteration", solver_.maxIter)
+      .setAttribute("threshold", solver_.threshold)
+      .setAttribute("alpha_init", solver_.alpha_init)
+      .setAttribute("alpha_min", solver_.alpha_min)
+      .setAttribute("alpha_decay", solver_.alpha_decay)
+      .setAttribute("warm_start", solver_.warmStart ? "true" : "false")
+      .setAttribute("warm_start_tolerance", warmStartCache_.getTolerance())
+      .setAttribute("exact_coulomb_sliding", solver_.exactCoulomb ? "true" : "false")
+      .setAttribute("forward_order", solver_.forwardOrder ? "true" : "false");
   VorSimTinyXmlWriterElement& objects = root["objects"];
 
   std::vector<std::string> names(objects_.size());
@@ -173,6 +195,7 @@ bool World::exportToXml(const std::string& directory, const std::string& fileNam
       e["state"]
           .setAttribute("qpos", system->getGeneralizedCoordinate())
           .setAttribute("qvel", system->getGeneralizedVelocity());
+      writeControl(e.appendChild("control"), *system);
       continue;
     }
 
