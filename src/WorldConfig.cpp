@@ -339,11 +339,34 @@ class WorldConfigReader {
       c.errorMessage("unrecognized object type in " + c.getFullTree());
       return;
     }
-    for (const char* attribute :
-         {"mass",           "inertia",        "com",           "material",  "dimension", "dim",
-          "radius",         "height",         "file",          "file_name", "fileName",  "scale",
-          "appearance",     "urdf_path",      "urdfPath",      "res_dir",   "resDir",    "collision_group",
-          "collisionGroup", "collision_mask", "collisionMask", "body_type"}) {
+    for (const char* attribute : {"mass",
+                                  "inertia",
+                                  "com",
+                                  "material",
+                                  "dimension",
+                                  "dim",
+                                  "radius",
+                                  "height",
+                                  "file",
+                                  "file_name",
+                                  "fileName",
+                                  "scale",
+                                  "appearance",
+                                  "urdf_path",
+                                  "urdfPath",
+                                  "res_dir",
+                                  "resDir",
+                                  "collision_group",
+                                  "collisionGroup",
+                                  "collision_mask",
+                                  "collisionMask",
+                                  "body_type",
+                                  "linear_damping",
+                                  "linearDamping",
+                                  "angular_damping",
+                                  "angularDamping",
+                                  "gyroscopic_mode",
+                                  "gyroscopicMode"}) {
       std::string value;
       if (c.getAttributeIfExists(attribute, value)) objectClass.attributes[attribute] = value;
     }
@@ -558,10 +581,46 @@ class WorldConfigReader {
       }
     }
 
+    if (single && isMovableSingleBody(type)) readDamping(s, single);
+
     for (const VorSimTinyXmlWrapper& state : e.getChildren("state")) readState(state, object, single);
     for (const VorSimTinyXmlWrapper& control : e.getChildren("control")) readControl(control, object);
     std::string name;
     if (e.getAttributeIfExists("name", name)) object->setName(name);
+  }
+
+  // "linear_damping", "angular_damping" (three numbers, about the body's
+  // axes) and "gyroscopic_mode" of a movable single body.
+  void readDamping(const Source& s, SingleBodyObject* single) {
+    std::vector<double> values;
+    if (numbers(s, {"linear_damping", "linearDamping"}, values)) {
+      if (values.size() != 1)
+        s.element.errorMessage("the attribute 'linear_damping' should be one number");
+      else
+        single->setLinearDamping(values[0]);
+    }
+    if (numbers(s, {"angular_damping", "angularDamping"}, values)) {
+      if (values.size() != 3)
+        s.element.errorMessage("the attribute 'angular_damping' should have 3 numbers, not " +
+                               std::to_string(values.size()));
+      else
+        single->setAngularDamping(Mat<3, 1>{values[0], values[1], values[2]});
+    }
+    std::string mode;
+    if (text(s, {"gyroscopic_mode", "gyroscopicMode"}, mode)) {
+      if (mode == "implicit_body") {
+        single->setGyroscopicMode(IMPLICIT_GYROSCOPIC_FORCE_BODY);
+      } else if (mode == "implicit_world") {
+        single->setGyroscopicMode(IMPLICIT_GYROSCOPIC_FORCE_WORLD);
+      } else if (mode == "explicit") {
+        single->setGyroscopicMode(EXPLICIT_GYROSCOPIC_FORCE);
+      } else if (mode == "none") {
+        single->setGyroscopicMode(NO_GYROSCOPIC_FORCE);
+      } else {
+        s.element.errorMessage("Unknown gyroscopic mode: \"" + mode +
+                               "\". Available modes are: implicit_body, implicit_world, explicit, none");
+      }
+    }
   }
 
   // A vector attribute of exactly n numbers into out; false when absent or
@@ -835,7 +894,10 @@ class WorldConfigReader {
     } else if (type == "stiff") {
       wire = world_.addStiffWire(objects[0], local[0], pos[0].e(), objects[1], local[1], pos[1].e(), length);
     } else if (type == "custom") {
-      wire = world_.addCustomWire(objects[0], local[0], pos[0].e(), objects[1], local[1], pos[1].e(), length);
+      auto* custom = world_.addCustomWire(objects[0], local[0], pos[0].e(), objects[1], local[1], pos[1].e(), length);
+      double tension = 0.0;
+      if (xml::readNumberIfExists(w, "tension", tension)) custom->setTension(tension);
+      wire = custom;
     } else {
       w.errorMessage("Unknown wire type: \"" + type + "\". Available types are: compliant, stiff, custom");
       return;

@@ -95,6 +95,19 @@ const char* wireTypeName(int type) {
   }
 }
 
+const char* gyroscopicModeName(GyroscopicMode mode) {
+  switch (mode) {
+    case IMPLICIT_GYROSCOPIC_FORCE_WORLD:
+      return "implicit_world";
+    case EXPLICIT_GYROSCOPIC_FORCE:
+      return "explicit";
+    case NO_GYROSCOPIC_FORCE:
+      return "none";
+    default:
+      return "implicit_body";
+  }
+}
+
 const char* stretchTypeName(int type) {
   switch (type) {
     case LengthConstraint::BOTH:
@@ -295,6 +308,13 @@ bool World::exportToXml(const std::string& directory, const std::string& fileNam
       for (size_t r = 0; r < 3; ++r)
         for (size_t c = 0; c < 3; ++c) rows[3 * r + c] = I(r, c);
       e.setAttribute("inertia", rows, 9);
+      // Damping and the gyroscopic mode where they differ from a new body's.
+      if (single->getLinearDamping() != 0.0) e.setAttribute("linear_damping", single->getLinearDamping());
+      const Mat<3, 1>& angularDamping = single->getAngularDamping();
+      if (angularDamping[0] != 0.0 || angularDamping[1] != 0.0 || angularDamping[2] != 0.0)
+        e.setAttribute("angular_damping", angularDamping);
+      if (single->getGyroscopicMode() != IMPLICIT_GYROSCOPIC_FORCE_BODY)
+        e.setAttribute("gyroscopic_mode", gyroscopicModeName(single->getGyroscopicMode()));
     }
     if (!single->getAppearance().empty() && type != GROUND) e.setAttribute("appearance", single->getAppearance());
     // A height map's geom stays at its centre until it is moved; only a moved
@@ -321,6 +341,8 @@ bool World::exportToXml(const std::string& directory, const std::string& fileNam
     w.setAttribute("type", wireTypeName(wire->getWireType()));
     if (auto* compliant = dynamic_cast<CompliantLengthConstraint*>(wire.get()))
       w.setAttribute("stiffness", compliant->getStiffness());
+    if (auto* custom = dynamic_cast<CustomLengthConstraint*>(wire.get()))
+      if (custom->getTension() != 0.0) w.setAttribute("tension", custom->getTension());
     w.setAttribute("length", wire->getLength());
     if (!wire->getName().empty()) w.setAttribute("name", wire->getName());
     w.setAttribute("stretch_type", stretchTypeName(wire->getStretchType()));

@@ -208,10 +208,13 @@ TEST(WorldExport, RoundTripStepsBitForBit) {
   crate->setName("crate");
   place(crate, {0.9, 0.1, 0.2, 0.3}, {0.6, 0.0, 0.4});
   crate->setAppearance("red");
+  crate->setLinearDamping(0.3);
+  crate->setAngularDamping(Mat<3, 1>{0.1, 0.2, 0.05});
   auto* can = original.addCylinder(0.05, 0.2, 0.5, "steel");
   can->setName("can");
   place(can, {0.7, 0.7, 0.0, 0.0}, {-0.5, 0.0, 0.3});
   can->setInertia(Mat<3, 3>{0.01, 0.0, 0.0, 0.0, 0.02, 0.0, 0.0, 0.0, 0.03});
+  can->setGyroscopicMode(EXPLICIT_GYROSCOPIC_FORCE);
   auto* pill = original.addCapsule(0.05, 0.2, 0.5, "rubber", 2, 3);
   pill->setName("pill");
   place(pill, {1.0, 0.0, 0.0, 0.0}, {1.5, 0.0, 1.0});
@@ -295,7 +298,9 @@ TEST(WorldExport, RoundTripStepsBitForBit) {
   auto* spring = original.addCompliantWire(crate, 0, {0.1, 0.0, 0.0}, can, 0, {0.0, 0.0, 0.1}, 1.0, 40.0);
   spring->setName("spring");
   spring->setStretchType(LengthConstraint::COMPRESSION_ONLY);
-  original.addCustomWire(pendulum, 1, {0.0, 0.0, -0.3}, cube, 0, {0.0, 0.0, 0.0}, 0.5)->setName("rope");
+  auto* rope = original.addCustomWire(pendulum, 1, {0.0, 0.0, -0.3}, cube, 0, {0.0, 0.0, 0.0}, 0.5);
+  rope->setName("rope");
+  rope->setTension(3.0);
 
   // One step before the export: the sweep order has turned, which the file
   // carries. The solver options go on afterwards (switching the warm start
@@ -344,6 +349,9 @@ TEST(WorldExport, RoundTripStepsBitForBit) {
     EXPECT_EQ(geomData(sa->getCollisionObject()).material, geomData(sb->getCollisionObject()).material) << i;
     EXPECT_EQ(sa->getMass(), sb->getMass()) << i;
     EXPECT_EQ(sa->getAppearance(), sb->getAppearance()) << i;
+    EXPECT_EQ(sa->getLinearDamping(), sb->getLinearDamping()) << i;
+    EXPECT_EQ(std::memcmp(&sa->getAngularDamping(), &sb->getAngularDamping(), sizeof(Mat<3, 1>)), 0) << i;
+    EXPECT_EQ(sa->getGyroscopicMode(), sb->getGyroscopicMode()) << i;
     EXPECT_EQ(std::memcmp(&sa->getInertiaMatrix_B(), &sb->getInertiaMatrix_B(), sizeof(Mat<3, 3>)), 0) << i;
     EXPECT_EQ(std::memcmp(&sa->getComPosition(), &sb->getComPosition(), sizeof(Mat<3, 1>)), 0) << i;
     EXPECT_EQ(std::memcmp(&sa->getRotationMatrix(), &sb->getRotationMatrix(), sizeof(Mat<3, 3>)), 0) << i;
@@ -384,6 +392,7 @@ TEST(WorldExport, RoundTripStepsBitForBit) {
     EXPECT_EQ(a.getLocalIdx1(), b.getLocalIdx1());
     EXPECT_EQ(std::memcmp(&a.getOb2MountPos(), &b.getOb2MountPos(), sizeof(Mat<3, 1>)), 0);
   }
+  EXPECT_EQ(dynamic_cast<const CustomLengthConstraint&>(*copy.getWires()[2]).getTension(), 3.0);
 
   EXPECT_FALSE(copy.getContactSolver().isForwardOrder());
   EXPECT_TRUE(copy.getWarmStart());

@@ -451,6 +451,11 @@ TEST(WorldFile, BadInputEndsInLocatedMessages) {
       {"<articulated_system urdf_path=\"" VORSIM_TEST_DATA_DIR "/world/pendulum.urdf\"><control force=\"x\"/>"
        "</articulated_system>",
        "the attribute 'force' holds text that is not a number: 'x'"},
+      {"<box mass=\"1\" dim=\"1 1 1\" angular_damping=\"1 2\"/>",
+       "the attribute 'angular_damping' should have 3 numbers, not 2"},
+      {"<box mass=\"1\" dim=\"1 1 1\" linear_damping=\"1 2\"/>", "the attribute 'linear_damping' should be one number"},
+      {"<box mass=\"1\" dim=\"1 1 1\" gyroscopic_mode=\"implicit\"/>",
+       "Unknown gyroscopic mode: \"implicit\". Available modes are: implicit_body, implicit_world, explicit, none"},
       {"<sphere mass=\"1\" radius=\"1\"><control mode=\"force_control\"/></sphere>",
        "the node 'control': control is only for articulated systems"},
   };
@@ -560,6 +565,54 @@ TEST(WorldFile, AFailedReadReleasesWhatWasBuilt) {
   world.addSphere(0.1, 1.0);
   world.integrate();
   EXPECT_EQ(world.getWorldStep(), 1);
+}
+
+TEST(WorldFile, DampingAndGyroscopicModes) {
+  World world(writeTemp("damped.xml", R"(<vorsim>
+<object_class name="heavy" type="box" dim="1 1 1" mass="2" linear_damping="0.5" gyroscopic_mode="none"/>
+<objects>
+  <box name="a" mass="1" dim="1 1 1" linear_damping="0.25" angular_damping="0.1 0.2 0.3"/>
+  <sphere name="b" mass="1" radius="1" linearDamping="2" angularDamping="1 1 1" gyroscopicMode="implicit_world"/>
+  <capsule name="c" mass="1" radius="0.1" height="1" gyroscopic_mode="explicit"/>
+  <cylinder name="d" mass="1" radius="0.1" height="1" gyroscopic_mode="implicit_body"/>
+  <heavy name="e"/>
+  <heavy name="f" linear_damping="0" gyroscopic_mode="explicit"/>
+</objects>
+</vorsim>)"));
+  struct Expected {
+    const char* name;
+    double linear;
+    Mat<3, 1> angular;
+    GyroscopicMode mode;
+  };
+  const Expected expected[] = {
+      {"a", 0.25, {0.1, 0.2, 0.3}, IMPLICIT_GYROSCOPIC_FORCE_BODY},
+      {"b", 2.0, {1.0, 1.0, 1.0}, IMPLICIT_GYROSCOPIC_FORCE_WORLD},
+      {"c", 0.0, {0.0, 0.0, 0.0}, EXPLICIT_GYROSCOPIC_FORCE},
+      {"d", 0.0, {0.0, 0.0, 0.0}, IMPLICIT_GYROSCOPIC_FORCE_BODY},
+      {"e", 0.5, {0.0, 0.0, 0.0}, NO_GYROSCOPIC_FORCE},
+      {"f", 0.0, {0.0, 0.0, 0.0}, EXPLICIT_GYROSCOPIC_FORCE},
+  };
+  for (const Expected& x : expected) {
+    auto* body = find<SingleBodyObject>(world, x.name);
+    ASSERT_NE(body, nullptr);
+    EXPECT_EQ(body->getLinearDamping(), x.linear) << x.name;
+    for (size_t i = 0; i < 3; ++i) EXPECT_EQ(body->getAngularDamping()[i], x.angular[i]) << x.name;
+    EXPECT_EQ(body->getGyroscopicMode(), x.mode) << x.name;
+  }
+  // Written back: every mode by its name, damping only where a body has it.
+  {
+    StdoutCapture quiet;
+    ASSERT_TRUE(world.exportToXml(testing::TempDir(), "vorsim_world_damped_back.xml"));
+  }
+  World back(testing::TempDir() + "vorsim_world_damped_back.xml");
+  for (const Expected& x : expected) {
+    auto* body = find<SingleBodyObject>(back, x.name);
+    ASSERT_NE(body, nullptr);
+    EXPECT_EQ(body->getLinearDamping(), x.linear) << x.name;
+    for (size_t i = 0; i < 3; ++i) EXPECT_EQ(body->getAngularDamping()[i], x.angular[i]) << x.name;
+    EXPECT_EQ(body->getGyroscopicMode(), x.mode) << x.name;
+  }
 }
 
 // ------------------------------------------------------- solver settings --
