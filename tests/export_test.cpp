@@ -119,6 +119,10 @@ Child robotTree(Joint::Type rootType) {
   Child cylinder = body("link3", "j3", Joint::REVOLUTE, 0.3);
   cylinder.axis = {0.0, 0.0, 1.0};
   cylinder.pos = {0.0, 0.0, 0.2};
+  // Pitched by 90 degrees (then rolled): only the difference of roll and yaw
+  // is defined there, and the URDF angles must still give this rotation.
+  const double c = std::sqrt(0.5), cx = std::cos(0.15), sx = std::sin(0.15);
+  cylinder.rot = rotation(c * cx, c * sx, c * cx, -c * sx);
   cylinder.collisionBodies.emplace_back(Shape::Cylinder, Mat<4, 1>{0.02, 0.1, 0.0, 0.0}, Mat<3, 1>{0.0, 0.0, 0.05},
                                         Mat<3, 3>::getIdentity(), Mat<3, 1>{1.0, 1.0, 1.0}, "c/0", "", "", "");
   ball.child.push_back(cylinder);
@@ -227,6 +231,9 @@ TEST(WorldExport, RoundTripStepsBitForBit) {
   auto* scaled = original.addMesh(kData + "/meshes/cube.obj", 2.0, 0.3, "rubber");
   scaled->setName("scaled");
   place(scaled, {1.0, 0.0, 0.0, 0.0}, {0.0, -0.8, 0.3});
+  auto* twin = original.addMesh(cube, "steel");  // no file: written as OBJ
+  twin->setName("twin");
+  place(twin, {0.9, 0.3, 0.0, 0.1}, {0.8, -0.8, 0.3});
 
   std::vector<Compound::CompoundObjectChild> parts(3);
   parts[0].objectType = BOX;
@@ -319,7 +326,10 @@ TEST(WorldExport, RoundTripStepsBitForBit) {
   const std::string text = readFile(dir + "vorsim_roundtrip.xml");
   EXPECT_NE(text.find("<vorsim version=\"1.1.7\">"), std::string::npos);
   EXPECT_NE(text.find("name=\"unnamed_1\""), std::string::npos);
-  EXPECT_NE(text.find("rot=\""), std::string::npos);  // the compound's turned box
+  // Only the compound's turned box needs its matrix: the other children's
+  // quaternions give their rotations back exactly.
+  EXPECT_NE(text.find("rot=\""), std::string::npos);
+  EXPECT_EQ(text.find("rot=\"", text.find("rot=\"") + 1), std::string::npos);
   EXPECT_EQ(text.find("object_class"), std::string::npos);
   EXPECT_NE(readFile(dir + "vorsim_roundtrip_coded.urdf").find("<robot name=\"coded\">"), std::string::npos);
 
@@ -369,6 +379,11 @@ TEST(WorldExport, RoundTripStepsBitForBit) {
       EXPECT_EQ(std::memcmp(pa, pb, sizeof(pa)), 0) << i;
     }
   };
+  auto* twinCopy = dynamic_cast<Mesh*>(copy.getObject("twin"));
+  ASSERT_NE(twinCopy, nullptr);
+  EXPECT_FALSE(twin->getMeshVertices().empty());
+  EXPECT_EQ(twinCopy->getMeshVertices(), twin->getMeshVertices());
+  EXPECT_EQ(twinCopy->getMeshIndices(), twin->getMeshIndices());
   auto* bellCopy = dynamic_cast<Compound*>(copy.getObject("bell"));
   for (size_t k = 0; k < 3; ++k) {
     EXPECT_EQ(std::memcmp(&bellCopy->getChildren()[k].rotation, &parts[k].rotation, sizeof(Mat<3, 3>)), 0) << k;
