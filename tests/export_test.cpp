@@ -231,7 +231,8 @@ TEST(WorldExport, RoundTripStepsBitForBit) {
   auto* scaled = original.addMesh(kData + "/meshes/cube.obj", 2.0, 0.3, "rubber");
   scaled->setName("scaled");
   place(scaled, {1.0, 0.0, 0.0, 0.0}, {0.0, -0.8, 0.3});
-  auto* twin = original.addMesh(cube, "steel");  // no file: written as OBJ
+  auto* twin = original.addMesh(cube, "steel");
+  twin->setMeshSource("", 1.0);  // its triangles only, from no file: written as OBJ
   twin->setName("twin");
   place(twin, {0.9, 0.3, 0.0, 0.1}, {0.8, -0.8, 0.3});
 
@@ -384,6 +385,7 @@ TEST(WorldExport, RoundTripStepsBitForBit) {
   EXPECT_FALSE(twin->getMeshVertices().empty());
   EXPECT_EQ(twinCopy->getMeshVertices(), twin->getMeshVertices());
   EXPECT_EQ(twinCopy->getMeshIndices(), twin->getMeshIndices());
+  EXPECT_NE(text.find("fileName=\"[THIS_DIR]/vorsim_roundtrip_twin.obj\""), std::string::npos);
   auto* bellCopy = dynamic_cast<Compound*>(copy.getObject("bell"));
   for (size_t k = 0; k < 3; ++k) {
     EXPECT_EQ(std::memcmp(&bellCopy->getChildren()[k].rotation, &parts[k].rotation, sizeof(Mat<3, 3>)), 0) << k;
