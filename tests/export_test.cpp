@@ -309,6 +309,7 @@ TEST(WorldExport, RoundTripStepsBitForBit) {
   auto* rope = original.addCustomWire(pendulum, 1, {0.0, 0.0, -0.3}, cube, 0, {0.0, 0.0, 0.0}, 0.5);
   rope->setName("rope");
   rope->setTension(3.0);
+  original.addCompliantWire(cube, 0, {0.0, 0.05, 0.0}, pendulum, 1, {0.0, 0.0, -0.2}, 0.9, 25.0)->setName("band");
 
   // One step before the export: the sweep order has turned, which the file
   // carries. The solver options go on afterwards (switching the warm start
@@ -396,8 +397,8 @@ TEST(WorldExport, RoundTripStepsBitForBit) {
             dynamic_cast<HeightMap*>(original.getObject("terrain"))->getHeightMap());
   auto* codedCopy = dynamic_cast<ArticulatedSystem*>(copy.getObject("coded"));
   vorsim_test::expectSameTables(*coded, *codedCopy, 1e-12);
-  ASSERT_EQ(copy.getWires().size(), 3u);
-  for (size_t k = 0; k < 3; ++k) {
+  ASSERT_EQ(copy.getWires().size(), 4u);
+  for (size_t k = 0; k < 4; ++k) {
     const LengthConstraint& a = *original.getWires()[k];
     const LengthConstraint& b = *copy.getWires()[k];
     EXPECT_EQ(a.getWireType(), b.getWireType());
@@ -407,6 +408,7 @@ TEST(WorldExport, RoundTripStepsBitForBit) {
     EXPECT_EQ(a.getBody1()->getIndexInWorld(), b.getBody1()->getIndexInWorld());
     EXPECT_EQ(a.getBody2()->getIndexInWorld(), b.getBody2()->getIndexInWorld());
     EXPECT_EQ(a.getLocalIdx1(), b.getLocalIdx1());
+    EXPECT_EQ(a.getLocalIdx2(), b.getLocalIdx2());
     EXPECT_EQ(std::memcmp(&a.getOb2MountPos(), &b.getOb2MountPos(), sizeof(Mat<3, 1>)), 0);
   }
   EXPECT_EQ(dynamic_cast<const CustomLengthConstraint&>(*copy.getWires()[2]).getTension(), 3.0);
