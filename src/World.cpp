@@ -536,6 +536,14 @@ void World::removeObject(LengthConstraint* wire) {
 
 const RayCollisionList& World::rayTest(const Eigen::Vector3d& start, const Eigen::Vector3d& direction, double length,
                                        bool closestOnly, size_t objectIndex, size_t localIndex, size_t collisionMask) {
+  // The collision library normalises the direction and stops the process on
+  // one it cannot normalise (zero, or not finite, as a lidar with one pitch
+  // sample makes): such a ray hits nothing.
+  const double directionNorm = direction.squaredNorm();
+  if (!(directionNorm > 0.0 && directionNorm < std::numeric_limits<double>::infinity())) {
+    rayContactList_.size = 0;
+    return rayContactList_;
+  }
   setCollisionBits(rayGeom_, 0xFFFFFFFFu, collisionMask);
   GeomData& rayData = geomData(rayGeom_);
   rayData.objectIndex = objectIndex;

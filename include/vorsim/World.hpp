@@ -191,7 +191,8 @@ class World {
   // ---- rays ----
   // Casts one ray against the space. With closestOnly the nearest hit is in
   // item 0 and size is 1. Geoms of the owner (objectIndex, localIndex) are left
-  // out. The list stays valid until the next call.
+  // out. The list stays valid until the next call. A direction that is zero
+  // or not finite hits nothing.
   const RayCollisionList& rayTest(const Eigen::Vector3d& start, const Eigen::Vector3d& direction, double length,
                                   bool closestOnly = true, size_t objectIndex = size_t(-1),
                                   size_t localIndex = size_t(-1), size_t collisionMask = kAllBits);
