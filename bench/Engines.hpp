@@ -11,17 +11,23 @@
 
 namespace vorsim_bench {
 
-// vorsim's own knobs: the solver's sweep limit and error threshold, and the
-// penetration-recovery rate. "default" is the library as it comes; "fast"
-// stops the sweeps at a mean squared velocity error of 1e-6 (m/s)^2 and
-// recovers penetration at 10/s.
+// vorsim's own knobs: the solver's sweep limit and error threshold, the
+// penetration-recovery rate, and the two solver options. "default" is the
+// library as it comes; "fast" stops the sweeps at a mean squared velocity
+// error of 1e-6 (m/s)^2 and recovers penetration at 10/s. "warm" and
+// "fast warm" are the same with the warm start on, "exact" and "fast exact"
+// with exact Coulomb sliding on, "warm exact" and "fast warm exact" with both.
 struct VorsimSettings {
   std::string label = "default";
   int maxIter = 150;
   double threshold = 1e-8;
   double erp = 0.3;
+  bool warmStart = false;
+  bool exactCoulomb = false;
 };
-std::vector<VorsimSettings> vorsimConfigurations();
+// Every configuration, or those whose label is in `labels` (comma-separated;
+// empty selects all).
+std::vector<VorsimSettings> vorsimConfigurations(const std::string& labels = "");
 std::unique_ptr<Engine> makeVorsimEngine(const VorsimSettings& settings);
 
 // ---- MuJoCo ----

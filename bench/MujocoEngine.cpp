@@ -18,6 +18,8 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 namespace vorsim_bench {
 
@@ -67,6 +69,7 @@ class MujocoEngine : public Engine {
   }
 
   void build(const SceneDesc& scene) override {
+    if (scene.hasRobot) return buildRobot(scene);
     n_ = scene.bodies.size();
     dampRatio_ = restitutionDampRatio(scene.restitution);
     const std::string xml = makeXml(scene);
@@ -103,15 +106,42 @@ class MujocoEngine : public Engine {
     mj_forward(model_, data_);
   }
 
-  void step() override { mj_step(model_, data_); }
+  void step() override {
+    // PD control as applied generalized forces, from the state of the start
+    // of the step.
+    for (const PdJoint& j : pd_) data_->qfrc_applied[j.dof] = -kp_ * data_->qpos[j.qpos] - kd_ * data_->qvel[j.dof];
+    mj_step(model_, data_);
+  }
 
   void position(size_t i, double out[3]) const override {
+    if (robot_) {
+      // The centre of mass of the state after the step (mj_step leaves the
+      // one of its start).
+      mj_forward(model_, data_);
+      for (int k = 0; k < 3; ++k) out[k] = data_->subtree_com[k];
+      return;
+    }
     for (int k = 0; k < 3; ++k) out[k] = data_->qpos[qposAdr_[i] + k];
   }
   void velocity(size_t i, double out[3]) const override {
+    if (robot_) {
+      for (int k = 0; k < 3; ++k) out[k] = data_->qvel[k];
+      return;
+    }
     for (int k = 0; k < 3; ++k) out[k] = data_->qvel[dofAdr_[i] + k];
   }
   int contactCount() const override { return data_->ncon; }
+  double energy() const override {
+    if (!robot_) return NAN;
+    // Energies are computed only while the flag is on; it stays off for the
+    // timed steps.
+    model_->opt.enableflags |= mjENBL_ENERGY;
+    mj_forward(model_, data_);
+    mj_energyPos(model_, data_);
+    mj_energyVel(model_, data_);
+    model_->opt.enableflags &= ~mjENBL_ENERGY;
+    return data_->energy[0] + data_->energy[1];
+  }
   int solverIterations() const override { return data_->solver_iter; }
 
   std::string warnings() const override {
@@ -132,6 +162,110 @@ class MujocoEngine : public Engine {
   }
 
  private:
+  // The robot file as MuJoCo's URDF import reads it, with what it needs to
+  // simulate the same bodies as vorsim: no visual or collision elements (it
+  // cannot read some of them, and would derive the inertia of links without
+  // <inertial> from them), no inertia on links of zero mass (vorsim gives
+  // them none), links on fixed joints kept as bodies, a lower bound on the
+  // mass of the humanoid's massless links that MuJoCo needs, and a floating
+  // or fixed joint from "world" to the root link. Contact, limits, friction
+  // loss and the panda's mimic equality are switched off: the scenes are
+  // contact-free, and vorsim's robots have no joint limits yet.
+  void buildRobot(const SceneDesc& scene) {
+    const RobotDesc& r = scene.robot;
+    robot_ = true;
+    kp_ = r.kp;
+    kd_ = r.kd;
+    std::ifstream in(robotFile(r));
+    std::stringstream buffer;
+    buffer << in.rdbuf();
+    std::string text = withoutMasslessInertials(withoutElements(withoutElements(buffer.str(), "visual"), "collision"));
+    const std::string root = rootLink(text);
+    const size_t end = text.find('>', text.find("<robot")) + 1;
+    text.insert(end,
+                "<mujoco><compiler fusestatic=\"false\" inertiafromgeom=\"false\" discardvisual=\"true\" "
+                "boundmass=\"1e-13\" boundinertia=\"1e-13\"/></mujoco><link name=\"world\"/><joint "
+                "name=\"bench_base\" type=\"" +
+                    std::string(r.floating ? "floating" : "fixed") + "\"><origin xyz=\"0 0 " +
+                    std::to_string(r.floating ? 0.0 : r.baseHeight) + "\"/><parent link=\"world\"/><child link=\"" +
+                    root + "\"/></joint>");
+
+    auto vfs = std::make_unique<mjVFS>();
+    mj_defaultVFS(vfs.get());
+    const char* file = "robot.urdf";
+    if (mj_makeEmptyFileVFS(vfs.get(), file, int(text.size())) != 0) throw std::runtime_error("MuJoCo VFS full");
+    std::memcpy(vfs->filedata[mj_findFileVFS(vfs.get(), file)], text.data(), text.size());
+    char error[1000] = "";
+    model_ = mj_loadXML(file, vfs.get(), error, sizeof error);
+    mj_deleteVFS(vfs.get());
+    if (!model_) throw std::runtime_error(std::string("MuJoCo could not load the robot: ") + error);
+    model_->opt.timestep = scene.dt;
+    model_->opt.gravity[0] = model_->opt.gravity[1] = 0.0;
+    model_->opt.gravity[2] = scene.gravity;
+    model_->opt.integrator = s_.integrator;
+    model_->opt.disableflags |= mjDSBL_CONSTRAINT;
+    data_ = mj_makeData(model_);
+
+    std::vector<std::string> names;
+    for (int j = 0; j < model_->njnt; ++j)
+      if (model_->jnt_type[j] == mjJNT_HINGE || model_->jnt_type[j] == mjJNT_SLIDE)
+        names.push_back(mj_id2name(model_, mjOBJ_JOINT, j));
+    for (int j = 0; j < model_->njnt; ++j) {
+      const int q = model_->jnt_qposadr[j];
+      if (model_->jnt_type[j] == mjJNT_FREE) {
+        for (int k = 0; k < 7; ++k) data_->qpos[q + k] = k == 2 ? r.baseHeight : (k == 3 ? 1.0 : 0.0);
+      } else if (model_->jnt_type[j] == mjJNT_HINGE || model_->jnt_type[j] == mjJNT_SLIDE) {
+        data_->qpos[q] =
+            robotJointStart(r, names, mj_id2name(model_, mjOBJ_JOINT, j), model_->jnt_type[j] == mjJNT_SLIDE);
+        if (r.kp > 0.0 || r.kd > 0.0) pd_.push_back({q, model_->jnt_dofadr[j]});
+      }
+    }
+    mj_forward(model_, data_);
+  }
+
+  static std::string withoutElements(std::string text, const std::string& tag) {
+    for (size_t at = text.find("<" + tag); at != std::string::npos; at = text.find("<" + tag, at)) {
+      const char after = text[at + tag.size() + 1];
+      if (after != ' ' && after != '>' && after != '/' && after != '\n' && after != '\t' && after != '\r') {
+        ++at;
+        continue;
+      }
+      const size_t close = text.find('>', at);
+      size_t end = close + 1;
+      if (text[close - 1] != '/') end = text.find("</" + tag + ">", at) + tag.size() + 3;
+      text.erase(at, end - at);
+    }
+    return text;
+  }
+
+  static std::string withoutMasslessInertials(std::string text) {
+    for (size_t at = text.find("<inertial"); at != std::string::npos; at = text.find("<inertial", at + 1)) {
+      const size_t end = text.find("</inertial>", at) + std::string("</inertial>").size();
+      const size_t mass = text.find("<mass", at);
+      if (mass == std::string::npos || mass > end) continue;
+      const size_t quote = text.find('"', text.find("value", mass)) + 1;
+      if (std::stod(text.substr(quote, text.find('"', quote) - quote)) != 0.0) continue;
+      text.erase(at, end - at);
+    }
+    return text;
+  }
+
+  // The link that is no joint's child.
+  static std::string rootLink(const std::string& text) {
+    auto attribute = [&text](size_t from, const std::string& name) {
+      const size_t a = text.find('"', text.find(name + "=", from)) + 1;
+      return text.substr(a, text.find('"', a) - a);
+    };
+    std::vector<std::string> links, children;
+    for (size_t at = text.find("<link"); at != std::string::npos; at = text.find("<link", at + 1))
+      if (text[at + 5] == ' ') links.push_back(attribute(at, "name"));
+    for (size_t at = text.find("<child"); at != std::string::npos; at = text.find("<child", at + 1))
+      children.push_back(attribute(at, "link"));
+    for (const std::string& l : links)
+      if (std::find(children.begin(), children.end(), l) == children.end()) return l;
+    return {};
+  }
+
   std::string makeXml(const SceneDesc& scene) const {
     std::ostringstream x;
     x.precision(17);
@@ -174,9 +308,15 @@ class MujocoEngine : public Engine {
     return x.str();
   }
 
+  struct PdJoint {
+    int qpos, dof;
+  };
   MujocoSettings s_;
   mjModel* model_ = nullptr;
   mjData* data_ = nullptr;
+  bool robot_ = false;
+  double kp_ = 0.0, kd_ = 0.0;
+  std::vector<PdJoint> pd_;
   size_t n_ = 0;
   double dampRatio_ = 1.0;
   std::vector<int> qposAdr_, dofAdr_;

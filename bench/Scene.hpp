@@ -6,6 +6,7 @@
 #ifndef VORSIM_BENCH_SCENE_HPP
 #define VORSIM_BENCH_SCENE_HPP
 
+#include <cmath>
 #include <memory>
 #include <string>
 #include <utility>
@@ -37,6 +38,19 @@ struct TimingWindow {
   int end = 0;
 };
 
+// A robot read from a file of models/ by every engine, with no ground and no
+// contact: a free base in the air, its joints driven by PD control toward
+// zero, or a fixed base under gravity alone. Joint j starts at
+// +-jointStart, the sign alternating over the joint names in alphabetical
+// order (the same in every engine, whatever order it keeps its joints in).
+struct RobotDesc {
+  std::string file;  // relative to models/
+  bool floating = true;
+  double baseHeight = 1.0;    // initial base height (free) or the base's height (fixed)
+  double kp = 0.0, kd = 0.0;  // PD gains of every joint; 0 leaves the joints free
+  double jointStart = 0.0;
+};
+
 struct SceneDesc {
   std::string key;    // "a" .. "e"
   std::string title;  // one line for the table
@@ -51,6 +65,8 @@ struct SceneDesc {
   int steps = 1000;                   // steps of one run, all of them timed in some window
   std::vector<TimingWindow> windows;  // the first one is the headline number
   int contactWindowBegin = 0;         // contacts per step are averaged over [this, steps)
+  bool hasRobot = false;              // the scene is the robot alone
+  RobotDesc robot;
 };
 
 // One engine holding one built scene.
@@ -64,6 +80,7 @@ class Engine {
   virtual void build(const SceneDesc& scene) = 0;
   virtual void step() = 0;
   // State of free body i (the index in SceneDesc::bodies) after the last step.
+  // In a robot scene, index 0 is the robot's centre of mass.
   virtual void position(size_t i, double out[3]) const = 0;
   virtual void velocity(size_t i, double out[3]) const = 0;
   // Contact points the engine worked with in the last step, as it counts them.
@@ -71,12 +88,15 @@ class Engine {
   // Iterations (sweeps) the contact solver made in the last step, or a
   // negative number when the engine does not tell.
   virtual int solverIterations() const { return -1; }
+  // Kinetic plus potential energy of a robot scene (gravity only), after the
+  // last step; NaN where the engine does not tell.
+  virtual double energy() const { return NAN; }
   // Anything that went wrong that the numbers would not show (overflowed
   // buffers and the like); empty when all is well.
   virtual std::string warnings() const { return {}; }
 };
 
-// The five scenes, in the order a to e.
+// The five contact scenes a to e, then the robot scenes f to i.
 std::vector<SceneDesc> makeScenes();
 
 // The physical error figure of a scene, computed from the bodies' states only,
@@ -96,6 +116,15 @@ class Monitor {
 };
 
 std::unique_ptr<Monitor> makeMonitor(const SceneDesc& scene);
+
+// The robot's file, in the repository's models/ folder.
+std::string robotFile(const RobotDesc& robot);
+// The text of a robot file with its root link fixed to a "world" link at
+// height z (what both engines read for a fixed base).
+std::string fixedBaseText(const std::string& urdf, const std::string& rootLink, double z);
+// Initial coordinate of the joint called `name` among `names` (all movable
+// joints of the robot).
+double robotJointStart(const RobotDesc& robot, std::vector<std::string> names, const std::string& name, bool prismatic);
 
 }  // namespace vorsim_bench
 

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <limits>
 #include <numeric>
+#include <string>
+#include <vector>
 
 #include "Scene.hpp"
 
@@ -405,14 +407,100 @@ class BounceMonitor : public Monitor {
   double apex_ = 0.0, impactSpeed_ = 0.0;
 };
 
+// ---------------------------------------------------------- robot scenes --
+
+SceneDesc robotScene(const std::string& key, const std::string& title, const RobotDesc& robot) {
+  SceneDesc s;
+  s.key = key;
+  s.title = title;
+  s.ground = false;
+  s.hasRobot = true;
+  s.robot = robot;
+  s.steps = 2000;
+  s.windows = {{robot.floating ? "in flight, 0-2 s" : "swinging, 0-2 s", 0, 2000}};
+  return s;
+}
+
+std::vector<SceneDesc> robotScenes() {
+  return {robotScene("f", "floating quadruped (ANYmal B) in the air, PD control",
+                     {"anymal_b/anymal.urdf", true, 1.0, 50.0, 1.0, 0.4}),
+          robotScene("g", "fixed-base arm (Panda) swinging under gravity",
+                     {"franka_panda/panda.urdf", false, 0.0, 0.0, 0.0, 0.5}),
+          robotScene("h", "floating quadruped (Minitaur) in the air, PD control",
+                     {"minitaur/minitaur.urdf", true, 1.0, 5.0, 0.1, 0.4}),
+          robotScene("i", "floating humanoid in the air, PD control",
+                     {"humanoid_mjcf_port/humanoid.urdf", true, 1.5, 100.0, 2.0, 0.3})};
+}
+
+// A free robot's centre of mass follows the ballistic path whatever its
+// joints do: the largest distance from it, starting at rest.
+class BallisticMonitor : public Monitor {
+ public:
+  BallisticMonitor(double dt, double g) : dt_(dt), g_(g) {}
+  void observe(const Engine& e, int step) override {
+    double c[3];
+    e.position(0, c);
+    if (step == 0) {
+      // The first observation is one step after the start, from rest.
+      for (int k = 0; k < 3; ++k) start_[k] = c[k];
+      start_[2] -= 0.5 * g_ * dt_ * dt_;
+    }
+    const double t = dt_ * (step + 1);
+    const double expected[3] = {start_[0], start_[1], start_[2] + 0.5 * g_ * t * t};
+    worst_ = std::max(worst_, dist(c, expected));
+  }
+  PhysicsResult result() const override { return {"centre of mass off the ballistic path, largest (m)", worst_, {}}; }
+
+ private:
+  double dt_, g_;
+  double start_[3] = {0, 0, 0};
+  double worst_ = 0.0;
+};
+
+// An undamped arm without control keeps its energy: the largest change.
+class EnergyMonitor : public Monitor {
+ public:
+  void observe(const Engine& e, int step) override {
+    const double energy = e.energy();
+    if (step == 0) first_ = energy;
+    worst_ = std::max(worst_, std::abs(energy - first_));
+    if (!std::isfinite(energy)) worst_ = NAN;
+  }
+  PhysicsResult result() const override { return {"energy drift from step 1, largest (J)", worst_, {}}; }
+
+ private:
+  double first_ = 0.0, worst_ = 0.0;
+};
+
 }  // namespace
 
+std::string robotFile(const RobotDesc& robot) { return std::string(VORSIM_BENCH_MODELS_DIR) + "/" + robot.file; }
+
+std::string fixedBaseText(const std::string& urdf, const std::string& rootLink, double z) {
+  const size_t end = urdf.find('>', urdf.find("<robot")) + 1;
+  return urdf.substr(0, end) + "<link name=\"world\"/><joint name=\"bench_base\" type=\"fixed\"><origin xyz=\"0 0 " +
+         std::to_string(z) + "\"/><parent link=\"world\"/><child link=\"" + rootLink + "\"/></joint>" +
+         urdf.substr(end);
+}
+
+double robotJointStart(const RobotDesc& robot, std::vector<std::string> names, const std::string& name,
+                       bool prismatic) {
+  std::sort(names.begin(), names.end());
+  const size_t rank = size_t(std::find(names.begin(), names.end(), name) - names.begin());
+  const double sign = rank % 2 == 0 ? 1.0 : -1.0;
+  return sign * (prismatic ? 0.01 : robot.jointStart);
+}
+
 std::vector<SceneDesc> makeScenes() {
-  return {restingSphere(), sphereBin(), boxPyramid(), slidingBox(), bouncingSphere()};
+  std::vector<SceneDesc> scenes{restingSphere(), sphereBin(), boxPyramid(), slidingBox(), bouncingSphere()};
+  for (SceneDesc& s : robotScenes()) scenes.push_back(s);
+  return scenes;
 }
 
 std::unique_ptr<Monitor> makeMonitor(const SceneDesc& s) {
   const int last = s.steps - 1;
+  if (s.hasRobot && s.robot.floating) return std::make_unique<BallisticMonitor>(s.dt, s.gravity);
+  if (s.hasRobot) return std::make_unique<EnergyMonitor>();
   if (s.key == "a") return std::make_unique<RestingMonitor>(s.bodies[0].radius, s.windows[0].begin);
   if (s.key == "b") return std::make_unique<BinMonitor>(s.bodies.size(), s.bodies[0].radius, 2000, last);
   if (s.key == "c") return std::make_unique<DriftMonitor>(s, int(std::lround(1.0 / s.dt)) - 1, last);

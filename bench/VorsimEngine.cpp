@@ -1,10 +1,14 @@
 // vorsim built from a scene description, with the solver settings of a
 // configuration (the library's defaults, or the faster one).
+#include <cmath>
 #include <cstdio>
+#include <fstream>
+#include <sstream>
 #include <vector>
 
 #include "Engines.hpp"
 #include "vorsim/World.hpp"
+#include "vorsim/object/ArticulatedSystem/ArticulatedSystem.hpp"
 #include "vorsim/object/Primitives.hpp"
 
 namespace vorsim_bench {
@@ -21,15 +25,19 @@ class VorsimEngine : public Engine {
     char text[256];
     std::snprintf(text, sizeof text,
                   "per-contact Gauss-Seidel with exact cone projection, max %d sweeps, threshold %g, "
-                  "erp %g 1/s, erp2 %g, sweep-and-prune broadphase",
-                  s.maxIter, s.threshold, s.erp, s.erp2);
+                  "erp %g 1/s, erp2 %g, sweep-and-prune broadphase%s%s",
+                  s.maxIter, s.threshold, s.erp, s.erp2, s.warmStart ? ", warm start" : "",
+                  s.exactCoulomb ? ", exact Coulomb sliding" : "");
     return text;
   }
 
   void build(const SceneDesc& scene) override {
+    if (scene.hasRobot) return buildRobot(scene);
     world_.setTimeStep(scene.dt);
     world_.setContactSolverParam(1.0, 1.0, 1.0, settings_.maxIter, settings_.threshold);
     world_.setERP(settings_.erp, world_.getContactSolver().erp2);
+    world_.setWarmStart(settings_.warmStart);
+    world_.setExactCoulombSliding(settings_.exactCoulomb);
     world_.setGravity(Eigen::Vector3d(0, 0, scene.gravity));
     world_.setDefaultMaterial(scene.friction, scene.restitution, scene.restitutionThreshold);
     world_.setMaterialPairProp("mat", "mat", scene.friction, scene.restitution, scene.restitutionThreshold);
@@ -54,30 +62,109 @@ class VorsimEngine : public Engine {
   void step() override { world_.integrate(); }
 
   void position(size_t i, double out[3]) const override {
+    if (robot_) {
+      // The centre of mass of the whole robot.
+      double m = 0.0;
+      for (size_t k = 0; k < 3; ++k) out[k] = 0.0;
+      for (size_t b = 0; b < robot_->nbody; ++b) {
+        m += robot_->massOf[b];
+        for (size_t k = 0; k < 3; ++k) out[k] += robot_->massOf[b] * robot_->comW[b][k];
+      }
+      for (size_t k = 0; k < 3; ++k) out[k] /= m;
+      return;
+    }
     const auto& p = bodies_[i]->getPosition();
     for (size_t k = 0; k < 3; ++k) out[k] = p[k];
   }
   void velocity(size_t i, double out[3]) const override {
+    if (robot_) {
+      for (size_t k = 0; k < 3; ++k) out[k] = robot_->gv[k];
+      return;
+    }
     const auto& v = bodies_[i]->getLinearVelocity();
     for (size_t k = 0; k < 3; ++k) out[k] = v[k];
   }
   int contactCount() const override { return int(world_.getContactProblem().size()); }
+  double energy() const override { return robot_ ? robot_->getEnergy(world_.getGravity()) : NAN; }
   int solverIterations() const override { return world_.getContactSolver().getLoopCounter(); }
 
  private:
+  // The robot with collision mask 0 (its links would touch each other, and
+  // the scene has nothing else), PD gains on the joints, not on a free base.
+  void buildRobot(const SceneDesc& scene) {
+    const RobotDesc& r = scene.robot;
+    world_.setTimeStep(scene.dt);
+    world_.setGravity(Eigen::Vector3d(0, 0, scene.gravity));
+    const std::string file = robotFile(r);
+    if (r.floating) {
+      robot_ = world_.addArticulatedSystem(file, "", {}, 1, 0);
+    } else {
+      std::ifstream in(file);
+      std::stringstream text;
+      text << in.rdbuf();
+      const std::string root = vorsim::ArticulatedSystem(file).bodyNames[0];
+      robot_ = world_.addArticulatedSystem(fixedBaseText(text.str(), root, r.baseHeight),
+                                           file.substr(0, file.rfind('/')), {}, 1, 0);
+    }
+    vorsim::ArticulatedSystem& s = *robot_;
+    const bool floating = s.getRootJointType() == vorsim::Joint::FLOATING;
+    vorsim::VecDyn gc(s.gcDim), target(s.gcDim), zero(s.dof), kp(s.dof), kd(s.dof);
+    gc = s.gc;
+    zero.setZero();
+    if (floating) gc[2] = r.baseHeight;
+    std::vector<std::string> names;
+    for (size_t b = 1; b < s.nbody; ++b) names.push_back(s.movableJointNames[floating ? b : b - 1]);
+    for (size_t b = 1; b < s.nbody; ++b)
+      gc[s.gcIdx[b]] = robotJointStart(r, names, names[b - 1], s.jointType[b] == vorsim::Joint::PRISMATIC);
+    target = gc;
+    for (size_t i = 0; i < s.dof; ++i) {
+      const bool joint = !floating || i >= 6;
+      kp[i] = joint ? r.kp : 0.0;
+      kd[i] = joint ? r.kd : 0.0;
+    }
+    for (size_t b = 1; b < s.nbody; ++b) target[s.gcIdx[b]] = 0.0;
+    s.setGeneralizedCoordinate(gc);
+    s.setGeneralizedVelocity(zero);
+    if (r.kp > 0.0 || r.kd > 0.0) {
+      s.setControlMode(vorsim::ArticulatedSystem::PD_PLUS_FEEDFORWARD_TORQUE);
+      s.setPdGains(kp, kd);
+      s.setPdTarget(target, zero);
+    }
+  }
+
   VorsimSettings settings_;
   vorsim::World world_;
   std::vector<vorsim::SingleBodyObject*> bodies_;
+  vorsim::ArticulatedSystem* robot_ = nullptr;
 };
 
 }  // namespace
 
-std::vector<VorsimSettings> vorsimConfigurations() {
+std::vector<VorsimSettings> vorsimConfigurations(const std::string& labels) {
   VorsimSettings fast;
   fast.label = "fast";
   fast.threshold = 1e-6;
   fast.erp = 10.0;
-  return {VorsimSettings(), fast};
+  VorsimSettings warm, fastWarm = fast, exact, fastExact = fast;
+  warm.label = "warm";
+  warm.warmStart = true;
+  fastWarm.label = "fast warm";
+  fastWarm.warmStart = true;
+  exact.label = "exact";
+  exact.exactCoulomb = true;
+  fastExact.label = "fast exact";
+  fastExact.exactCoulomb = true;
+  VorsimSettings warmExact = warm, fastWarmExact = fastWarm;
+  warmExact.label = "warm exact";
+  warmExact.exactCoulomb = true;
+  fastWarmExact.label = "fast warm exact";
+  fastWarmExact.exactCoulomb = true;
+  std::vector<VorsimSettings> all{VorsimSettings(), fast, warm, fastWarm, exact, fastExact, warmExact, fastWarmExact};
+  if (labels.empty()) return all;
+  std::vector<VorsimSettings> chosen;
+  for (const VorsimSettings& s : all)
+    if (("," + labels + ",").find("," + s.label + ",") != std::string::npos) chosen.push_back(s);
+  return chosen;
 }
 
 std::unique_ptr<Engine> makeVorsimEngine(const VorsimSettings& settings) {

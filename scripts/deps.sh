@@ -16,7 +16,7 @@ ensure_packages() {
 }
 
 VORSIM_BUILD_PACKAGES=(build-essential cmake pkg-config ccache libeigen3-dev libode-dev libtinyxml-dev libpng-dev)
-VORSIM_TEST_PACKAGES=(libgtest-dev)
+VORSIM_TEST_PACKAGES=(libgtest-dev libmujoco-dev)
 VORSIM_BENCH_PACKAGES=(libmujoco-dev libbullet-dev)
 
 build_jobs() { nproc 2>/dev/null || echo 2; }

@@ -1,6 +1,10 @@
 #include "vorsim/Object.hpp"
 
+#include "vorsim/contact/Single3DContactProblem.hpp"
+
 namespace vorsim {
+
+void Object::applyJointLimitImpulse(contact::Single3DContactProblem& problem) { problem.impulse.setZero(); }
 
 ObjectType stringToObjectType(const std::string& text) {
   static const char* const names[] = {"sphere", "box",    "cylinder", "cone",      "capsule",

@@ -84,6 +84,20 @@ VorSimTinyXmlWrapper::VorSimTinyXmlWrapper(std::string const& fileOrXml, std::st
   if (element_ == nullptr) MSG_FATAL(fileOrXml << " file does not contain node '" << rootName << "'");
 }
 
+VorSimTinyXmlWrapper::VorSimTinyXmlWrapper(std::string const& xmlText, std::string const& rootName,
+                                           std::string const& sourceName) {
+  fileName_ = sourceName;
+  document_.Parse(xmlText.c_str());
+  if (document_.Error()) {
+    MSG_FATAL("cannot parse the xml text of " << sourceName << ": " << document_.ErrorDesc()
+                                              << " at row:" << document_.ErrorRow() << " col:" << document_.ErrorCol());
+    return;
+  }
+  path_.push_back(rootName);
+  element_ = document_.FirstChildElement(rootName);
+  if (element_ == nullptr) MSG_FATAL(sourceName << " file does not contain node '" << rootName << "'");
+}
+
 VorSimTinyXmlWrapper::VorSimTinyXmlWrapper(TiXmlElement* element, std::string fileName, std::vector<std::string> path)
     : element_(element), fileName_(std::move(fileName)), path_(std::move(path)) {}
 

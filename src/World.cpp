@@ -4,8 +4,8 @@
 
 #include "vorsim/Collision.hpp"
 #include "vorsim/VorSimMsg.hpp"
-#include "vorsim/object/HeightMap.hpp"
 #include "vorsim/object/ArticulatedSystem/ArticulatedSystem.hpp"
+#include "vorsim/object/HeightMap.hpp"
 #include "vorsim/object/Mesh.hpp"
 #include "vorsim/object/Primitives.hpp"
 
@@ -64,6 +64,20 @@ void World::setContactSolverParam(double alpha_init, double alpha_min, double al
   solver_.threshold = threshold;
 }
 
+void World::setWarmStart(bool enable) {
+  solver_.warmStart = enable;
+  warmStartCache_.clear();
+  warmStartedProblems_ = 0;
+}
+
+void World::setWarmStartTolerance(double tolerance) {
+  if (!(tolerance >= 0.0)) {
+    MSG_FATAL("The warm start tolerance must be zero or positive, not " << tolerance);
+    return;
+  }
+  warmStartCache_.setTolerance(tolerance);
+}
+
 void World::setDefaultMaterial(double friction, double restitution, double restThreshold) {
   materialManager_.setDefaultMaterialProperties(friction, restitution, restThreshold, friction, 0.001);
 }
@@ -103,11 +117,37 @@ void World::integrate1() {
     if (object->getBodyType() == DYNAMIC) object->updateTimeStepIfNecessary(timeStep_);
   for (Object* object : objects_)
     if (object->getBodyType() != STATIC) object->updateCollision();
+  detectCollisions();
+  contactProblems_.reserve(size_t(numContacts_) + 20 + wires_.size());
+  generateContacts();
+  for (Object* object : objects_) object->appendConstraints(contactProblems_);
+  for (auto& wire : wires_) wire->update(contactProblems_);
+  for (Object* object : objects_)
+    if (object->getBodyType() != STATIC) object->preContactSolverUpdate1(gravity_, timeStep_);
+}
 
+void World::detectCollisions() {
   numContacts_ = 0;
   broadPhase_.collide(collisionSpace_, this, &World::nearCallback);
-  contactProblems_.reserve(size_t(numContacts_) + 20 + wires_.size());
+}
 
+bool World::selfCollisionPairIsFull(const Object& object, size_t la, size_t lb) const {
+  if (object.getObjectType() != ARTICULATED_SYSTEM) return false;
+  // The twin records of a self-collision stand next to each other.
+  int found = 0;
+  const auto& list = object.getContacts();
+  for (size_t k = 0; k + 1 < list.size(); ++k) {
+    if (list[k].pairObjectIndex == object.getIndexInWorld() &&
+        ((list[k].localBodyIndex == la && list[k + 1].localBodyIndex == lb) ||
+         (list[k].localBodyIndex == lb && list[k + 1].localBodyIndex == la))) {
+      found = 1;
+      break;
+    }
+  }
+  return found >= object.getMaxSelfCollisionContacts();
+}
+
+void World::generateContacts() {
   // One Contact per non-static side and one problem per collision point.
   for (int i = 0; i < numContacts_; ++i) {
     const dContactGeom& g = contactGeoms_[size_t(i)];
@@ -118,22 +158,9 @@ void World::integrate1() {
     const size_t la = d1.localIndex, lb = d2.localIndex;
     const BodyType typeA = A->getBodyType(la), typeB = B->getBodyType(lb);
     if (typeA != DYNAMIC && typeB != DYNAMIC) continue;
-
-    if (A == B) {
-      if (la == lb) continue;
-      // The twin records of a self-collision stand next to each other.
-      int found = 0;
-      const auto& list = A->getContacts();
-      for (size_t k = 0; k + 1 < list.size(); ++k) {
-        if (list[k].pairObjectIndex == A->getIndexInWorld() &&
-            ((list[k].localBodyIndex == la && list[k + 1].localBodyIndex == lb) ||
-             (list[k].localBodyIndex == lb && list[k + 1].localBodyIndex == la))) {
-          found = 1;
-          break;
-        }
-      }
-      if (A->getObjectType() == ARTICULATED_SYSTEM && found >= A->getMaxSelfCollisionContacts()) continue;
-    }
+    // A body never touches itself; a pair of an object's own bodies keeps only
+    // the first points of its set.
+    if (A == B && (la == lb || selfCollisionPairIsFull(*A, la, lb))) continue;
 
     Mat<3, 1> n{g.normal[0], g.normal[1], g.normal[2]};
     n /= n.norm();
@@ -183,11 +210,6 @@ void World::integrate1() {
     contactProblems_.emplace_back(materialManager_.getMaterialPairProp(d1.material, d2.material), pos[0], pos[1],
                                   pos[2], -g.depth);
   }
-
-  for (Object* object : objects_) object->appendConstraints(contactProblems_);
-  for (auto& wire : wires_) wire->update(contactProblems_);
-  for (Object* object : objects_)
-    if (object->getBodyType() != STATIC) object->preContactSolverUpdate1(gravity_, timeStep_);
 }
 
 void World::contactProblemUpdate(Object* object) {
@@ -246,13 +268,25 @@ void World::contactProblemUpdate(Object* object) {
 void World::integrate2() {
   worldStep_ += 1;
   worldTime_ += timeStep_;
-
   for (Object* object : objects_)
     if (object->getBodyType() != STATIC) object->preContactSolverUpdate2(gravity_, timeStep_, contactProblems_);
   for (Object* object : objects_) contactProblemUpdate(object);
+  applyStaticFriction();
+  warmStartedProblems_ = 0;
+  if (!contactProblems_.empty()) {
+    for (auto& P : contactProblems_) P.impulse.setZero();
+    if (solver_.warmStart)
+      warmStartedProblems_ = warmStartCache_.seed(objects_, contactProblems_, configurationNumber_, timeStep_);
+    solver_.solve(contactProblems_);
+  }
+  if (solver_.warmStart) warmStartCache_.store(contactProblems_);
+  for (Object* object : objects_)
+    if (object->getBodyType() != STATIC) object->integrate(timeStep_, *this);
+}
 
-  // Static friction: below the threshold velocity the friction coefficient
-  // blends linearly toward the static one. 1/mu keeps the dynamic value.
+void World::applyStaticFriction() {
+  // Below the threshold velocity the friction coefficient blends linearly
+  // toward the static one. 1/mu keeps the dynamic value.
   for (auto& P : contactProblems_) {
     if (P.rank > 3) continue;
     Mat<3, 1> v = P.tauStar;
@@ -261,14 +295,6 @@ void World::integrate2() {
     const double vt = std::sqrt(v[0] * v[0] + v[1] * v[1]);
     if (P.staticFrictionThreshold > vt) P.mu = P.mu + (1.0 - vt * P.inverseStaticThreshold) * (P.staticFriction - P.mu);
   }
-
-  if (!contactProblems_.empty()) {
-    for (auto& P : contactProblems_) P.impulse.setZero();
-    solver_.solve(contactProblems_);
-  }
-
-  for (Object* object : objects_)
-    if (object->getBodyType() != STATIC) object->integrate(timeStep_, *this);
 }
 
 // ------------------------------------------------------------------ registry --
@@ -403,6 +429,7 @@ Mesh* World::addMesh(const std::string& objFile, double mass, double scale, cons
     com = {(lo[0] + hi[0]) * 0.5, (lo[1] + hi[1]) * 0.5, (lo[2] + hi[2]) * 0.5};
   }
   auto* object = registerObject(new Mesh(vertices, indices, nullptr, mass, inertia, com, 1.0));
+  object->setMeshSource(objFile, scale);
   addCollisionObject(object->getCollisionObject(), 0, material, collisionGroup, collisionMask);
   return object;
 }
@@ -411,6 +438,7 @@ Mesh* World::addMesh(const Mesh* source, const std::string& material, size_t col
   auto* object =
       registerObject(new Mesh(source->getMeshVertices(), source->getMeshIndices(), nullptr, source->getMass(),
                               source->getInertiaMatrix_B(), source->getBodyComOffset(), 1.0));
+  object->setMeshSource(source->getMeshFileName(), source->getMeshScale());
   addCollisionObject(object->getCollisionObject(), 0, material, collisionGroup, collisionMask);
   return object;
 }
@@ -442,6 +470,9 @@ ArticulatedSystem* World::registerArticulatedSystem(ArticulatedSystem* system, s
       setCollisionBits(d.colObj, collisionGroup, collisionMask);
     dSpaceAdd(collisionSpace_, d.colObj);
   }
+  // The robot takes the world's time step at once: inverse dynamics turns
+  // contact impulses into forces with it.
+  system->updateTimeStep(timeStep_);
   system->updateCollision();
   return system;
 }

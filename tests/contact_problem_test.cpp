@@ -1,11 +1,17 @@
-// Rank classification of a contact problem's Delassus block.
+// A contact problem's record: its initial state, and the rank classification
+// of its Delassus block.
 #include <gtest/gtest.h>
 
 #include <Eigen/Dense>
 #include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <new>
 #include <random>
 
+#include "vorsim/World.hpp"
 #include "vorsim/contact/Single3DContactProblem.hpp"
+#include "vorsim/object/Primitives.hpp"
 
 using namespace Eigen;
 using vorsim::contact::Single3DContactProblem;
@@ -52,4 +58,53 @@ TEST(ContactProblem, CheckRankClassifiesTheDelassusBlock) {
     EXPECT_TRUE((B * B.transpose() * G).isApprox(G, 1e-9)) << variant;  // B spans G's range
     EXPECT_TRUE((B.transpose() * G * B * P.reducedDelassusInverse.e()).isApprox(Matrix2d::Identity(), 1e-10));
   }
+}
+
+TEST(ContactProblem, EveryFieldStartsDefinedAndEveryRecordIsAligned) {
+  // Built over memory full of NaN bit patterns, a problem reads as zeros
+  // wherever its constructor has no value to give.
+  using vorsim::contact::Single3DContactProblem;
+  alignas(Single3DContactProblem) unsigned char raw[sizeof(Single3DContactProblem)];
+  vorsim::MaterialPairProperties mat;
+  mat.c_f = 0.5, mat.c_r = 0.25, mat.r_th = 0.125, mat.c_static_f = 0.75, mat.v_static = 2.0, mat.v_static_inv = 0.5;
+  for (const bool fromMaterial : {false, true}) {
+    std::memset(raw, 0xFF, sizeof(raw));
+    const Single3DContactProblem& P = fromMaterial ? *new (raw) Single3DContactProblem(mat, 1.0, 2.0, 3.0, -0.5)
+                                                   : *new (raw) Single3DContactProblem();
+    const Matrix3d zero3 = Matrix3d::Zero();
+    EXPECT_EQ(P.impulse.e(), Vector3d::Zero());
+    EXPECT_EQ(P.tauStar.e(), Vector3d::Zero());
+    EXPECT_EQ(P.delassus.e(), zero3);
+    EXPECT_EQ(P.delassusInverse.e(), zero3);
+    EXPECT_EQ(P.reducedDelassus.e(), Matrix2d::Zero());
+    EXPECT_EQ(P.reducedDelassusInverse.e(), Matrix2d::Zero());
+    EXPECT_EQ(P.basis[0].e(), Vector3d::Zero());
+    EXPECT_EQ(P.basis[1].e(), Vector3d::Zero());
+    EXPECT_EQ(P.reducedColumnX.e(), Vector3d::Zero());
+    EXPECT_EQ(P.reducedColumnY.e(), Vector3d::Zero());
+    EXPECT_EQ(P.position.e(), fromMaterial ? Vector3d(1, 2, 3) : Vector3d::Zero());
+    const double scalars[] = {P.normalDelassusOverMu, P.targetNormalVel, P.rankOneDelassus, P.impactVel, P.inverseGzz};
+    for (const double x : scalars) EXPECT_EQ(x, 0.0);
+    EXPECT_EQ(P.mu, fromMaterial ? 0.5 : 0.0);
+    EXPECT_EQ(P.muInverse, fromMaterial ? 2.0 : 0.0);
+    EXPECT_EQ(P.restitution, fromMaterial ? 0.25 : 0.0);
+    EXPECT_EQ(P.restitutionThreshold, fromMaterial ? 0.125 : 0.0);
+    EXPECT_EQ(P.depth, fromMaterial ? -0.5 : 0.0);
+    EXPECT_EQ(P.staticFriction, fromMaterial ? 0.75 : 0.0);
+    EXPECT_EQ(P.staticFrictionThreshold, fromMaterial ? 2.0 : 0.0);
+    EXPECT_EQ(P.inverseStaticThreshold, fromMaterial ? 0.5 : 0.0);
+    EXPECT_EQ(P.objectA, nullptr);
+    EXPECT_EQ(P.objectB, nullptr);
+    EXPECT_EQ(P.rank, 3);
+    EXPECT_EQ(P.localIndexA + P.localIndexB, 0u);
+  }
+
+  // In a world's list every record, not only the first, starts on 32 bytes.
+  vorsim::World world;
+  world.addGround();
+  for (int i = 0; i < 3; ++i) world.addBox(0.2, 0.2, 0.2, 1.0)->setPosition(0.5 * i, 0, 0.099);
+  world.integrate1();
+  const auto& problems = world.getContactProblem();
+  ASSERT_EQ(problems.size(), 12u);
+  for (const auto& P : problems) EXPECT_EQ(reinterpret_cast<std::uintptr_t>(&P) % 32, 0u) << &P - &problems[0];
 }

@@ -97,3 +97,20 @@ TEST(Ray, ClosestHitAllHitsMasksAndOwner) {
   // Without an owner it sees the inside of the box first.
   EXPECT_EQ(world.rayTest({0, 0, 2}, kDown, 100.0, true)[0].object, near);
 }
+
+TEST(Ray, ClosestHitFromAnOffAxisStart) {
+  // Along y from y = -5: the sphere at y = -3 is hit at y = -3.5, 1.5 m away;
+  // the one at y = 1 at y = 0.5, 5.5 m away, though nearer the axis y = 0.
+  World world;
+  auto* near = world.addSphere(0.5, 1.0);
+  near->setPosition(0, -3, 0);
+  auto* far = world.addSphere(0.5, 1.0);
+  far->setPosition(0, 1, 0);
+  const auto& hit = world.rayTest({0, -5, 0}, {0, 1, 0}, 20.0, true);
+  ASSERT_EQ(hit.size, 1u);
+  EXPECT_EQ(hit[0].object, near);
+  EXPECT_NEAR(hit[0].position[1], -3.5, 1e-12);
+  const auto& all = world.rayTest({0, -5, 0}, {0, 1, 0}, 20.0, false);
+  ASSERT_EQ(all.size, 2u);
+  for (size_t i = 0; i < 2; ++i) EXPECT_EQ(all[i].object, all[i].position[1] < -1.0 ? near : far);
+}

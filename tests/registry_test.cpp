@@ -140,3 +140,138 @@ TEST(Registry, StepsStayCorrectAfterRemovingFromASettledPile) {
   EXPECT_NEAR(std::hypot(column[5]->getPosition()[0], column[5]->getPosition()[1]), 0.0, 0.02);
   EXPECT_NEAR(side->getPosition()[0], 1.0, 1e-6);
 }
+
+namespace {
+// One rigid body with two geoms: the first at the body's origin, the second
+// fixed at `offset` in the body frame. Its type and self-collision cap are
+// given, so that it can stand for an object with many geoms.
+class TwoGeomBody : public SingleBodyObject {
+ public:
+  TwoGeomBody(ObjectType type, dxGeom* first, dxGeom* second, const Mat<3, 1>& offset, int cap = 1)
+      : SingleBodyObject(type), second_(attachGeomData(second)), offset_(offset), cap_(cap) {
+    Mat<3, 3> inertia{};
+    inertia(0, 0) = inertia(1, 1) = inertia(2, 2) = 0.01;
+    initPrimitive(first, 1.0, inertia);
+    TwoGeomBody::updateCollision();
+  }
+  ~TwoGeomBody() override { destroyGeom(second_); }
+  dxGeom* second() const { return second_; }
+
+  void updateCollision() override {
+    SingleBodyObject::updateCollision();
+    Mat<3, 1> p;
+    getPosition(0, offset_, p);
+    dGeomSetPosition(second_, p[0], p[1], p[2]);
+  }
+  void destroyCollisionBodies(dxSpace* space) override {
+    if (second_ && space) dSpaceRemove(space, second_);
+    destroyGeom(second_);
+    second_ = nullptr;
+    SingleBodyObject::destroyCollisionBodies(space);
+  }
+  void setGeomObjectIndex(size_t index) override {
+    SingleBodyObject::setGeomObjectIndex(index);
+    geomData(second_).objectIndex = index;
+  }
+  int getMaxSelfCollisionContacts() const override { return cap_; }
+
+ private:
+  dxGeom* second_;
+  Mat<3, 1> offset_;
+  int cap_;
+};
+}  // namespace
+
+TEST(Registry, AnObjectMovedByARemovalIsFoundThroughEveryGeom) {
+  TestWorld world;
+  world.addGround();
+  Sphere* gone = world.addSphere(0.1, 1.0);
+  gone->setPosition(-3, 0, 1);
+  auto* bell = world.add(
+      new TwoGeomBody(SPHERE, dCreateSphere(nullptr, 0.1), dCreateSphere(nullptr, 0.1), Mat<3, 1>{0.5, 0, 0}));
+  world.addGeom(bell->getCollisionObject(), 0);
+  world.addGeom(bell->second(), 0);
+  bell->setPosition(0, 0, 0.099);  // both balls 1 mm in the ground
+  world.removeObject(gone);
+  ASSERT_EQ(world.getObjList()[1], bell);
+  // A newcomer takes the index the bell had: a stale geom would name it.
+  Box* newcomer = world.addBox(0.2, 0.2, 0.2, 1.0);
+  newcomer->setPosition(3, 0, 0.099);
+  ASSERT_EQ(newcomer->getIndexInWorld(), 2u);
+
+  world.integrate();
+  ASSERT_EQ(bell->getContacts().size(), 2u);
+  const auto& problems = world.getContactProblem();
+  double support = 0.0;  // the centre of mass is over the first ball
+  for (const Contact& c : bell->getContacts()) {
+    EXPECT_EQ(c.pairObjectIndex, 0u);
+    EXPECT_EQ(geomData(c.colObjectA).objectIndex, 1u);
+    EXPECT_EQ(problems[c.contactProblemIndex].objectA, bell);
+    support += problems[c.contactProblemIndex].impulse[2];
+  }
+  EXPECT_GT(support, 9.81 * world.getTimeStep());
+  EXPECT_EQ(newcomer->getContacts().size(), 4u);
+  // Straight down onto either ball: the bell is the closest hit, above the ground.
+  for (const double x : {0.0, 0.5, 3.0}) {
+    const auto& hits = world.rayTest({x, 0, 2}, {0, 0, -1}, 5.0, true);
+    ASSERT_EQ(hits.size, 1u);
+    EXPECT_EQ(hits[0].object, x < 1.0 ? static_cast<Object*>(bell) : newcomer) << x;
+    EXPECT_GT(hits[0].position[2], 0.19) << x;
+  }
+}
+
+TEST(Registry, SelfCollisionKeepsAsManyPointsAsTheObjectAllows) {
+  // Two overlapping boxes of one object on local bodies 0 and 1: an
+  // articulated object keeps its own cap of points of that pair; other kinds
+  // of object keep them all; geoms of one body never collide.
+  struct Case {
+    ObjectType type;
+    int cap;
+    size_t secondLocal;
+  };
+  for (const Case c : {Case{ARTICULATED_SYSTEM, 1, 1}, Case{ARTICULATED_SYSTEM, 2, 1}, Case{BOX, 1, 1},
+                       Case{ARTICULATED_SYSTEM, 1, 0}}) {
+    SCOPED_TRACE("type " + std::to_string(c.type) + " cap " + std::to_string(c.cap));
+    TestWorld world;
+    world.setGravity(Mat<3, 1>{0, 0, 0});
+    auto* body = world.add(new TwoGeomBody(c.type, dCreateBox(nullptr, 0.4, 0.4, 0.4),
+                                           dCreateBox(nullptr, 0.4, 0.4, 0.4), Mat<3, 1>{0.3, 0.05, 0.1}, c.cap));
+    world.addGeom(body->getCollisionObject(), 0);
+    world.addGeom(body->second(), c.secondLocal);
+    world.integrate1();
+    const size_t points = size_t(world.getNumberOfCollisionPoints());
+    ASSERT_GE(points, 2u);
+    const auto& list = body->getContacts();
+    if (c.secondLocal == 0) {
+      EXPECT_TRUE(list.empty());
+      continue;
+    }
+    const size_t kept = c.type == ARTICULATED_SYSTEM && c.cap == 1 ? 1u : points;
+    ASSERT_EQ(list.size(), 2 * kept);
+    EXPECT_EQ(world.getContactProblem().size(), kept);
+    // Both records of a point stand in the one list and name each other.
+    for (size_t k = 0; k < list.size(); k += 2) {
+      EXPECT_TRUE(list[k].isObjectA && !list[k + 1].isObjectA);
+      EXPECT_EQ(list[k].pairContactIndex, k + 1);
+      EXPECT_EQ(list[k + 1].pairContactIndex, k);
+      EXPECT_EQ(list[k].localBodyIndex + list[k + 1].localBodyIndex, 1u);
+      EXPECT_EQ(list[k].contactProblemIndex, k / 2);
+    }
+  }
+}
+
+TEST(Registry, RemovingAWireKeepsTheOthers) {
+  World world;
+  Sphere* a = world.addSphere(0.1, 1.0);
+  Sphere* b = world.addSphere(0.1, 1.0);
+  const Eigen::Vector3d o = Eigen::Vector3d::Zero();
+  LengthConstraint* w[3];
+  for (auto& wire : w) wire = world.addStiffWire(a, 0, o, b, 0, o, 1.0);
+  world.removeObject(w[1]);
+  ASSERT_EQ(world.getWires().size(), 2u);
+  EXPECT_EQ(world.getWires()[0].get(), w[0]);
+  EXPECT_EQ(world.getWires()[1].get(), w[2]);
+  world.removeObject(w[2]);
+  ASSERT_EQ(world.getWires().size(), 1u);
+  EXPECT_EQ(world.getWires()[0].get(), w[0]);
+}

@@ -196,3 +196,33 @@ TEST(ContactSolver, CoupledFrictionlessContactsSweepInAlternatingOrderToTheLcpSo
     EXPECT_NEAR(list[1].impulse[2], lambda(1), 1e-10) << "trial " << trial;
   }
 }
+
+TEST(ContactSolver, RaisedFrictionTestsTheConeWithMuAndBuildsItWithTheDynamicInverse) {
+  // After the static-friction blend mu is raised (here 0.3 -> 0.6) while
+  // 1/mu keeps the dynamic value. The cone test uses mu: a free impulse with
+  // |t| = 0.45 z sticks. A sliding impulse is built on the dynamic cone,
+  // z = |t| / 0.3, with the normal velocity brought to zero all the same.
+  std::mt19937 rng(21);
+  for (int trial = 0; trial < 12; ++trial) {
+    Matrix3d L = randomMatrix(rng, 3, 3) + 1.5 * Matrix3d::Identity();  // coupled normal and tangents
+    const Matrix3d G = L * L.transpose();
+    const double angle = 0.5 * trial;
+    const bool sticks = trial % 2 == 0;
+    const Vector3d free(std::cos(angle) * (sticks ? 0.45 : 1.5), std::sin(angle) * (sticks ? 0.45 : 1.5), 1.0);
+    MatrixBody body = point(L, -G * free);  // the unconstrained impulse is `free`
+    ProblemList list;
+    Single3DContactProblem& P = addProblem(list, 0.3, &body);
+    P.mu = 0.6;
+    solveList(list, 1);
+    const Vector3d p = list[0].impulse.e(), rest = body.contactVel(0);
+    SCOPED_TRACE("trial " + std::to_string(trial));
+    EXPECT_NEAR(rest.z(), 0.0, 1e-12);
+    if (sticks) {
+      EXPECT_LT((p - free).norm(), 1e-12);
+      EXPECT_LT(rest.norm(), 1e-12);
+    } else {
+      EXPECT_NEAR(std::hypot(p.x(), p.y()) / 0.3, p.z(), 1e-12 * p.z());
+      EXPECT_GT(rest.head<2>().norm(), 0.1);  // it slides
+    }
+  }
+}

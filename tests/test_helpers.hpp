@@ -19,6 +19,10 @@ class TestWorld : public vorsim::World {
   T* add(T* object) {
     return registerObject(object);
   }
+  // Enters a geom of the object added last, as the add-functions do.
+  void addGeom(dxGeom* geom, size_t localIdx, const std::string& material = "default") {
+    addCollisionObject(geom, localIdx, material, 1, kAllBits);
+  }
 };
 
 // What the library prints on stdout during the capture's lifetime.

@@ -150,6 +150,13 @@ TEST(WorldStep, SettersAndDefaults) {
   }
   EXPECT_DOUBLE_EQ(solver.erp, -1.0);
   EXPECT_DOUBLE_EQ(solver.erp2, 0.1);
+  // The three alpha values are kept, though no solve reads them.
+  world.setContactSolverParam(0.5, 0.25, 0.125, 7, 1e-3);
+  EXPECT_EQ(solver.alpha_init, 0.5);
+  EXPECT_EQ(solver.alpha_min, 0.25);
+  EXPECT_EQ(solver.alpha_decay, 0.125);
+  EXPECT_EQ(solver.maxIter, 7);
+  EXPECT_EQ(solver.threshold, 1e-3);
 }
 
 TEST(WorldStep, ObjectTypesAndFrames) {

@@ -138,6 +138,13 @@ class Object {
   virtual void appendJointLimits(ContactProblemList& /*problems*/) {}
   virtual double enforceJointLimits(contact::Single3DContactProblem& /*problem*/) { return 0.0; }
   virtual void appendConstraints(ContactProblemList& /*problems*/) {}
+  // Warm start of a joint-limit problem (rank 5), called by the solver once
+  // before its first sweep when the warm start is on and the problem starts
+  // with a nonzero impulse: the impulse of the same limit in the last step, in
+  // the owner's own coordinates. The owner applies it to its working velocity,
+  // or changes it (to zero, say) if it cannot; the problem's impulse must end
+  // as what was applied. This default applies nothing and zeroes it.
+  virtual void applyJointLimitImpulse(contact::Single3DContactProblem& problem);
   // Writes `index` as the owning object's index into every geom of this object.
   // The world calls it when the object takes a new place in its list, so that
   // contacts and rays find the object through any of its geoms.

@@ -35,6 +35,9 @@ class VorSimTinyXmlWrapper {
   // file that cannot be read, text that does not parse, or a missing root is a
   // fatal message, and the wrapper stays a dummy node.
   VorSimTinyXmlWrapper(std::string const& fileOrXml, std::string const& rootName);
+  // XML text that came from the file sourceName (after the file's own text
+  // stage, say): parsed as text, with messages naming sourceName.
+  VorSimTinyXmlWrapper(std::string const& xmlText, std::string const& rootName, std::string const& sourceName);
   VorSimTinyXmlWrapper(VorSimTinyXmlWrapper const& other);
   VorSimTinyXmlWrapper& operator=(VorSimTinyXmlWrapper const& other);
   ~VorSimTinyXmlWrapper() = default;

@@ -10,16 +10,20 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "vorsim/Collision.hpp"
 #include "vorsim/Materials.hpp"
+#include "vorsim/MjcfTypes.hpp"
 #include "vorsim/Object.hpp"
+#include "vorsim/VorSimTinyXmlWrapper.hpp"
 #include "vorsim/contact/BisectionContactSolver.hpp"
 #include "vorsim/contact/Single3DContactProblem.hpp"
+#include "vorsim/contact/WarmStartCache.hpp"
 #include "vorsim/math.hpp"
-#include "vorsim/object/Compound.hpp"
 #include "vorsim/object/ArticulatedSystem/JointAndBodies.hpp"
+#include "vorsim/object/Compound.hpp"
 #include "vorsim/object/LengthConstraint.hpp"
 #include "vorsim/object/TerrainGenerator.hpp"
 
@@ -60,6 +64,14 @@ class World {
   static constexpr size_t kAllBits = size_t(-1);
 
   World();
+  // A world read from a file. A text holding "<mujoco" anywhere is an MJCF
+  // model (loadMjcf); otherwise one holding "<vorsim" is a world
+  // configuration file, read with the caller's parameters (loadVorSimConfig);
+  // any other file leaves the world empty. A file that cannot be opened is the
+  // fatal message "Could not open the vorsim configuration file: PATH". When a
+  // fatal message of the reading unwinds (a throwing callback), everything
+  // built so far is released.
+  explicit World(const std::string& configFile, const std::unordered_map<std::string, std::string>& params = {});
   virtual ~World();
   World(const World&) = delete;
   World& operator=(const World&) = delete;
@@ -93,6 +105,26 @@ class World {
   contact::BisectionContactSolver& getContactSolver() { return solver_; }
   const contact::BisectionContactSolver& getContactSolver() const { return solver_; }
   const ContactProblemList& getContactProblem() const { return contactProblems_; }
+
+  // Solver options beyond the default algorithm, all off by default; with them
+  // off a step gives the same results, bit for bit.
+  // Warm start: each problem starts from the impulse of the matching
+  // constraint of the last step (same pair of geoms, or same owner and index,
+  // nearest point within the tolerance), applied before the first sweep.
+  // Switching it on or off forgets the last step.
+  void setWarmStart(bool enable);
+  bool getWarmStart() const { return solver_.warmStart; }
+  // Largest distance in metres between a point and the last step's point it
+  // takes its impulse from; 0.01 by default. A negative or NaN value is a
+  // fatal error.
+  void setWarmStartTolerance(double tolerance);
+  double getWarmStartTolerance() const { return warmStartCache_.getTolerance(); }
+  // Exact Coulomb sliding: a sliding contact's friction is exactly opposite to
+  // its slip (see contact::BisectionContactSolver::exactCoulomb).
+  void setExactCoulombSliding(bool enable) { solver_.exactCoulomb = enable; }
+  bool getExactCoulombSliding() const { return solver_.exactCoulomb; }
+  // Problems of the last step that started from an impulse of the step before.
+  size_t getWarmStartedProblemCount() const { return warmStartedProblems_; }
   // Collision points found in the last step, before filtering.
   int getNumberOfCollisionPoints() const { return numContacts_; }
 
@@ -166,6 +198,16 @@ class World {
   ArticulatedSystem* addArticulatedSystem(const Child& root, const std::string& resourceDir = "",
                                           size_t collisionGroup = 1, size_t collisionMask = kAllBits,
                                           ArticulatedSystemOption option = ArticulatedSystemOption());
+  // A robot from a URDF template: the file's text goes through the text stage
+  // of world files first ("[THIS_DIR]", "@@name" parameters declared under a
+  // <params> element of the robot or given in `params`, arrays, {arithmetic}),
+  // and the result is read as URDF. Mesh files are looked up in resourceDir,
+  // by default the template's directory.
+  ArticulatedSystem* addArticulatedSystem(const std::string& templateFile,
+                                          const std::unordered_map<std::string, std::string>& params,
+                                          const std::string& resourceDir = "", size_t collisionGroup = 1,
+                                          size_t collisionMask = kAllBits,
+                                          ArticulatedSystemOption option = ArticulatedSystemOption());
 
   StiffLengthConstraint* addStiffWire(Object* object1, size_t localIdx1, const Eigen::Vector3d& pos1, Object* object2,
                                       size_t localIdx2, const Eigen::Vector3d& pos2, double length);
@@ -197,12 +239,65 @@ class World {
                                   bool closestOnly = true, size_t objectIndex = size_t(-1),
                                   size_t localIndex = size_t(-1), size_t collisionMask = kAllBits);
 
+  // ---- files ----
+  // Writes the world as a configuration file directory/fileName that the
+  // file constructor reads back: gravity, time step, ERP, every object (its
+  // kind, size, mass, inertia, material, collision group and mask, body type,
+  // pose and velocity; a robot's qpos and qvel) and every wire. Unnamed
+  // objects are written as "unnamed_" + their index. A robot that was not read
+  // from a URDF file is written as URDF next to the world file first. Material
+  // pairs, solver settings, damping and custom wire tensions are not written.
+  // Returns whether the file was written; the world is not changed.
+  bool exportToXml(const std::string& directory, const std::string& fileName);
+  // The configuration file the world was read from, if any.
+  const std::string& getConfigFile() const { return configFile_; }
+
   dSpaceID getCollisionSpace() { return collisionSpace_; }
   // Never locked by the library; for a client's threads.
   std::mutex& getMutex() { return worldMutex_; }
 
  protected:
+  friend class WorldConfigReader;
+  // One reusable object template of a world file (<object_class>): its type,
+  // the attribute texts of its element (read when an instance is made, under
+  // the instance's own attributes), and the children of a compound class.
+  struct XmlObjectClass {
+    std::string name;
+    ObjectType type = UNRECOGNIZED;
+    std::unordered_map<std::string, std::string> attributes;
+    std::vector<Compound::CompoundObjectChild> children;
+  };
+
   void init();
+  // Releases every object, wire and the collision space, as the destructor
+  // does (for a constructor that fails half-way).
+  void releaseAll();
+
+  // Reads a world configuration file: its text stage, then its elements in
+  // order (includes, materials, gravity, time step, ERP, object classes,
+  // objects, wires). See docs/world-files.md.
+  void loadVorSimConfig(const std::string& path, const std::unordered_map<std::string, std::string>& params);
+  // Reads an MJCF model: static geoms of the worldbody, single bodies, and
+  // one ArticulatedSystem per body with sub-bodies (or a moving joint).
+  void loadMjcf(const std::string& path);
+  // One MJCF geom as a single body, placed by `parent` (the pose of the frame
+  // the geom is written in). Its mass comes from bodyElement's <inertial>, if
+  // any, else from its density. Null after a fatal message.
+  SingleBodyObject* addMjcfGeom(const VorSimTinyXmlWrapper& element, const mjcf::DefaultMap& defaults,
+                                const mjcf::MjcfAssets& assets, const mjcf::MjcfCompilerSetting& compiler,
+                                const Mat<3, 3>& parentRotation, const Mat<3, 1>& parentPosition,
+                                const VorSimTinyXmlWrapper* bodyElement, const std::string& directory);
+  // The MJCF form: one <body> and its sub-bodies.
+  ArticulatedSystem* addArticulatedSystem(const VorSimTinyXmlWrapper& body, const std::string& resourceDir,
+                                          const mjcf::DefaultMap& defaults, const mjcf::MjcfAssets& assets,
+                                          const mjcf::MjcfCompilerSetting& compiler, ArticulatedSystemOption option);
+  // Replaces each child that names an object class (objectType COMPOUND, the
+  // class name in `name`) by the class's content: a primitive class gives one
+  // child with the class's shape, size and material at the child's pose; a
+  // compound class gives its own (flattened) children, their poses composed
+  // with the child's. An unknown class is the fatal message "Could not find the
+  // object class NAME".
+  void flattenCompoundClass(std::vector<Compound::CompoundObjectChild>& children, size_t depth = 0);
   // Steps 1 and 3-4 of every add-function: count the change, append the object
   // and give it its index.
   template <typename T>
@@ -226,10 +321,23 @@ class World {
   // to the space.
   void addCollisionObject(dxGeom* geom, size_t localIdx, const std::string& material, size_t collisionGroup,
                           size_t collisionMask);
+  // The stages of a step that are the world's own work, in step order.
+  // Broad and narrow phase: fills contactGeoms_ and numContacts_.
+  void detectCollisions();
+  // Per collision point: the filters, a Contact on each non-static side and one
+  // problem with the material pair's numbers.
+  void generateContacts();
+  // Fills the problems of an object's contacts: block, objects, impact velocity.
   void contactProblemUpdate(Object* object);
   // Enters a freshly built robot: its index, and its geoms in the space with
   // object index, body index, group and mask.
   ArticulatedSystem* registerArticulatedSystem(ArticulatedSystem* system, size_t collisionGroup, size_t collisionMask);
+  // Raises mu toward the static coefficient on contacts slower than the pair's
+  // threshold at the start of the step.
+  void applyStaticFriction();
+  // Whether a self-collision between local bodies la and lb of an articulated
+  // object already has as many points as the object keeps of one pair.
+  bool selfCollisionPairIsFull(const Object& object, size_t la, size_t lb) const;
   template <typename W>
   W* registerWire(W* wire);
 
@@ -249,10 +357,13 @@ class World {
   std::string configFile_;
   int worldStep_ = 0;
   int configurationNumber_ = 0;
+  std::unordered_map<std::string, XmlObjectClass> xmlObjectClasses_;
   dxGeom* rayGeom_ = nullptr;
   RayCollisionList rayContactList_;
   std::mutex worldMutex_;
   SweepAndPrune broadPhase_;
+  contact::WarmStartCache warmStartCache_;
+  size_t warmStartedProblems_ = 0;
 };
 
 }  // namespace vorsim

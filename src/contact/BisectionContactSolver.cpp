@@ -186,6 +186,183 @@ void solveSliding(Single3DContactProblem& P, const Mat<3, 1>& c, const Mat<3, 1>
   P.impulse = {rh * co, rh * s, rh * P.muInverse};
 }
 
+// The sliding problem with Coulomb's law itself: on the cone, with the normal
+// velocity zero, the resulting tangential velocity w_t must be opposite to the
+// tangential direction t = (cos a, sin a) of the impulse. With
+// p = rho (t, 1/mu) and rho = -v.z / D(t), D(t) = G(2,0) cos + G(2,1) sin +
+// G(2,2)/mu, the condition w_t x t = 0 times D is a trigonometric polynomial of
+// degree two in a:
+//   h(t) = D(t) (v_t x t) - v.z ((A t) x t + (g x t)/mu),
+// with A the tangential 2x2 block of G and g = (G(0,2), G(1,2)). It has at most
+// four roots on the circle. They are bracketed from sixteen directions (a pair
+// of roots between two directions shows as an extremum of h that crosses zero)
+// and refined by Newton's method on the circle, safeguarded by bisection. A
+// root counts where D > 0 (the impulse pushes) and w_t . t <= 0 (slip against
+// friction).
+class CoulombSliding {
+ public:
+  CoulombSliding(const Single3DContactProblem& P, const Mat<3, 1>& v)
+      : vx_(v[0]), vy_(v[1]), vz_(v[2]), mi_(P.muInverse) {
+    const Mat<3, 3>& G = P.delassus;
+    b0_ = G(2, 0), b1_ = G(2, 1), gm_ = P.normalDelassusOverMu;
+    a00_ = G(0, 0), a01_ = G(0, 1), a10_ = G(1, 0), a11_ = G(1, 1);
+    g0_ = G(0, 2), g1_ = G(1, 2);
+    kcc_ = -b0_ * vy_ + vz_ * a10_;
+    kss_ = b1_ * vx_ - vz_ * a01_;
+    kcs_ = b0_ * vx_ - b1_ * vy_ - vz_ * (a00_ - a11_);
+    kc_ = -gm_ * vy_ + vz_ * mi_ * g1_;
+    ks_ = gm_ * vx_ - vz_ * mi_ * g0_;
+  }
+
+  // h and its first two derivatives with respect to the angle.
+  double h(double c, double s) const { return c * (kcc_ * c + kcs_ * s + kc_) + s * (kss_ * s + ks_); }
+  double dh(double c, double s) const {
+    return 2.0 * (kss_ - kcc_) * c * s + kcs_ * (c * c - s * s) - kc_ * s + ks_ * c;
+  }
+  double ddh(double c, double s) const {
+    return 2.0 * (kss_ - kcc_) * (c * c - s * s) - 4.0 * kcs_ * c * s - kc_ * c - ks_ * s;
+  }
+  double D(double c, double s) const { return b0_ * c + b1_ * s + gm_; }
+  // w_t . t at the impulse of direction (c, s).
+  double slipAlong(double c, double s) const {
+    const double d = D(c, s);
+    const double at = c * (a00_ * c + a01_ * s) + s * (a10_ * c + a11_ * s) + mi_ * (g0_ * c + g1_ * s);
+    return (d * (vx_ * c + vy_ * s) - vz_ * at) / d;
+  }
+  double vz() const { return vz_; }
+  double velocityScale() const { return std::abs(vx_) + std::abs(vy_) + std::abs(vz_); }
+
+  // The root of h (or, with `extremum`, of dh) on the arc from (c0, s0)
+  // counter-clockwise to (c1, s1), shorter than a half turn, where the
+  // function changes sign; f0 is its value at the start.
+  void refine(bool extremum, double c0, double s0, double f0, double c1, double s1, double& c, double& s) const {
+    c = c0 + c1, s = s0 + s1;
+    normalize(c, s);
+    for (int iter = 0; iter < 60; ++iter) {
+      const double f = extremum ? dh(c, s) : h(c, s);
+      if (f == 0.0) return;
+      if ((f < 0) == (f0 < 0)) {
+        c0 = c, s0 = s, f0 = f;
+      } else {
+        c1 = c, s1 = s;
+      }
+      const double step = -f / (extremum ? ddh(c, s) : dh(c, s));
+      double cn = c - step * s, sn = s + step * c;
+      normalize(cn, sn);
+      // Newton's step when it stays strictly inside the bracket, else bisection.
+      if (!(cross(c0, s0, cn, sn) > 0.0 && cross(cn, sn, c1, s1) > 0.0)) {
+        cn = c0 + c1, sn = s0 + s1;
+        normalize(cn, sn);
+      }
+      const double moved = std::abs(cross(c, s, cn, sn));
+      c = cn, s = sn;
+      if (moved < 1e-15) return;
+    }
+  }
+
+ private:
+  static double cross(double c0, double s0, double c1, double s1) { return c0 * s1 - s0 * c1; }
+  static void normalize(double& c, double& s) {
+    const double n = std::sqrt(c * c + s * s);
+    c /= n, s /= n;
+  }
+
+  double vx_, vy_, vz_, mi_;
+  double b0_, b1_, gm_, a00_, a01_, a10_, a11_, g0_, g1_;
+  double kcc_, kss_, kcs_, kc_, ks_;
+};
+
+// Directions k pi/8, k = 0..15.
+constexpr double kRingCos[16] = {1.0,  0.92387953251128674,  0.70710678118654757,  0.38268343236508984,
+                                 0.0,  -0.38268343236508984, -0.70710678118654757, -0.92387953251128674,
+                                 -1.0, -0.92387953251128674, -0.70710678118654757, -0.38268343236508984,
+                                 0.0,  0.38268343236508984,  0.70710678118654757,  0.92387953251128674};
+constexpr double kRingSin(int k) { return kRingCos[(k + 12) % 16]; }
+
+inline bool opposite(double a, double b) { return (a < 0.0 && b > 0.0) || (a > 0.0 && b < 0.0); }
+
+// Returns false when no root qualifies; the caller then falls back on the
+// energy-minimising direction. The root that Newton's method reaches from the
+// free impulse's direction is taken; failing that, of all roots the one
+// nearest to that direction.
+bool solveSlidingCoulomb(Single3DContactProblem& P, const Mat<3, 1>& v) {
+  const CoulombSliding sliding(P, v);
+  if (sliding.vz() >= 0) {  // nothing to hold: the normal-zeroing impulse is not pushing
+    P.impulse.setZero();
+    return true;
+  }
+  const double fx = P.impulse[0], fy = P.impulse[1];  // the free solution's tangential direction
+  const double slack = 1e-9 * sliding.velocityScale();
+
+  // Mostly the root lies near the free impulse's direction (exactly there for
+  // a block that does not couple the normal with the tangents and is
+  // isotropic in them): Newton's method from there, a few steps at most.
+  {
+    const double n = std::sqrt(fx * fx + fy * fy);
+    double c = fx / n, s = fy / n;
+    for (int iter = 0; iter < 6 && n > 0.0; ++iter) {
+      const double step = -sliding.h(c, s) / sliding.dh(c, s);
+      if (!(std::abs(step) < 0.5)) break;
+      double cn = c - step * s, sn = s + step * c;
+      const double m = std::sqrt(cn * cn + sn * sn);
+      c = cn / m, s = sn / m;
+      if (std::abs(step) < 1e-13) {
+        if (sliding.D(c, s) > 0.0 && sliding.slipAlong(c, s) <= slack) {
+          const double rho = -sliding.vz() / sliding.D(c, s);
+          P.impulse = {rho * c, rho * s, rho * P.muInverse};
+          return true;
+        }
+        break;
+      }
+    }
+  }
+
+  // Otherwise every root on the circle.
+  double hs[16], ds[16];
+  for (int k = 0; k < 16; ++k) {
+    hs[k] = sliding.h(kRingCos[k], kRingSin(k));
+    ds[k] = sliding.dh(kRingCos[k], kRingSin(k));
+  }
+
+  bool found = false;
+  double bestC = 0.0, bestS = 0.0, bestAlign = 0.0;
+  auto consider = [&](double c, double s) {
+    if (!(sliding.D(c, s) > 0.0) || !(sliding.slipAlong(c, s) <= slack)) return;
+    const double align = c * fx + s * fy;
+    if (!found || align > bestAlign) {
+      found = true;
+      bestC = c, bestS = s, bestAlign = align;
+    }
+  };
+  for (int k = 0; k < 16; ++k) {
+    const int n = (k + 1) % 16;
+    const double c0 = kRingCos[k], s0 = kRingSin(k), c1 = kRingCos[n], s1 = kRingSin(n);
+    double c, s;
+    if (hs[k] == 0.0) {
+      consider(c0, s0);
+    } else if (opposite(hs[k], hs[n])) {
+      sliding.refine(false, c0, s0, hs[k], c1, s1, c, s);
+      consider(c, s);
+    } else if (opposite(ds[k], ds[n]) && (hs[k] > 0.0) == (ds[k] < 0.0)) {
+      // h turns back toward zero inside the arc: if its extremum crosses zero,
+      // there is a root on each side of it.
+      double ce, se;
+      sliding.refine(true, c0, s0, ds[k], c1, s1, ce, se);
+      const double he = sliding.h(ce, se);
+      if (opposite(he, hs[k])) {
+        sliding.refine(false, c0, s0, hs[k], ce, se, c, s);
+        consider(c, s);
+        sliding.refine(false, ce, se, he, c1, s1, c, s);
+        consider(c, s);
+      }
+    }
+  }
+  if (!found) return false;
+  const double rho = -sliding.vz() / sliding.D(bestC, bestS);
+  P.impulse = {rho * bestC, rho * bestS, rho * P.muInverse};
+  return true;
+}
+
 }  // namespace
 
 void BisectionContactSolver::solve(ProblemList& problems) {
@@ -215,6 +392,22 @@ void BisectionContactSolver::solve(ProblemList& problems) {
 
   const double limit = double(n) * threshold;
   for (auto& P : problems) P.inverseGzz = 1.0 / P.delassus(2, 2);
+
+  if (warmStart) {
+    // Start from the impulses the problems hold: apply them all before the
+    // first sweep, now that the targets are set from the free velocities.
+    const Mat<3, 1> zero{};
+    for (auto& P : problems) {
+      if (P.rank == 0) {
+        P.impulse.setZero();
+      } else if (P.impulse[0] != 0.0 || P.impulse[1] != 0.0 || P.impulse[2] != 0.0) {
+        if (P.rank == 5)
+          P.objectA->applyJointLimitImpulse(P);
+        else
+          applyImpulseChange(P, zero);
+      }
+    }
+  }
 
   const bool forward = forwardOrder;
   forwardOrder = !forwardOrder;
@@ -299,7 +492,9 @@ void BisectionContactSolver::solve(ProblemList& problems) {
 
       const double x = P.impulse[0], y = P.impulse[1], z = P.impulse[2];
       const double mz = P.mu * z;
-      if (mz * mz < x * x + y * y || z < 0) solveSliding(P, c, v);
+      if (mz * mz < x * x + y * y || z < 0) {
+        if (!exactCoulomb || !solveSlidingCoulomb(P, v)) solveSliding(P, c, v);
+      }
       applyImpulseChange(P, p0);
     }
     ++loopCounter;

@@ -78,7 +78,13 @@ void StiffLengthConstraint::applyTension(ContactProblemList& problems) {
   MaterialPairProperties wireMaterial;
   wireMaterial.r_th = 0.0;
   problems.emplace_back(wireMaterial, p1[0], p1[1], p1[2], depth);
-  problems.back().rank = 4;
+  // A wire with a dynamic end is a one-sided constraint along its normal. With
+  // no dynamic end no object fills the problem (static and kinematic sides
+  // receive no impulse), so it stays in the list as an inactive record: a zero
+  // block that the solver skips, which applies nothing and adds no error.
+  problems.back().rank = (type1 == DYNAMIC || type2 == DYNAMIC) ? 4 : 0;
+  // The wire itself identifies its problem from step to step (warm start).
+  problems.back().warmStartKey = contact::WarmStartKey::owned(this, contact::WarmStartKey::WIRE, 0);
 }
 
 CompliantLengthConstraint::CompliantLengthConstraint(Object* ob1_, int localIdx1_, Mat<3, 1> pos1, Object* ob2_,

@@ -4,12 +4,14 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <fstream>
 #include <functional>
+#include <sstream>
 
 #include "vorsim/World.hpp"
+#include "vorsim/object/ArticulatedSystem/ArticulatedSystem.hpp"
 #include "vorsim/object/Compound.hpp"
 #include "vorsim/object/HeightMap.hpp"
-#include "vorsim/object/ArticulatedSystem/ArticulatedSystem.hpp"
 #include "vorsim/object/Mesh.hpp"
 #include "vorsim/object/Primitives.hpp"
 
@@ -131,6 +133,77 @@ TEST_F(Allocations, SteadyScenesAllocateNothing) {
     world.addStiffWire(anchor, 0, Eigen::Vector3d::Zero(), bob, 0, Eigen::Vector3d::Zero(), 0.5);
     EXPECT_EQ(allocationsInSteadySteps(world, 200, 1000), 0) << "sliding box and pendulum";
   }
+  {
+    World world;  // a compliant and a custom wire, and stiff wires with no dynamic end
+    world.setTimeStep(0.001);
+    world.addGround();
+    world.addSphere(0.1, 1.0)->setPosition(0, 0, 0.1);
+    const Eigen::Vector3d o = Eigen::Vector3d::Zero();
+    Box* blocks[4];
+    for (int i = 0; i < 4; ++i) {
+      blocks[i] = world.addBox(0.1, 0.1, 0.1, 1.0, "default", 0, 0);
+      blocks[i]->setPosition(i, 3, 2);
+      blocks[i]->setBodyType(i < 2 ? STATIC : KINEMATIC);
+    }
+    blocks[3]->setVelocity(0.1, 0, 0, 0, 0, 0);
+    world.addStiffWire(blocks[0], 0, o, blocks[1], 0, o, 0.5);
+    world.addStiffWire(blocks[2], 0, o, blocks[3], 0, o, 0.5);
+    auto* hanging = world.addSphere(0.05, 1.0, "default", 0, 0);
+    hanging->setPosition(0, 3, 1.5);
+    world.addCompliantWire(blocks[0], 0, o, hanging, 0, o, 0.4, 500.0);
+    world.addCustomWire(blocks[1], 0, o, hanging, 0, o, 1.0)->setTension(2.0);
+    EXPECT_EQ(allocationsInSteadySteps(world, 200, 1000), 0) << "wires";
+  }
+}
+
+TEST_F(Allocations, SolverOptionsAllocateNothing) {
+  // The warm start keeps last step's impulses in lists that keep their
+  // capacity; exact Coulomb sliding works on the stack.
+  auto options = [](World& world) {
+    world.setTimeStep(0.001);
+    world.setWarmStart(true);
+    world.setExactCoulombSliding(true);
+    world.addGround();
+  };
+  {
+    World world;  // spheres settled in a walled bin
+    options(world);
+    for (int side = 0; side < 4; ++side) {
+      auto* wall = world.addBox(side < 2 ? 0.1 : 1.2, side < 2 ? 1.2 : 0.1, 0.6, 1.0);
+      wall->setPosition(side < 2 ? 1.1 * (side - 0.5) : 0.0, side < 2 ? 0.0 : 1.1 * (side - 2.5), 0.3);
+      wall->setBodyType(STATIC);
+    }
+    for (int i = 0; i < 64; ++i)
+      world.addSphere(0.1, 1.0)->setPosition(-0.35 + 0.23 * (i % 4) + 0.01 * (i % 3), -0.35 + 0.23 * ((i / 4) % 4),
+                                             0.15 + 0.22 * (i / 16));
+    EXPECT_EQ(allocationsInSteadySteps(world, 3000, 1000), 0) << "bin";
+    EXPECT_GT(world.getWarmStartedProblemCount(), 100u);
+  }
+  {
+    World world;  // boxes sliding to rest, a column, and a pendulum on a stiff wire
+    options(world);
+    for (int i = 0; i < 4; ++i) {
+      auto* box = world.addBox(0.2, 0.2, 0.2, 1.0);
+      box->setPosition(0.5 * i, 1.0, 0.1);
+      box->setVelocity(2.0 + i, 0.3 * i, 0, 0, 0, 0);
+      world.addBox(0.2, 0.2, 0.2, 1.0)->setPosition(0, -1.0, 0.1 + 0.2 * i);
+    }
+    auto* anchor = world.addBox(0.1, 0.1, 0.1, 1.0);
+    anchor->setPosition(0, 2, 2);
+    anchor->setBodyType(STATIC);
+    auto* bob = world.addSphere(0.05, 1.0);
+    bob->setPosition(0.5, 2, 2);
+    world.addStiffWire(anchor, 0, Eigen::Vector3d::Zero(), bob, 0, Eigen::Vector3d::Zero(), 0.5);
+    EXPECT_EQ(allocationsInSteadySteps(world, 1500, 1000), 0) << "sliding boxes, column and pendulum";
+  }
+  {
+    World world;  // a robot's feet on the ground and a ball on its base
+    options(world);
+    auto* robot = world.addArticulatedSystem(std::string(VORSIM_MODELS_DIR) + "/anymal_b/anymal.urdf");
+    robot->setBasePos(Mat<3, 1>{0.0, 0.0, 0.5});
+    world.addSphere(0.05, 0.1)->setPosition(0, 0, 0.75);
+    EXPECT_EQ(allocationsInSteadySteps(world, 500, 1000), 0) << "robot";
+  }
 }
 
 TEST_F(Allocations, TerrainAndCompoundsAllocateNothing) {
@@ -179,25 +252,55 @@ TEST_F(Allocations, RayQueriesAllocateNothing) {
   EXPECT_GT(hits, 5000u);
 }
 
+namespace {
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// A robot file's text with its root link fixed to the world at height z.
+std::string fixedBaseUrdf(const std::string& file, const std::string& rootLink, double z) {
+  std::string urdf = readFile(std::string(VORSIM_MODELS_DIR) + "/" + file);
+  const size_t end = urdf.find('>', urdf.find("<robot")) + 1;
+  return urdf.insert(end, "<link name=\"world\"/><joint name=\"fix\" type=\"fixed\"><origin xyz=\"0 0 " +
+                              std::to_string(z) + "\"/><parent link=\"world\"/><child link=\"" + rootLink +
+                              "\"/></joint>");
+}
+
+// PD control that holds every joint where it is.
+void holdJoints(ArticulatedSystem& robot, double kp, double kd) {
+  VecDyn p(robot.getDOF()), d(robot.getDOF()), velocity(robot.getDOF());
+  for (size_t i = 0; i < robot.getDOF(); ++i) p[i] = kp, d[i] = kd, velocity[i] = 0.0;
+  robot.setControlMode(ArticulatedSystem::PD_PLUS_FEEDFORWARD_TORQUE);
+  robot.setPdGains(p, d);
+  robot.setPdTarget(robot.getGeneralizedCoordinate(), velocity);
+}
+
+}  // namespace
+
 TEST_F(Allocations, RobotsAndMeshesInSteadyStepsAllocateNothing) {
   World world;
   world.setTimeStep(0.001);
   world.addGround();
-  // A quadruped whose feet touch the ground, a mesh cube resting on the ground
-  // and a ball resting on the robot's base: contacts with robot geoms, mesh
-  // geoms and primitives in every step.
-  auto* robot = world.addArticulatedSystem(std::string(VORSIM_MODELS_DIR) + "/anymal_b/anymal.urdf");
-  robot->setBasePos(Mat<3, 1>{0.0, 0.0, 0.5});
+  // A quadruped on a fixed base whose feet, held by PD control, touch the
+  // ground, a mesh cube resting on the ground and a ball resting on the
+  // robot's base: contacts with robot geoms, mesh geoms and primitives in
+  // every step.
+  auto* robot = world.addArticulatedSystem(fixedBaseUrdf("anymal_b/anymal.urdf", "base", 0.5),
+                                           std::string(VORSIM_MODELS_DIR) + "/anymal_b");
+  holdJoints(*robot, 200.0, 10.0);
   auto* cube = world.addMesh(std::string(VORSIM_MODELS_DIR) + "/../tests/data/meshes/cube.obj", 1.0, 0.2);
   cube->setPosition(2, 0, 0.1);
   auto* ball = world.addSphere(0.05, 0.1);
   ball->setPosition(0, 0, 0.75);
   EXPECT_EQ(allocationsInSteadySteps(world, 500, 1000), 0) << "robot, mesh and ball";
   size_t withGround = 0, withBall = 0;
-  for (const Contact& c : robot->getContacts()) {
-    withGround += c.getPairObjectIndex() == 0;
-    withBall += c.getPairObjectIndex() == ball->getIndexInWorld();
-  }
+  for (const Contact& c : robot->getContacts()) withGround += c.getPairObjectIndex() == 0;
+  // The fixed base is static: only the ball keeps a record of that contact.
+  for (const Contact& c : ball->getContacts()) withBall += c.getPairObjectIndex() == robot->getIndexInWorld();
   EXPECT_GT(withGround, 0u);
   EXPECT_GT(withBall, 0u);
 }
@@ -234,4 +337,53 @@ TEST_F(Allocations, KinematicQueriesAllocateNothing) {
   g_counting = false;
   EXPECT_EQ(g_allocations, 0);
   EXPECT_NE(sum, 0.0);
+}
+
+TEST_F(Allocations, ContactFreeRobotStepsAllocateNothing) {
+  // A floating quadruped in the air under PD control with a push every step,
+  // and an arm on a fixed base under gravity stepped by the Runge-Kutta
+  // scheme; no ground, so no contact.
+  World world;
+  world.setTimeStep(0.001);
+  // Collision masks of 0: the links of a robot would touch each other.
+  auto* quadruped = world.addArticulatedSystem(std::string(VORSIM_MODELS_DIR) + "/anymal_b/anymal.urdf", "", {}, 1, 0);
+  holdJoints(*quadruped, 100.0, 5.0);
+  auto* arm = world.addArticulatedSystem(fixedBaseUrdf("franka_panda/panda.urdf", "panda_link0", 0.0),
+                                         std::string(VORSIM_MODELS_DIR) + "/franka_panda", {}, 1, 0);
+  arm->setIntegrationScheme(ArticulatedSystem::RUNGE_KUTTA_4);
+  const Mat<3, 1> push{0.0, 1.0, 0.0}, twist{0.0, 0.0, 0.2}, gravity{0.0, 0.0, -9.81};
+  VecDyn tau(arm->getDOF()), acceleration(arm->getDOF());
+  auto step = [&](int i) {
+    quadruped->setExternalForce(3, push);
+    quadruped->setExternalTorque(0, twist);
+    arm->setExternalForce(5, ArticulatedSystem::BODY_FRAME, push, ArticulatedSystem::BODY_FRAME, twist);
+    world.integrate();
+    // The services a controller or a sensor calls between steps.
+    for (size_t k = 0; k < arm->getDOF(); ++k) acceleration[k] = 0.01 * double(i % 7);
+    arm->recursiveNewtonEuler(gravity, true, true, acceleration, tau);
+    arm->getNonlinearities(gravity);
+    arm->getInverseMassMatrix();
+    return arm->getEnergy(gravity) + quadruped->getKineticEnergy();
+  };
+  for (int i = 0; i < 100; ++i) step(i);
+  g_allocations = 0;
+  g_counting = true;
+  double sum = 0.0;
+  for (int i = 0; i < 1000; ++i) sum += step(i);
+  g_counting = false;
+  EXPECT_EQ(g_allocations, 0);
+  EXPECT_TRUE(world.getContactProblem().empty());
+  EXPECT_TRUE(std::isfinite(sum));
+  EXPECT_LT(quadruped->getGeneralizedCoordinate()[2], -1.0);  // it fell
+}
+
+TEST_F(Allocations, WorldsReadFromFilesAllocateNothing) {
+  // Every kind a world file holds (bodies, terrain, compounds, classes, wires,
+  // a robot), and an MJCF scene.
+  for (const char* file : {"/world/every_kind.xml", "/mjcf/scene.xml"}) {
+    testing::internal::CaptureStdout();
+    World world(std::string(VORSIM_TEST_DATA_DIR) + file);
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(allocationsInSteadySteps(world, 2000, 1000), 0) << file;
+  }
 }

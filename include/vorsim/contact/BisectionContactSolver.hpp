@@ -21,6 +21,12 @@ class BisectionContactSolver {
   // Preconditions: impulses zeroed, Delassus blocks filled. Afterwards every
   // impulse is final, every object's working velocity updated and loopCounter
   // holds the number of sweeps.
+  //
+  // With warmStart on, a problem may instead start with a nonzero impulse (a
+  // guess, the last step's impulse of the same constraint): once the targets
+  // are set from the free velocities, every such impulse is applied to the
+  // objects (a joint limit's through its owner's applyJointLimitImpulse), and
+  // the sweeps go on from there. An inactive problem (rank 0) starts from zero.
   void solve(ProblemList& problems);
 
   int getLoopCounter() const { return loopCounter; }
@@ -36,6 +42,14 @@ class BisectionContactSolver {
   double erp = 0.3;          // penetration-to-velocity rate
   double erp2 = 0.002;       // added to the restitution coefficient
   int maxIter = 150;
+  // Options, off by default; with both off the solve is the one described above.
+  // Start from the impulses the problems hold (see solve).
+  bool warmStart = false;
+  // On the sliding branch, take the direction in which the contact's resulting
+  // tangential velocity is opposite to the tangential impulse (friction opposes
+  // slip), instead of the direction that minimises the contact's energy on the
+  // cone. The normal velocity is zero in both.
+  bool exactCoulomb = false;
 };
 
 }  // namespace contact

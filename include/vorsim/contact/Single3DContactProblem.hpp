@@ -7,6 +7,7 @@
 #include <type_traits>
 
 #include "vorsim/Materials.hpp"
+#include "vorsim/contact/WarmStartKey.hpp"
 #include "vorsim/math.hpp"
 
 namespace vorsim {
@@ -16,7 +17,13 @@ namespace contact {
 // rank says both the kind of the problem and the dimension of G's range:
 // 0 inactive, 1/2/3 contact of that rank, 4 one-sided normal constraint (stiff
 // wire), 5 joint limit, 7/8/9 bilateral of rank 1/2/3.
-class Single3DContactProblem {
+//
+// Every field starts defined (zero, null, rank 3), whichever constructor runs,
+// so a record that no object fills reads as zeros rather than as leftover
+// memory. Records are 32-byte aligned and their size is a multiple of 32, so
+// that every record of the solver's array, not only the first, starts on a
+// 32-byte boundary.
+class alignas(32) Single3DContactProblem {
  public:
   Single3DContactProblem() = default;
   Single3DContactProblem(const MaterialPairProperties& mat, double x, double y, double z, double depth);
@@ -25,15 +32,15 @@ class Single3DContactProblem {
   // the singular cases.
   void checkRank();
 
-  Mat<3, 1> impulse;
-  Mat<3, 1> tauStar;
-  Mat<3, 3> delassus;
-  Mat<3, 3> delassusInverse;
-  Mat<2, 2> reducedDelassus;
-  Mat<2, 2> reducedDelassusInverse;
-  Mat<3, 1> basis[2];
-  Mat<3, 1> reducedColumnX;
-  Mat<3, 1> reducedColumnY;
+  Mat<3, 1> impulse{};
+  Mat<3, 1> tauStar{};
+  Mat<3, 3> delassus{};
+  Mat<3, 3> delassusInverse{};
+  Mat<2, 2> reducedDelassus{};
+  Mat<2, 2> reducedDelassusInverse{};
+  Mat<3, 1> basis[2] = {};
+  Mat<3, 1> reducedColumnX{};
+  Mat<3, 1> reducedColumnY{};
   double mu = 0.0;
   double normalDelassusOverMu = 0.0;
   double muInverse = 0.0;
@@ -49,16 +56,24 @@ class Single3DContactProblem {
   int rank = 3;
   size_t localIndexA = 0;
   size_t localIndexB = 0;
-  Mat<3, 1> position;
+  Mat<3, 1> position{};
   double staticFriction = 0.0;
   double staticFrictionThreshold = 0.0;
   double inverseStaticThreshold = 0.0;
+  // Identity of the constraint for the warm start (see WarmStartKey). Empty
+  // unless the world (collision points) or the owner (wires, robots' limits
+  // and pins) sets it; read only when the warm start is on.
+  WarmStartKey warmStartKey{};
 
   const Mat<3, 1>& getImpulse() const { return impulse; }
   const Mat<3, 1>& getPosition() const { return position; }
 };
 
 static_assert(std::is_trivially_copyable_v<Single3DContactProblem>, "problems are moved by the vector as plain bytes");
+static_assert(sizeof(Single3DContactProblem) == 544,
+              "records stay at 544 bytes (the warm start key sits in what was padding)");
+static_assert(alignof(Single3DContactProblem) == 32 && sizeof(Single3DContactProblem) % 32 == 0,
+              "each record of the aligned array starts on a 32-byte boundary");
 
 }  // namespace contact
 }  // namespace vorsim

@@ -52,6 +52,12 @@ class Mesh : public SingleBodyObject {
   const std::vector<float>& getMeshVertices() const { return meshVertices; }
   const std::string& getMeshFileName() const { return meshFileName; }
   double getMeshScale() const { return meshScale; }
+  // Records the file (read with `scale`) that a mesh built from arrays came
+  // from, so that a writer can name it.
+  void setMeshSource(const std::string& fileName, double scale) {
+    meshFileName = fileName;
+    meshScale = scale;
+  }
 
  protected:
   // Pose at the origin, centre-of-mass offset `com` (the centre of mass itself

@@ -44,6 +44,7 @@ void ArticulatedSystem::init() {
 
   updateKinematics();
   initializeConstraints();
+  sizeDynamicsTables();
   warnAboutMasslessSubtrees();
 }
 

@@ -1,36 +1,594 @@
-// Forward dynamics and time stepping of a robot: generalized forces, the
-// articulated-body algorithm, integration, and the loads a caller applies.
+// Forward dynamics and time stepping of a robot: the generalized forces of
+// actuators, springs, dampers and loads; the articulated-body algorithm that
+// turns them into the free velocity of the end of the step; the integration of
+// the velocity the solver leaves; the older mass-matrix route; and the public
+// setters of loads and actuation.
 //
-// WAITING FOR THE DYNAMICS STAGE. Until it lands, stepping a world with a
-// robot in it keeps the robot exactly where it is: no free velocity, no
-// integration, and applied loads are dropped at the end of each step. None of
-// this is the dynamics of a robot.
+// The articulated-body algorithm works in world coordinates with spatial
+// vectors referred to each body's origin posW[b], linear part first, and with
+// classical accelerations (those of the body origin). It runs in a freely
+// falling frame: the root of a fixed base accelerates at -gravity, and a
+// floating base gets gravity back only in its final acceleration.
+#include "vorsim/VorSimMsg.hpp"
 #include "vorsim/World.hpp"
 #include "vorsim/object/ArticulatedSystem/ArticulatedSystem.hpp"
 
 namespace vorsim {
 
-// Placeholder until the dynamics stage: zero impact velocities, no limits.
-void ArticulatedSystem::preContactSolverUpdate2(const Mat<3, 1>& /*gravity*/, double /*dt*/,
-                                                ContactProblemList& /*problems*/) {
+namespace {
+
+using Vec3 = Eigen::Vector3d;
+using Vec6 = Eigen::Matrix<double, 6, 1>;
+using Mat3 = Eigen::Matrix3d;
+using Mat6 = Eigen::Matrix<double, 6, 6>;
+
+inline Mat3 skew(const Vec3& v) {
+  Mat3 s;
+  s << 0.0, -v(2), v(1), v(2), 0.0, -v(0), -v(1), v(0), 0.0;
+  return s;
+}
+
+// The rigid spatial inertia of one body about its origin, c the centre of mass
+// relative to the origin and J the inertia about the origin.
+inline void rigidInertia(double m, const Mat3& cSkew, const Mat3& J, Mat6& M) {
+  M.topLeftCorner<3, 3>() = m * Mat3::Identity();
+  M.topRightCorner<3, 3>() = -m * cSkew;
+  M.bottomLeftCorner<3, 3>() = m * cSkew;
+  M.bottomRightCorner<3, 3>() = J;
+}
+
+inline Vec6 motionColumn(const Vec3& linear, const Vec3& angular) {
+  Vec6 s;
+  s << linear, angular;
+  return s;
+}
+
+// M skew(r), column by column.
+inline Mat3 timesSkew(const Mat3& M, const Vec3& r) {
+  Mat3 out;
+  out.col(0) = r(2) * M.col(1) - r(1) * M.col(2);
+  out.col(1) = r(0) * M.col(2) - r(2) * M.col(0);
+  out.col(2) = r(1) * M.col(0) - r(0) * M.col(1);
+  return out;
+}
+
+// skew(r) M, row by row.
+inline Mat3 skewTimes(const Vec3& r, const Mat3& M) {
+  Mat3 out;
+  out.row(0) = r(1) * M.row(2) - r(2) * M.row(1);
+  out.row(1) = r(2) * M.row(0) - r(0) * M.row(2);
+  out.row(2) = r(0) * M.row(1) - r(1) * M.row(0);
+  return out;
+}
+
+// The inverse of a symmetric positive definite 6x6 matrix by its Cholesky
+// factor L L^T: L^-T L^-1. No pivoting and no checks.
+inline void choleskyInverse(const Mat6& A, Mat6& inverse) {
+  double L[6][6] = {};
+  for (int j = 0; j < 6; ++j) {
+    double d = A(j, j);
+    for (int k = 0; k < j; ++k) d -= L[j][k] * L[j][k];
+    L[j][j] = std::sqrt(d);
+    const double invDiag = 1.0 / L[j][j];
+    for (int i = j + 1; i < 6; ++i) {
+      double s = A(i, j);
+      for (int k = 0; k < j; ++k) s -= L[i][k] * L[j][k];
+      L[i][j] = s * invDiag;
+    }
+  }
+  // Li = L^-1, lower triangular.
+  double Li[6][6] = {};
+  for (int j = 0; j < 6; ++j) {
+    Li[j][j] = 1.0 / L[j][j];
+    for (int i = j + 1; i < 6; ++i) {
+      double s = 0.0;
+      for (int k = j; k < i; ++k) s -= L[i][k] * Li[k][j];
+      Li[i][j] = s / L[i][i];
+    }
+  }
+  for (int i = 0; i < 6; ++i)
+    for (int j = 0; j <= i; ++j) {
+      double s = 0.0;
+      for (int k = i; k < 6; ++k) s += Li[k][i] * Li[k][j];
+      inverse(i, j) = s;
+      inverse(j, i) = s;
+    }
+}
+
+}  // namespace
+
+// ------------------------------------------------------------ spatial shifts --
+
+void ArticulatedSystem::shiftForceToParent(size_t b, Vec6& f) const {
+  // The moment is taken about the parent's origin.
+  const Vec3 r = relPosW[b].e();
+  f.tail<3>() += r.cross(f.head<3>());
+}
+
+void ArticulatedSystem::shiftMotionFromParent(size_t b, Vec6& a) const {
+  // The point at the child's origin, rigidly attached to the parent.
+  const Vec3 r = relPosW[b].e();
+  a.head<3>() += a.tail<3>().cross(r);
+}
+
+void ArticulatedSystem::shiftInertiaToParent(size_t b, Mat6& I) const {
+  // X^T I X with X = [1, -S; 0, 1], S = skew(relPosW[b]), in 3x3 blocks.
+  const Vec3 r = relPosW[b].e();
+  const Mat3 A = I.topLeftCorner<3, 3>();
+  const Mat3 B = I.topRightCorner<3, 3>();
+  const Mat3 top = B - timesSkew(A, r);
+  const Mat3 bottom = I.bottomRightCorner<3, 3>() - timesSkew(B.transpose(), r) + skewTimes(r, top);
+  I.topRightCorner<3, 3>() = top;
+  I.bottomLeftCorner<3, 3>() = top.transpose();
+  I.bottomRightCorner<3, 3>() = bottom;
+}
+
+// ---------------------------------------------------- articulated-body algorithm --
+
+void ArticulatedSystem::articulatedBodyAlgorithm(const Mat<3, 1>& gravity, double dt) {
+  computeGeneralizedForces();
+  updateWorldInertia();
+  for (size_t b = nbody - 1; b >= 1 && b < nbody; --b) abaBackwardBody(b);
+  abaRoot(gravity);
+  for (size_t b = 1; b < nbody; ++b) abaForwardBody(b);
+  for (size_t i = 0; i < dof; ++i) gvWork[i] = gv[i] + dt * ga[i];
+}
+
+void ArticulatedSystem::computeGeneralizedForces() {
+  actuation = feedForward;
+  if (controlMode == PD_PLUS_FEEDFORWARD_TORQUE) {
+    computePositionError();
+    for (size_t i = 0; i < dof; ++i) {
+      actuation[i] += posError[i] * pGain[i];
+      actuation[i] -= gv[i] * dGain[i];
+      actuation[i] += velTarget[i] * dGain[i];
+    }
+  }
+  for (size_t i = 0; i < dof; ++i) actuation[i] -= jointDampingGv[i] * gv[i];
+  // Effort limits bound feed-forward, PD and damping together; springs and
+  // loads come after the clip.
+  for (size_t i = 0; i < dof; ++i) actuation[i] = std::max(std::min(actuation[i], tauUpper[i]), tauLower[i]);
+  addSpringForces(actuation);
+  addLoadForces(actuation);
+}
+
+void ArticulatedSystem::computePositionError() {
+  for (size_t b = 1; b < nbody; ++b) {
+    const size_t g = gvIdx[b], c = gcIdx[b];
+    if (jointType[b] == Joint::REVOLUTE || jointType[b] == Joint::PRISMATIC) {
+      posError[g] = posTarget[c] - gc[c];
+    } else if (jointType[b] == Joint::SPHERICAL) {
+      // The rotation from the current orientation to the target, in the
+      // body frame, as a rotation vector.
+      double e[4];
+      quatInvQuatMul(gc.v + c, posTarget.v + c, e);
+      quatToEulerVec(e, posError.v + g);
+    }
+  }
+}
+
+void ArticulatedSystem::addSpringForces(VecDyn& tau) const {
+  for (const SpringElement& s : springs) {
+    const size_t b = s.springBody, g = gvIdx[b], c = gcIdx[b];
+    if (jointType[b] == Joint::REVOLUTE || jointType[b] == Joint::PRISMATIC) {
+      tau[g] += (s.springRest[0] - gc[c]) * s.springStiffness;
+    } else if (jointType[b] == Joint::SPHERICAL) {
+      double e[4], rotation[3];
+      quatInvQuatMul(gc.v + c, s.springRest.v, e);
+      quatToEulerVec(e, rotation);
+      for (size_t k = 0; k < 3; ++k) tau[g + k] += s.springStiffness * rotation[k];
+    }
+  }
+}
+
+void ArticulatedSystem::addLoadForces(VecDyn& tau) const {
+  auto project = [&tau](const SparseJacobian& J, const Mat<3, 1>& f) {
+    for (size_t k = 0; k < J.size; ++k) tau[J.idx[k]] += J.v(0, k) * f[0] + J.v(1, k) * f[1] + J.v(2, k) * f[2];
+  };
+  for (size_t i = 0; i < externalLoadValues_.size(); ++i) project(externalForceJacobians[i], externalLoadValues_[i]);
+  for (size_t i = 0; i < constraintForces_.size(); ++i) project(constraintJacobians_[i], constraintForces_[i]);
+}
+
+void ArticulatedSystem::abaBackwardBody(size_t b) {
+  AbaData& d = abaData[b];
+  const double m = massOf[b];
+  const Vec3 c = comRelW[b].e();
+  const Vec3 w = angVelW[b].e();
+  Mat<3, 3> inertiaAtOrigin;
+  inertiaAtP(m, inertiaW[b], comRelW[b], inertiaAtOrigin);
+  const Mat3 J = inertiaAtOrigin.e();
+  comSkew[b] = skew(c);
+  rigidInertia(m, comSkew[b].e(), J, d.articulatedInertia);
+  d.biasForce << m * w.cross(w.cross(c)), w.cross(J * w);
+
+  // Each child hands over its inertia with its joint removed and its bias,
+  // both moved to this origin.
+  for (size_t ch : children[b]) {
+    const AbaData& dc = abaData[ch];
+    Mat6 Ia;
+    Vec6 pa;
+    if (jointType[ch] == Joint::SPHERICAL) {
+      const AbaData3& d3 = abaData3[ch];
+      const size_t g = gvIdx[ch];
+      Ia.noalias() = dc.articulatedInertia - d3.UDinv * d3.U.transpose();
+      const Vec3 u = Vec3(actuation[g], actuation[g + 1], actuation[g + 2]) - d3.S.transpose() * dc.biasForce;
+      pa.noalias() = dc.biasForce + Ia * dc.c + d3.UDinv * u;
+    } else {
+      Ia.noalias() = dc.articulatedInertia - dc.UDinv * dc.U.transpose();
+      const double u = actuation[gvIdx[ch]] - dc.S.dot(dc.biasForce);
+      pa.noalias() = dc.biasForce + Ia * dc.c + dc.UDinv * u;
+    }
+    shiftInertiaToParent(ch, Ia);
+    shiftForceToParent(ch, pa);
+    d.articulatedInertia += Ia;
+    d.biasForce += pa;
+  }
+
+  if (b == 0) return;  // the root's coordinates are taken by abaRoot
+
+  // Joint terms at this origin. c is the velocity-product acceleration: what
+  // the body's origin and rotation gain from the velocities alone.
+  const size_t p = parent[b], g = gvIdx[b];
+  const Vec3 wp = angVelW[p].e();
+  const Vec3 carried = wp.cross(linVelW[b].e() - linVelW[p].e());
+  const Vec3 a = axisW[b].e();
+  switch (jointType[b]) {
+    case Joint::REVOLUTE:
+    case Joint::PRISMATIC: {
+      if (jointType[b] == Joint::REVOLUTE) {
+        d.S = motionColumn(Vec3::Zero(), a);
+        d.Sdot = motionColumn(Vec3::Zero(), w.cross(a));
+      } else {
+        d.S = motionColumn(a, Vec3::Zero());
+        d.Sdot = motionColumn(w.cross(a), Vec3::Zero());
+      }
+      // S has one nonzero half: U takes three columns of M_A.
+      const bool revolute = jointType[b] == Joint::REVOLUTE;
+      if (revolute)
+        d.U.noalias() = d.articulatedInertia.rightCols<3>() * a;
+      else
+        d.U.noalias() = d.articulatedInertia.leftCols<3>() * a;
+      const double StU = revolute ? a.dot(d.U.tail<3>()) : a.dot(d.U.head<3>());
+      const double Stp = revolute ? a.dot(d.biasForce.tail<3>()) : a.dot(d.biasForce.head<3>());
+      d.Dinv = 1.0 / (StU + dampedDiag[g] + rotorInertiaGv[g]);
+      d.UDinv = d.U * d.Dinv;
+      d.c = d.Sdot * gv[g];
+      d.c.head<3>() += carried;
+      d.scaledForce = d.Dinv * (actuation[g] - Stp - d.U.dot(d.c));
+      break;
+    }
+    case Joint::SPHERICAL: {
+      AbaData3& d3 = abaData3[b];
+      const Mat3 R = rotW[b].e();
+      d3.S.topRows<3>().setZero();
+      d3.S.bottomRows<3>() = R;
+      d3.Sdot.topRows<3>().setZero();
+      d3.Sdot.bottomRows<3>().noalias() = skew(w) * R;
+      d3.U.noalias() = d.articulatedInertia * d3.S;
+      d3.D.noalias() = d3.S.transpose() * d3.U;
+      for (size_t k = 0; k < 3; ++k) d3.D(k, k) += dampedDiag[g + k] + rotorInertiaGv[g + k];
+      d3.Dinv = d3.D.llt().solve(Mat3::Identity());
+      d3.UDinv.noalias() = d3.U * d3.Dinv;
+      const Vec3 u(gv[g], gv[g + 1], gv[g + 2]);
+      d.c.noalias() = d3.Sdot * u;
+      d.c.head<3>() += carried;
+      const Vec3 tau(actuation[g], actuation[g + 1], actuation[g + 2]);
+      d3.scaledForce.noalias() = d3.Dinv * (tau - d3.S.transpose() * d.biasForce - d3.U.transpose() * d.c);
+      break;
+    }
+    default:
+      break;
+  }
+}
+
+void ArticulatedSystem::abaRoot(const Mat<3, 1>& gravity) {
+  AbaData& d = abaData[0];
+  if (jointType[0] != Joint::FLOATING) {
+    // A fixed base seen from a freely falling frame.
+    d.a << -gravity[0], -gravity[1], -gravity[2], 0.0, 0.0, 0.0;
+    return;
+  }
+  // The base is built like any body; its six coordinates then take the
+  // inverse of its articulated inertia directly. Rotor inertia and the
+  // implicit terms a caller may have put on the base's entries act here as
+  // they do on the mass matrix's diagonal: on the true acceleration, which is
+  // the falling frame's plus gravity.
+  abaBackwardBody(0);
+  Mat6 base = d.articulatedInertia;
+  Vec6 tau;
+  for (size_t i = 0; i < 6; ++i) {
+    const double diagonal = rotorInertiaGv[i] + dampedDiag[i];
+    base(Eigen::Index(i), Eigen::Index(i)) += diagonal;
+    tau(Eigen::Index(i)) = actuation[i] - (i < 3 ? diagonal * gravity[i] : 0.0);
+  }
+  Mat6 inverse;
+  choleskyInverse(base, inverse);
+  baseInertiaInverse = inverse;
+  d.a.noalias() = inverse * (tau - d.biasForce);
+  for (size_t i = 0; i < 6; ++i) ga[i] = d.a(Eigen::Index(i));
+  for (size_t k = 0; k < 3; ++k) ga[k] += gravity[k];
+}
+
+void ArticulatedSystem::abaForwardBody(size_t b) {
+  AbaData& d = abaData[b];
+  Vec6 ap = abaData[parent[b]].a;
+  shiftMotionFromParent(b, ap);
+  const size_t g = gvIdx[b];
+  if (jointType[b] == Joint::SPHERICAL) {
+    const AbaData3& d3 = abaData3[b];
+    const Vec3 qdd = d3.scaledForce - d3.UDinv.transpose() * ap;
+    for (size_t k = 0; k < 3; ++k) ga[g + k] = qdd(Eigen::Index(k));
+    d.a.noalias() = ap + d.c + d3.S * qdd;
+  } else if (jointType[b] == Joint::REVOLUTE || jointType[b] == Joint::PRISMATIC) {
+    const double qdd = d.scaledForce - d.UDinv.dot(ap);
+    ga[g] = qdd;
+    d.a.noalias() = ap + d.c + d.S * qdd;
+  } else {
+    d.a = ap;
+  }
+}
+
+// ---------------------------------------------------------------- the step --
+
+void ArticulatedSystem::preContactSolverUpdate2(const Mat<3, 1>& gravity, double dt, ContactProblemList& problems) {
+  articulatedBodyAlgorithm(gravity, dt);
+  appendJointLimits(problems);
+  gvFree = gvWork;
+  // Until the contact stage exists a robot's contacts carry no velocity.
   for (Contact& c : contacts_) c.impactVel = 0.0;
 }
 
-// Placeholder until the dynamics stage: the state does not change.
-void ArticulatedSystem::integrate(double /*dt*/, World& /*world*/) {}
+void ArticulatedSystem::integrate(double dt, World& world) {
+  for (size_t i = 0; i < dof; ++i) realisedAcc[i] = (gvWork[i] - gv[i]) * (1.0 / dt);
+  const Mat<3, 1> gravity = world.getGravity();
+  if (imuPresent) {
+    // Before gv changes, so that the body accelerations are those of the step
+    // just solved.
+    recursiveNewtonEuler(gravity, true, true, realisedAcc, inverseDynamicsTau);
+    updateSensorsIfNecessary(world);
+  }
 
-// The time step is stored; the implicit damping terms that depend on it come
-// with the dynamics stage.
-void ArticulatedSystem::updateTimeStep(double dt) { timeStep = dt; }
-void ArticulatedSystem::updateTimeStepIfNecessary(double /*dt*/) {}
+  switch (activeScheme) {
+    case TRAPEZOID:
+      for (size_t i = 0; i < dof; ++i) gvMean[i] = (gv[i] + gvWork[i]) * 0.5;
+      gv = gvWork;
+      break;
+    case SEMI_IMPLICIT_EULER:
+      gv = gvWork;
+      gvMean = gv;
+      break;
+    case EXPLICIT_EULER:
+      gvMean = gv;
+      gv = gvWork;
+      break;
+    case RUNGE_KUTTA_4:
+      runRungeKutta(gravity, dt);
+      break;
+    default:
+      break;
+  }
 
-// Placeholders until the dynamics stage: loads have no effect yet.
-void ArticulatedSystem::setExternalForce(size_t /*localIdx*/, const Mat<3, 1>& /*pos*/, const Mat<3, 1>& /*force*/) {}
-void ArticulatedSystem::setExternalForce(size_t /*localIdx*/, const Mat<3, 1>& /*force*/) {}
-void ArticulatedSystem::setExternalTorque(size_t /*localIdx*/, const Mat<3, 1>& /*torque*/) {}
-void ArticulatedSystem::setConstraintForce(size_t /*localIdx*/, const Mat<3, 1>& /*pos*/, const Mat<3, 1>& /*force*/) {}
+  externalForceViz_.clear();
+  externalForceVizPos_.clear();
+  externalTorqueViz_.clear();
+  externalTorqueVizPos_.clear();
+  if (!externalLoadValues_.empty()) clearExternalForces();
+  // The Jacobians stay as storage for the next step's wire forces.
+  constraintForces_.clear();
+  constraintBodyIndices_.clear();
+  constraintForcePositions_.clear();
+
+  integratePosition(gc, gvMean, dt);
+}
+
+void ArticulatedSystem::rkIntegrate(const Mat<3, 1>& gravity, double dt) {
+  updateKinematics();
+  articulatedBodyAlgorithm(gravity, dt);
+  for (size_t i = 0; i < dof; ++i) gvWork[i] -= gv[i];
+}
+
+void ArticulatedSystem::runRungeKutta(const Mat<3, 1>& gravity, double dt) {
+  // Contact impulses act as a jump at the start of the step; each stage reruns
+  // the whole algorithm at its own state.
+  const double h = 0.5 * dt;
+  const size_t n = dof;
+  for (size_t i = 0; i < n; ++i) rkVel1[i] = gv[i] + (gvWork[i] - gvFree[i]);
+  rkGc0 = gc;
+  gv = rkVel1;
+
+  rkIntegrate(gravity, dt);
+  rkDelta1 = gvWork;
+  for (size_t i = 0; i < n; ++i) rkVel2[i] = rkVel1[i] + 0.5 * rkDelta1[i];
+  rkGc1 = rkGc0;
+  integratePosition(rkGc1, rkVel1, h);
+  gc = rkGc1;
+  gv = rkVel2;
+
+  rkIntegrate(gravity, h);
+  for (size_t i = 0; i < n; ++i) rkDelta2[i] = 2.0 * gvWork[i];
+  for (size_t i = 0; i < n; ++i) rkVel3[i] = rkVel1[i] + 0.5 * rkDelta2[i];
+  rkGc2 = rkGc0;
+  integratePosition(rkGc2, rkVel2, h);
+  gc = rkGc2;
+  gv = rkVel3;
+
+  rkIntegrate(gravity, h);
+  for (size_t i = 0; i < n; ++i) rkDelta3[i] = 2.0 * gvWork[i];
+  for (size_t i = 0; i < n; ++i) rkVel4[i] = rkVel1[i] + rkDelta3[i];
+  rkGc3 = rkGc0;
+  integratePosition(rkGc3, rkVel3, dt);
+  gc = rkGc3;
+  gv = rkVel4;
+
+  rkIntegrate(gravity, dt);
+  rkDelta4 = gvWork;
+
+  for (size_t i = 0; i < n; ++i) {
+    gv[i] = rkVel1[i] + rkDelta1[i] / 6.0 + rkDelta2[i] / 3.0 + rkDelta3[i] / 3.0 + rkDelta4[i] / 6.0;
+    gvMean[i] = rkVel1[i] / 6.0 + rkVel2[i] / 3.0 + rkVel3[i] / 3.0 + rkVel4[i] / 6.0;
+  }
+  gc = rkGc0;
+}
+
+void ArticulatedSystem::integratePosition(VecDyn& q, const VecDyn& velocity, double dt) {
+  if (jointType[0] == Joint::FLOATING) {
+    for (size_t k = 0; k < 3; ++k) q[k] += dt * velocity[k];
+    // The world angular velocity, taken into the base frame, turns the base
+    // by q (x) dq.
+    quatToRotMat(q.v + 3, rotW[0]);
+    const Mat<3, 1> w{velocity[3], velocity[4], velocity[5]};
+    const Mat<3, 1> wb = transpose(rotW[0]) * w;
+    Mat<4, 1> dq;
+    eulerVecToQuat(wb * dt, dq);
+    quatMul(q.v + 3, dq.v, q.v + 3);
+  }
+  for (size_t b = 1; b < nbody; ++b) {
+    const size_t g = gvIdx[b], c = gcIdx[b];
+    switch (jointType[b]) {
+      case Joint::REVOLUTE:
+      case Joint::PRISMATIC:
+        q[c] += dt * velocity[g];
+        break;
+      case Joint::SPHERICAL: {
+        // The rate is in the body's own frame: q (x) dq.
+        const Mat<3, 1> v{dt * velocity[g], dt * velocity[g + 1], dt * velocity[g + 2]};
+        const double angle = v.norm();
+        double dq[4] = {1.0, 0.0, 0.0, 0.0};
+        if (angle >= 1e-12) {
+          const double s = std::sin(0.5 * angle) / angle;
+          dq[0] = std::cos(0.5 * angle);
+          for (size_t k = 0; k < 3; ++k) dq[k + 1] = s * v[k];
+        }
+        quatMul(q.v + c, dq, q.v + c);
+        break;
+      }
+      default:
+        break;
+    }
+  }
+  // Normalises the quaternions of the member gc.
+  updateKinematics();
+}
+
+void ArticulatedSystem::integrateWithoutContact(const Mat<3, 1>& /*gravity*/, double dt) {
+  for (size_t i = 0; i < dof; ++i) tauStar[i] = -inverseDynamicsTau[i];
+  actuation = feedForward;
+  if (controlMode == PD_PLUS_FEEDFORWARD_TORQUE) {
+    computePositionError();
+    for (size_t i = 0; i < dof; ++i) {
+      actuation[i] += posError[i] * pGain[i];
+      if (activeScheme >= RUNGE_KUTTA_4) actuation[i] -= gv[i] * dGain[i];
+      actuation[i] += velTarget[i] * dGain[i];
+    }
+  }
+  // Below the Runge-Kutta scheme the implicit rate stands for damping and
+  // derivative gain together.
+  for (size_t i = 0; i < dof; ++i)
+    actuation[i] -= gv[i] * (activeScheme < RUNGE_KUTTA_4 ? dampedDiagRate[i] : jointDampingGv[i]);
+  for (size_t i = 0; i < dof; ++i) actuation[i] = std::max(std::min(actuation[i], tauUpper[i]), tauLower[i]);
+  addSpringForces(tauStar);
+  for (size_t i = 0; i < dof; ++i) tauStar[i] += actuation[i];
+  addLoadForces(tauStar);
+  for (size_t i = 0; i < dof; ++i) tauStar[i] = tauStar[i] * dt + impulseBias[i];
+  for (size_t i = 0; i < dof; ++i) {
+    double s = 0.0;
+    for (size_t j = 0; j < dof; ++j) s += massMatrixInverse(i, j) * tauStar[j];
+    gvWork[i] = s;
+  }
+}
+
+void ArticulatedSystem::updateTimeStep(double dt) {
+  timeStep = dt;
+  computeDampedMass(dt);
+  dampedMassValid = true;
+}
+
+void ArticulatedSystem::updateTimeStepIfNecessary(double dt) {
+  if (dampedMassValid) return;
+  computeDampedMass(dt);
+  dampedMassValid = true;
+}
+
+// -------------------------------------------------------------------- loads --
+
+void ArticulatedSystem::setExternalForce(size_t localIdx, const Mat<3, 1>& pos, const Mat<3, 1>& force) {
+  setExternalForce(localIdx, WORLD_FRAME, force, BODY_FRAME, pos);
+}
+
+void ArticulatedSystem::setExternalForce(size_t localIdx, const Mat<3, 1>& force) {
+  const size_t k = externalLoadValues_.size();
+  if (externalForceJacobians.size() <= k) externalForceJacobians.emplace_back();
+  getSparseJacobian(localIdx, comW[localIdx], externalForceJacobians[k]);
+  externalLoadValues_.push_back(force);
+  externalForceBodies.push_back(localIdx);
+  externalLoadPositions_.push_back(comW[localIdx]);
+  externalForceIsForce_.push_back(true);
+}
+
+void ArticulatedSystem::setExternalTorque(size_t localIdx, const Mat<3, 1>& torque) {
+  const size_t k = externalLoadValues_.size();
+  if (externalForceJacobians.size() <= k) externalForceJacobians.emplace_back();
+  getSparseRotationalJacobian(localIdx, externalForceJacobians[k]);
+  externalLoadValues_.push_back(torque);
+  externalForceBodies.push_back(localIdx);
+  externalLoadPositions_.push_back(comW[localIdx]);
+  externalForceIsForce_.push_back(false);
+}
+
+void ArticulatedSystem::setExternalForce(size_t localIdx, Frame forceFrame, const Mat<3, 1>& force, Frame posFrame,
+                                         const Mat<3, 1>& pos) {
+  const size_t p = parent[localIdx];
+  Mat<3, 1> forceW{0.0, 0.0, 0.0};
+  switch (forceFrame) {
+    case WORLD_FRAME:
+      forceW = force;
+      break;
+    case PARENT_FRAME:
+      forceW = p == kNone ? force : Mat<3, 1>(rotW[p] * force);
+      break;
+    case BODY_FRAME:
+      forceW = rotW[localIdx] * force;
+      break;
+  }
+  // An unknown frame leaves the force zero, applied at the body's origin.
+  Mat<3, 1> posW_ = posW[localIdx];
+  switch (posFrame) {
+    case WORLD_FRAME:
+      posW_ = pos;
+      break;
+    case PARENT_FRAME:
+      if (p == kNone)
+        posW_ = pos;
+      else
+        getPosition(p, pos, posW_);
+      break;
+    case BODY_FRAME:
+      getPosition(localIdx, pos, posW_);
+      break;
+  }
+  const size_t k = externalLoadValues_.size();
+  if (externalForceJacobians.size() <= k) externalForceJacobians.emplace_back();
+  getSparseJacobian(localIdx, posW_, externalForceJacobians[k]);
+  externalLoadValues_.push_back(forceW);
+  externalForceBodies.push_back(localIdx);
+  externalLoadPositions_.push_back(posW_);
+  externalForceIsForce_.push_back(true);
+}
+
+void ArticulatedSystem::setConstraintForce(size_t localIdx, const Mat<3, 1>& pos, const Mat<3, 1>& force) {
+  Mat<3, 1> pointW;
+  getPosition(localIdx, pos, pointW);
+  const size_t k = constraintForces_.size();
+  if (constraintJacobians_.size() <= k) constraintJacobians_.emplace_back();
+  getSparseJacobian(localIdx, pointW, constraintJacobians_[k]);
+  constraintForces_.push_back(force);
+  constraintBodyIndices_.push_back(localIdx);
+  constraintForcePositions_.push_back(pointW);
+}
 
 void ArticulatedSystem::clearExternalForcesAndTorques() {
+  // externalForceBodies is left as it is: loads applied after this pair with
+  // the bodies listed before in inverse dynamics.
   externalForceIsForce_.clear();
   externalLoadValues_.clear();
   externalLoadPositions_.clear();
@@ -38,6 +596,94 @@ void ArticulatedSystem::clearExternalForcesAndTorques() {
   externalForceVizPos_.clear();
   externalTorqueViz_.clear();
   externalTorqueVizPos_.clear();
+}
+
+void ArticulatedSystem::clearExternalForces() {
+  for (size_t i = 0; i < externalLoadValues_.size(); ++i) {
+    if (externalForceIsForce_[i]) {
+      externalForceViz_.push_back(externalLoadValues_[i]);
+      externalForceVizPos_.push_back(externalLoadPositions_[i]);
+    } else {
+      externalTorqueViz_.push_back(externalLoadValues_[i]);
+      externalTorqueVizPos_.push_back(externalLoadPositions_[i]);
+    }
+  }
+  externalLoadValues_.clear();
+  externalLoadPositions_.clear();
+  externalForceIsForce_.clear();
+  externalForceBodies.clear();
+}
+
+// ---------------------------------------------------------------- actuation --
+
+void ArticulatedSystem::setGeneralizedForce(std::initializer_list<double> tau) {
+  if (tau.size() != dof) MSG_FATAL("Wrong number of generalized force elements");
+  size_t k = 0;
+  for (double x : tau) {
+    if (k == dof) break;
+    feedForward[k++] = x;
+  }
+}
+
+void ArticulatedSystem::setGeneralizedForce(const VecDyn& tau) {
+  if (tau.n != dof) {
+    MSG_FATAL("Wrong number of generalized force elements");
+    return;
+  }
+  feedForward = tau;
+}
+
+void ArticulatedSystem::setControlMode(int32_t mode) {
+  controlMode = mode;
+  dampedMassValid = false;
+}
+
+void ArticulatedSystem::setPdGains(const VecDyn& p, const VecDyn& d) {
+  if (p.n != dof || d.n != dof) {
+    MSG_FATAL("Wrong number of PD gain elements: both need " << dof);
+    return;
+  }
+  pGain = p;
+  dGain = d;
+  dampedMassValid = false;
+}
+
+void ArticulatedSystem::setPdTarget(const VecDyn& position, const VecDyn& velocity) {
+  if (position.n != gcDim || velocity.n != dof) {
+    MSG_FATAL("Wrong number of PD target elements: the position target needs " << gcDim << " and the velocity target "
+                                                                               << dof);
+    return;
+  }
+  posTarget = position;
+  velTarget = velocity;
+}
+
+void ArticulatedSystem::setJointDamping(const VecDyn& damping) {
+  if (damping.n != dof) {
+    MSG_FATAL("Wrong number of joint damping elements: it needs " << dof);
+    return;
+  }
+  jointDampingGv = damping;
+  dampedMassValid = false;
+}
+
+void ArticulatedSystem::setRotorInertia(const VecDyn& inertia) {
+  if (inertia.n != dof) {
+    MSG_FATAL("Wrong number of rotor inertia elements: it needs " << dof);
+    return;
+  }
+  rotorInertiaGv = inertia;
+}
+
+void ArticulatedSystem::setEffortLimits(const VecDyn& limit) {
+  if (limit.n != dof) {
+    MSG_FATAL("Wrong number of effort limit elements: it needs " << dof);
+    return;
+  }
+  for (size_t i = 0; i < dof; ++i) {
+    tauUpper[i] = limit[i];
+    tauLower[i] = -limit[i];
+  }
 }
 
 }  // namespace vorsim

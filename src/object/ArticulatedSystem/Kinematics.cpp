@@ -426,12 +426,14 @@ void ArticulatedSystem::setGeneralizedCoordinate(const VecDyn& newGc) {
 }
 
 void ArticulatedSystem::setGeneralizedCoordinate(std::initializer_list<double> newGc) {
-  if (newGc.size() != gcDim) {
-    MSG_FATAL("Wrong number of generalized coordinate elements");
-    return;
-  }
+  // After a returning fatal callback the numbers there are are copied, never
+  // more than gcDim.
+  if (newGc.size() != gcDim) MSG_FATAL("Wrong number of generalized coordinate elements");
   size_t k = 0;
-  for (double x : newGc) gc[k++] = x;
+  for (double x : newGc) {
+    if (k == gcDim) break;
+    gc[k++] = x;
+  }
   updateKinematics();
   cleanContacts();
 }
@@ -446,12 +448,12 @@ void ArticulatedSystem::setGeneralizedVelocity(const VecDyn& newGv) {
 }
 
 void ArticulatedSystem::setGeneralizedVelocity(std::initializer_list<double> newGv) {
-  if (newGv.size() != dof) {
-    MSG_FATAL("Wrong number of generalized velocity elements");
-    return;
-  }
+  if (newGv.size() != dof) MSG_FATAL("Wrong number of generalized velocity elements");
   size_t k = 0;
-  for (double x : newGv) gv[k++] = x;
+  for (double x : newGv) {
+    if (k == dof) break;
+    gv[k++] = x;
+  }
   updateKinematics();
 }
 
@@ -491,20 +493,18 @@ void ArticulatedSystem::setBaseOrientation(const Mat<4, 1>& quat) {
 }
 
 void ArticulatedSystem::setBaseVelocity(const Mat<3, 1>& vel) {
-  if (jointType[0] == Joint::FIXED) {
+  if (jointType[0] == Joint::FIXED)
     MSG_FATAL("This articulated system has a fixed base. You cannot set base velocity");
-    return;
-  }
-  for (size_t k = 0; k < 3; ++k) gv[k] = vel[k];
+  else
+    for (size_t k = 0; k < 3; ++k) gv[k] = vel[k];
   updateKinematics();
 }
 
 void ArticulatedSystem::setBaseAngularVelocity(const Mat<3, 1>& angVel) {
-  if (jointType[0] == Joint::FIXED) {
+  if (jointType[0] == Joint::FIXED)
     MSG_FATAL("This articulated system has a fixed base. You cannot set base velocity");
-    return;
-  }
-  for (size_t k = 0; k < 3; ++k) gv[3 + k] = angVel[k];
+  else
+    for (size_t k = 0; k < 3; ++k) gv[3 + k] = angVel[k];
   updateKinematics();
 }
 

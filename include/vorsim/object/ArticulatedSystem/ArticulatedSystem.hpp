@@ -10,7 +10,10 @@
 // The implementation is one source file per stage, under
 // src/object/ArticulatedSystem/: Building.cpp (construction, tables, geoms,
 // names), Kinematics.cpp (poses, velocities, frames, Jacobians, state access),
-// LimitsAndPins.cpp, ContactDynamics.cpp and ForwardDynamics.cpp.
+// MassMatrix.cpp (mass matrix, its sparse factor and inverse, inverse
+// dynamics, energies), ForwardDynamics.cpp (generalized forces, the
+// articulated-body algorithm, integration, loads), LimitsAndPins.cpp and
+// ContactDynamics.cpp.
 //
 // Layout of the state. gc and gv follow the body order. A floating base takes
 // gc[0..6] (position, quaternion w x y z) and gv[0..5] (linear and angular
@@ -33,6 +36,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "vorsim/MjcfTypes.hpp"
 #include "vorsim/Object.hpp"
 #include "vorsim/math.hpp"
 #include "vorsim/object/ArticulatedSystem/JointAndBodies.hpp"
@@ -44,6 +48,9 @@ class InertialMeasurementUnit;
 class World;
 namespace urdf {
 class LoadFromURDF2;
+}
+namespace mjcf {
+class LoadFromMjcf;
 }
 
 // A point constraint that closes a loop between two bodies of one robot.
@@ -75,6 +82,41 @@ class ArticulatedSystem : public Object {
 
   static constexpr size_t kNone = size_t(-1);
 
+  // controlMode: forces only, or forces plus the PD law.
+  enum ControlMode : int32_t { FORCE_CONTROL = 0, PD_PLUS_FEEDFORWARD_TORQUE = 1 };
+  // integrationScheme. The trapezoid moves gc with the mean of the old and the
+  // new velocity; the Runge-Kutta scheme reruns the articulated-body algorithm
+  // at three more states inside the step.
+  enum IntegrationScheme : int32_t { TRAPEZOID = 0, SEMI_IMPLICIT_EULER = 1, EXPLICIT_EULER = 2, RUNGE_KUTTA_4 = 3 };
+
+  // Per-body record of the articulated-body algorithm. Spatial vectors have six
+  // entries, linear part first, in world coordinates, referred to the body's
+  // origin posW[b]. Forces go up to the parent and motions come down from it
+  // through the shift by relPosW[b] (shiftForceToParent, shiftInertiaToParent,
+  // shiftMotionFromParent), so the shift is not stored.
+  struct alignas(32) AbaData {
+    Eigen::Matrix<double, 6, 6> articulatedInertia;  // M_A about posW[b]
+    Eigen::Matrix<double, 6, 1> biasForce;           // p_A
+    Eigen::Matrix<double, 6, 1> a;                   // spatial acceleration (falling frame)
+    Eigen::Matrix<double, 6, 1> c;                   // velocity-product acceleration
+    // One-dof joint: motion column, its time derivative, U = M_A S, U / D.
+    Eigen::Matrix<double, 6, 1> S, Sdot, U, UDinv;
+    double Dinv;         // inverse joint-space inertia
+    double scaledForce;  // Dinv (tau - S^T p_A - U^T c)
+    // Three rows of spatial force (contact sweeps) and one row (limit sweeps):
+    // forces on the way up, accelerations on the way down.
+    Eigen::Matrix<double, 3, 6> response;
+    Eigen::Matrix<double, 6, 1> scratch;
+  };
+  // The joint terms of a three-dof (spherical) joint, one record per body.
+  struct alignas(32) AbaData3 {
+    Eigen::Matrix<double, 6, 3> S, Sdot, U, UDinv;
+    Eigen::Matrix3d D, Dinv;
+    Eigen::Vector3d scaledForce;
+  };
+  using AbaDataList = std::vector<AbaData, AlignedAllocator<AbaData, 32>>;
+  using AbaData3List = std::vector<AbaData3, AlignedAllocator<AbaData3, 32>>;
+
   // A ".urdf" or ".xml" file, or URDF text (anything holding '<'). With a file
   // and an empty resPath, mesh files are found next to the file. jointOrder
   // puts the named joints first among their siblings.
@@ -84,7 +126,25 @@ class ArticulatedSystem : public Object {
   // A tree built in code; its root's type must be FIXED or FLOATING.
   ArticulatedSystem(const Child& root, const std::string& resPath,
                     ArticulatedSystemOption option = ArticulatedSystemOption());
+  // One <body> of an MJCF worldbody with its sub-bodies (see World::loadMjcf).
+  // A free body starts at the pose the file gives it.
+  ArticulatedSystem(const VorSimTinyXmlWrapper& body, const std::string& resPath, const mjcf::DefaultMap& defaults,
+                    const mjcf::MjcfAssets& assets, const mjcf::MjcfCompilerSetting& compiler,
+                    ArticulatedSystemOption option = ArticulatedSystemOption());
   ~ArticulatedSystem() override;
+
+  // Writes the built system as URDF, directory/fileName (the name must end in
+  // ".urdf"): one link per body with its merged mass, visuals and collision
+  // shapes, one joint per body, and a massless link on a fixed joint per frame
+  // of a merged link, so that reading the file back gives the same tables and
+  // frames. A system read from URDF is not written again (a warning says so).
+  // Sensors and per-geom collision groups are not written. Returns whether the
+  // file was written.
+  bool exportRobotDescriptionToURDF(const std::string& directory, const std::string& fileName) const;
+  // True for a system read from a URDF file or URDF text.
+  bool isFromUrdf() const { return !robotFilePath.empty() || !urdfString.empty(); }
+  const std::string& getRobotFilePath() const { return robotFilePath; }
+  const std::string& getUrdfString() const { return urdfString; }
 
   // ---------------------------------------------------------------- Object --
   // Moves every geom to its body's pose (with the collision library's setters,
@@ -200,6 +260,74 @@ class ArticulatedSystem : public Object {
   void setBaseAngularVelocity(const Mat<3, 1>& angVel);
   // Fatal unless the base is floating.
   void getBaseOrientation(Mat<4, 1>& quat) const;
+
+  // ------------------------------------------------------- actuation --
+  // Feed-forward generalized force, kept until set again. The count must equal
+  // dof ("Wrong number of generalized force elements").
+  void setGeneralizedForce(std::initializer_list<double> tau);
+  void setGeneralizedForce(const VecDyn& tau);
+  const VecDyn& getGeneralizedForce() const { return feedForward; }
+  // FORCE_CONTROL or PD_PLUS_FEEDFORWARD_TORQUE.
+  void setControlMode(int32_t mode);
+  int32_t getControlMode() const { return controlMode; }
+  // PD gains per gv index (length dof each).
+  void setPdGains(const VecDyn& p, const VecDyn& d);
+  // Position target (length gcDim; a quaternion for a spherical joint) and
+  // velocity target (length dof).
+  void setPdTarget(const VecDyn& position, const VecDyn& velocity);
+  void setIntegrationScheme(int32_t scheme) { integrationScheme = scheme; }
+  int32_t getIntegrationScheme() const { return integrationScheme; }
+  // Viscous joint damping and rotor inertia per gv index (length dof).
+  void setJointDamping(const VecDyn& damping);
+  void setRotorInertia(const VecDyn& inertia);
+  // Effort limits per gv index: the generalized force of feed-forward, PD and
+  // damping is clipped to [-limit, limit] (length dof).
+  void setEffortLimits(const VecDyn& limit);
+  // Sum of the generalized forces of the last step (after the clip, springs
+  // and loads included).
+  const VecDyn& getActuation() const { return actuation; }
+
+  // External loads for the next step. The vector and the point are given in
+  // the frames named; the Jacobian is taken at once, at the current pose.
+  void setExternalForce(size_t localIdx, Frame forceFrame, const Mat<3, 1>& force, Frame posFrame,
+                        const Mat<3, 1>& pos);
+
+  // ---------------------------------------------------------- dynamics --
+  // Forward dynamics of the current state: ga, and the free velocity
+  // gvWork = gv + dt ga, with gravity, actuation, springs, loads and the
+  // implicit damping terms. The route of every step; allocates nothing.
+  void articulatedBodyAlgorithm(const Mat<3, 1>& gravity, double dt);
+  // The joint-space mass matrix at the current pose, rotor inertia included.
+  const MatDyn& getMassMatrix();
+  // Bias forces C(q, u) u + g(q) at the current state: the generalized force
+  // that holds the robot at zero acceleration.
+  const VecDyn& getNonlinearities(const Mat<3, 1>& gravity);
+  // The inverse of getMassMatrix(), through its sparse factor.
+  const MatDyn& getInverseMassMatrix();
+  // Minv := (M + diag(dampedDiag))^-1 by the tree-sparse factor M = L^T L. M
+  // and Minv are dof x dof.
+  void computeSparseInverse(const MatDyn& M, MatDyn& Minv);
+  // compositeMass from massOf after a caller changed masses.
+  void updateMassInfo();
+  // Inverse dynamics: tau produces `acceleration` from the current gv, with
+  // gravity, and with this step's contact impulses, external loads and wire
+  // forces when includeLoads is set. Leaves the body accelerations in linAccW
+  // and angAccW, and the joint reactions in jointForceW / jointTorqueW when
+  // storeJointForces is set. A spherical joint's three acceleration entries
+  // are taken as a world-frame angular acceleration. Allocates nothing.
+  void recursiveNewtonEuler(const Mat<3, 1>& gravity, bool includeLoads, bool storeJointForces,
+                            const VecDyn& acceleration, VecDyn& tau);
+  // 1/2 u^T M u (rotor inertia counts).
+  double getKineticEnergy();
+  // -sum m_b (comW[b] . gravity).
+  double getPotentialEnergy(const Mat<3, 1>& gravity) const;
+  double getEnergy(const Mat<3, 1>& gravity);
+  // About a world point, with inertiaW as the last recursion left it.
+  void getAngularMomentum(const Mat<3, 1>& reference, Mat<3, 1>& momentum) const;
+  // The older mass-matrix route: gvWork := massMatrixInverse tauStar, with the
+  // bias taken from inverseDynamicsTau and impulseBias added. Both, and
+  // massMatrixInverse, are the caller's to fill. No step calls it.
+  void integrateWithoutContact(const Mat<3, 1>& gravity, double dt);
 
   // ------------------------------------------------------------- pins --
   // Pins between bodies named by frame bodyName, anchored in the first frame,
@@ -325,6 +453,41 @@ class ArticulatedSystem : public Object {
   std::vector<Mat<3, 1>> jointAngVelW;      // a revolute or spherical joint's own angular velocity
   std::vector<Mat<3, 1>> linAccW, angAccW;  // written by the dynamics stages
 
+  // Mass matrix and inverse dynamics, sized by init.
+  MatDyn massMatrix, massMatrixInverse, factor;  // dof x dof
+  VecDyn factorDiagInverse;                      // reciprocals of the factor's diagonal
+  VecDyn nonlinearities;                         // result of getNonlinearities
+  std::vector<Mat<3, 3>> inertiaW;               // about the centre of mass, world frame
+  std::vector<Mat<3, 3>> inertiaJointW;          // the same about the joint origin
+  std::vector<Mat<3, 3>> compositeInertiaW;      // subtree about its centre of mass
+  std::vector<Mat<3, 1>> compositeMoment;        // sum of mass times comW over the subtree
+  std::vector<Mat<3, 1>> compositeComW;
+  std::vector<Mat<3, 1>> jointForceW, jointTorqueW;  // what each joint supplies to its subtree
+  VecDyn dampedDiag;                                 // (dt/2)(D + Kd + (dt/2)(K + Kp))
+  VecDyn dampedDiagRate;                             // dampedDiag / dt
+  bool dampedMassValid = false;
+
+  // Forward dynamics and integration.
+  VecDyn gvWork;       // free velocity, then the solver's working velocity
+  VecDyn gvFree;       // gvWork before the solver
+  VecDyn ga;           // generalized acceleration of the last algorithm run
+  VecDyn realisedAcc;  // (gvWork - gv) / dt after the solver
+  VecDyn gvMean;       // velocity that moves gc
+  VecDyn inverseDynamicsTau, feedForward, actuation, tauStar, impulseBias;
+  VecDyn pGain, dGain, posTarget, velTarget, posError;
+  Mat<6, 6> baseInertiaInverse;
+  VecDyn rkVel1, rkVel2, rkVel3, rkVel4, rkDelta1, rkDelta2, rkDelta3, rkDelta4;
+  VecDyn rkGc0, rkGc1, rkGc2, rkGc3;
+  int32_t controlMode = FORCE_CONTROL;
+  int32_t integrationScheme = TRAPEZOID;
+  int32_t activeScheme = TRAPEZOID;
+  AbaDataList abaData;
+  AbaData3List abaData3;
+  std::vector<Mat<3, 3>> comSkew;
+  // Jacobian of each external load; entries past externalLoadValues_.size()
+  // are kept as storage, so applying loads every step allocates nothing.
+  std::vector<SparseJacobian> externalForceJacobians;
+
   // Pins (loops closed inside the tree).
   std::vector<PinConstraint> pins;
   std::vector<PinConstraintDefinition> pinDefinitions;
@@ -332,6 +495,8 @@ class ArticulatedSystem : public Object {
 
  protected:
   friend class urdf::LoadFromURDF2;
+  friend class mjcf::LoadFromMjcf;
+  friend class World;
 
   // URDF text that came from filePath.
   ArticulatedSystem(const std::string& filePath, const std::string& urdfText, const std::string& resPath,
@@ -374,8 +539,45 @@ class ArticulatedSystem : public Object {
   // The kinematics of one body from its parent's.
   void updateBodyKinematics(size_t i);
 
+  // Sizes and zeroes the tables of the dynamics stages (end of init).
+  void sizeDynamicsTables();
+  // Fills M (dof x dof) by the composite-body recursion; entries that are
+  // structurally zero are not written.
+  void computeMassMatrix(MatDyn& M);
+  // The implicit diagonal for time step dt.
+  void computeDampedMass(double dt);
+  // inertiaW[b] = rotW[b] inertiaB[b] rotW[b]^T for every body.
+  void updateWorldInertia();
+  // Factor L^T L of M + diag(extraDiagonal) along the dofParent chains, and the
+  // full inverse from it. extraDiagonal may be null.
+  void invertTreeSparse(const MatDyn& M, const double* extraDiagonal, MatDyn& Minv);
+
+  // Steps of the articulated-body algorithm.
+  void computeGeneralizedForces();
+  void computePositionError();
+  void addSpringForces(VecDyn& tau) const;
+  void addLoadForces(VecDyn& tau) const;
+  void abaBackwardBody(size_t b);
+  void abaRoot(const Mat<3, 1>& gravity);
+  void abaForwardBody(size_t b);
+  // Spatial shifts along relPosW[b], between body b's origin and its parent's.
+  void shiftForceToParent(size_t b, Eigen::Matrix<double, 6, 1>& f) const;
+  void shiftInertiaToParent(size_t b, Eigen::Matrix<double, 6, 6>& inertia) const;
+  void shiftMotionFromParent(size_t b, Eigen::Matrix<double, 6, 1>& a) const;
+
+  // Integration.
+  void integratePosition(VecDyn& gc, const VecDyn& velocity, double dt);
+  void rkIntegrate(const Mat<3, 1>& gravity, double dt);
+  void runRungeKutta(const Mat<3, 1>& gravity, double dt);
+  // Moves the loads of the step into the display lists and empties them.
+  void clearExternalForces();
+
   ArticulatedSystemOption option_;
-  double timeStep = 0.001;
+  double timeStep = 0.001;  // turns contact impulses into forces in recursiveNewtonEuler
+  // Work arrays of recursiveNewtonEuler (force and moment per body) and of the
+  // energy, kept so that neither allocates.
+  std::vector<Mat<3, 1>> rneForce, rneMoment;
+  VecDyn momentumScratch;
   int maxSelfCollisionContacts = 1;
   bool imuPresent = false;
 };

@@ -1,0 +1,896 @@
+// Dynamics of articulated systems against independent routes: the mass matrix
+// against inverse dynamics of unit accelerations and against analytic values,
+// the articulated-body algorithm against inverse dynamics and against the
+// sparse inverse, frame accelerations against finite differences of frame
+// velocities; and stepped physics against closed-form results (periods,
+// settling offsets, conserved energy and momentum).
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
+#include <memory>
+#include <random>
+
+#include "test_helpers.hpp"
+#include "vorsim/World.hpp"
+#include "vorsim/object/ArticulatedSystem/ArticulatedSystem.hpp"
+
+using namespace vorsim;
+
+namespace {
+
+using Vec = Eigen::VectorXd;
+using Matrix = Eigen::MatrixXd;
+
+Mat<3, 3> rotation(double angle, Eigen::Vector3d axis) {
+  Mat<3, 3> m;
+  m = Eigen::AngleAxisd(angle, axis.normalized()).toRotationMatrix();
+  return m;
+}
+
+Mat<3, 1> unit(Mat<3, 1> v) {
+  v /= v.norm();
+  return v;
+}
+
+Child body(const std::string& name, Joint::Type type, Mat<3, 1> pos, Mat<3, 3> rot, Mat<3, 1> axis, double mass,
+           Mat<3, 1> com) {
+  Child c;
+  c.bodyName = name;
+  c.name = name + "_joint";
+  c.type = type;
+  c.pos = pos;
+  c.rot = rot;
+  c.axis = axis;
+  c.mass = mass;
+  c.com = com;
+  // A full, non-diagonal inertia, so that no off-diagonal term hides.
+  c.setInertiaMjcfOrder({0.02 * mass, 0.03 * mass, 0.025 * mass, 0.004 * mass, -0.003 * mass, 0.002 * mass});
+  c.velocityLimit = 1e6;
+  return c;
+}
+
+// base -> hinge (revolute) -> ball (spherical) -> slider (prismatic) -> wrist
+// (revolute) + tool (fixed); base -> side (revolute) -> tip (spherical) +
+// mount (fixed, massless). Every joint axis and frame tilted.
+Child makeTree(Joint::Type rootType) {
+  Child root = body("base", rootType, {0, 0, 0}, Mat<3, 3>::getIdentity(), {0, 0, 1}, 3.0, {0.02, -0.01, 0.05});
+  root.name.clear();
+  Child hinge = body("hinge", Joint::REVOLUTE, {0.3, 0.1, 0.2}, rotation(0.4, {1, 0, 1}), unit({1, 2, -0.5}), 1.2,
+                     {0.05, -0.02, 0.1});
+  Child ball =
+      body("ball", Joint::SPHERICAL, {0, 0.4, 0.1}, rotation(-0.7, {0, 1, 1}), {0, 0, 1}, 0.8, {-0.03, 0.06, 0.02});
+  Child slider = body("slider", Joint::PRISMATIC, {0.2, 0, 0.3}, rotation(0.2, {1, 1, 0}), unit({0, 0.6, 0.8}), 0.5,
+                      {0.01, 0.02, -0.04});
+  Child wrist =
+      body("wrist", Joint::REVOLUTE, {0.1, -0.1, 0.2}, rotation(1.0, {0, 0, 1}), {1, 0, 0}, 0.3, {0.0, 0.05, 0.01});
+  Child side = body("side", Joint::REVOLUTE, {-0.3, 0, 0}, rotation(0.5, {0, 1, 0}), {0, 1, 0}, 0.9, {-0.1, 0.0, 0.03});
+  Child tip =
+      body("tip", Joint::SPHERICAL, {-0.2, 0.1, 0}, rotation(0.3, {1, 0, 0}), {0, 0, 1}, 0.4, {0.02, 0.02, -0.05});
+  // Fixed links: merged into their movable parent, they live on as frames
+  // away from its origin.
+  Child tool =
+      body("tool", Joint::FIXED, {0.05, 0.1, -0.15}, rotation(0.6, {1, 1, 1}), {0, 0, 1}, 0.2, {0.01, 0.0, 0.02});
+  wrist.fixedBodies.push_back(tool);
+  Child mount =
+      body("mount", Joint::FIXED, {0.0, -0.2, 0.1}, Mat<3, 3>::getIdentity(), {0, 0, 1}, 0.0, {0.0, 0.0, 0.0});
+  tip.fixedBodies.push_back(mount);
+  slider.child.push_back(wrist);
+  ball.child.push_back(slider);
+  hinge.child.push_back(ball);
+  side.child.push_back(tip);
+  root.child = {hinge, side};
+  return root;
+}
+
+void randomState(ArticulatedSystem& s, unsigned seed, double speed = 1.0) {
+  std::mt19937 rng(seed);
+  std::uniform_real_distribution<double> d(-1.0, 1.0);
+  VecDyn gc(s.gcDim), gv(s.dof);
+  for (size_t i = 0; i < s.gcDim; ++i) gc[i] = d(rng);
+  for (size_t i = 0; i < s.dof; ++i) gv[i] = speed * d(rng);
+  s.setGeneralizedCoordinate(gc);  // quaternions are normalised in gc
+  s.setGeneralizedVelocity(gv);
+}
+
+VecDyn toVecDyn(const Vec& v) {
+  VecDyn out(size_t(v.size()));
+  out = v;
+  return out;
+}
+
+// Inverse dynamics takes a spherical joint's acceleration in world
+// coordinates; the generalized acceleration has it in the body frame.
+VecDyn worldJointAcceleration(const ArticulatedSystem& s, const Vec& qdd) {
+  Vec out = qdd;
+  for (size_t b = 1; b < s.nbody; ++b)
+    if (s.jointType[b] == Joint::SPHERICAL)
+      out.segment<3>(Eigen::Index(s.gvIdx[b])) = s.rotW[b].e() * qdd.segment<3>(Eigen::Index(s.gvIdx[b]));
+  return toVecDyn(out);
+}
+
+Vec inverseDynamics(ArticulatedSystem& s, const Mat<3, 1>& g, const Vec& qdd) {
+  VecDyn tau(s.dof);
+  s.recursiveNewtonEuler(g, false, false, worldJointAcceleration(s, qdd), tau);
+  return tau.e();
+}
+
+const Mat<3, 1> kNoGravity{0, 0, 0};
+const Mat<3, 1> kGravity{0, 0, -9.81};
+
+bool near(const Matrix& a, const Matrix& b, double rel) { return (a - b).norm() <= rel * std::max(1.0, b.norm()); }
+
+}  // namespace
+
+// ------------------------------------------------------------ consistency --
+
+class DynamicsOnBothBases : public testing::TestWithParam<Joint::Type> {};
+
+TEST_P(DynamicsOnBothBases, MassMatrixColumnsAreInverseDynamicsOfUnitAccelerations) {
+  ArticulatedSystem s(makeTree(GetParam()), "r");
+  randomState(s, 11);
+  const VecDyn gv = s.gv;
+  VecDyn rotor(s.dof);
+  for (size_t i = 0; i < s.dof; ++i) rotor[i] = 0.01 * double(i + 1);
+  s.setRotorInertia(rotor);
+  const Matrix M = s.getMassMatrix().e();
+  EXPECT_TRUE(M.isApprox(M.transpose(), 1e-15));
+
+  // Inverse dynamics of a unit acceleration at zero velocity and gravity.
+  VecDyn zero(s.dof);
+  zero.setZero();
+  s.setGeneralizedVelocity(zero);
+  Matrix fromRne(s.dof, s.dof);
+  for (size_t k = 0; k < s.dof; ++k)
+    fromRne.col(Eigen::Index(k)) = inverseDynamics(s, kNoGravity, Vec::Unit(Eigen::Index(s.dof), Eigen::Index(k)));
+  fromRne.diagonal() += rotor.e();
+  EXPECT_TRUE(near(M, fromRne, 1e-12)) << M << "\n\n" << fromRne;
+
+  // The positive-definite matrix has a kinetic energy that the bodies'
+  // velocities give independently.
+  s.setGeneralizedVelocity(gv);
+  double kinetic = 0.0;
+  for (size_t b = 0; b < s.nbody; ++b) {
+    if (b == 0 && GetParam() == Joint::FIXED) continue;
+    const Eigen::Vector3d w = s.angVelW[b].e();
+    const Eigen::Vector3d v = s.linVelW[b].e() + w.cross(s.comRelW[b].e());
+    kinetic += 0.5 * s.massOf[b] * v.squaredNorm() + 0.5 * w.dot(s.inertiaW[b].e() * w);
+  }
+  kinetic += 0.5 * gv.e().dot(rotor.e().cwiseProduct(gv.e()));
+  EXPECT_NEAR(s.getKineticEnergy(), kinetic, 1e-12 * kinetic);
+}
+
+TEST_P(DynamicsOnBothBases, ArticulatedBodyAlgorithmInvertsInverseDynamics) {
+  ArticulatedSystem s(makeTree(GetParam()), "r");
+  randomState(s, 5, 2.0);
+  VecDyn rotor(s.dof), tau(s.dof);
+  std::mt19937 rng(3);
+  std::uniform_real_distribution<double> d(-5.0, 5.0);
+  for (size_t i = 0; i < s.dof; ++i) rotor[i] = 0.02, tau[i] = d(rng);
+  s.setRotorInertia(rotor);
+  s.setGeneralizedForce(tau);
+
+  s.articulatedBodyAlgorithm(kGravity, 0.01);
+  const Vec qdd = s.ga.e();
+  // Back through inverse dynamics, with gravity and velocity terms.
+  const Vec back = inverseDynamics(s, kGravity, qdd) + rotor.e().cwiseProduct(qdd);
+  EXPECT_TRUE(near(back, tau.e(), 1e-10)) << back.transpose() << "\n" << tau.e().transpose();
+  // The free velocity is one explicit step of that acceleration.
+  EXPECT_TRUE(near(s.gvWork.e(), s.gv.e() + 0.01 * qdd, 1e-15));
+
+  // The same through the mass matrix and the bias forces.
+  const Matrix M = s.getMassMatrix().e();
+  const Vec b = s.getNonlinearities(kGravity).e();
+  EXPECT_TRUE(near(M.ldlt().solve(tau.e() - b), qdd, 1e-10));
+}
+
+TEST_P(DynamicsOnBothBases, SparseInverseWithAndWithoutTheImplicitDiagonal) {
+  ArticulatedSystem s(makeTree(GetParam()), "r");
+  randomState(s, 8);
+  const Matrix M = s.getMassMatrix().e();
+  const Matrix I = Matrix::Identity(Eigen::Index(s.dof), Eigen::Index(s.dof));
+  EXPECT_TRUE(near(M * s.getInverseMassMatrix().e(), I, 1e-12));
+
+  // With damping, stiffness and gains the inverse is that of the implicit
+  // matrix, and the articulated-body algorithm solves with the same matrix.
+  VecDyn damping(s.dof), kp(s.dof), kd(s.dof), tau(s.dof);
+  for (size_t i = 0; i < s.dof; ++i) damping[i] = 0.3, kp[i] = 40.0 + double(i), kd[i] = 2.0, tau[i] = std::sin(i);
+  s.setJointDamping(damping);
+  s.setControlMode(ArticulatedSystem::PD_PLUS_FEEDFORWARD_TORQUE);
+  s.setPdGains(kp, kd);
+  s.setGeneralizedForce(tau);
+  const double dt = 0.01;
+  s.updateTimeStep(dt);
+  for (size_t i = 0; i < s.dof; ++i)
+    EXPECT_DOUBLE_EQ(s.dampedDiag[i], 0.5 * dt * (damping[i] + kd[i] + 0.5 * dt * kp[i]));
+  MatDyn Minv(s.dof, s.dof);
+  s.computeSparseInverse(s.getMassMatrix(), Minv);
+  const Matrix implicit = M + Matrix(s.dampedDiag.e().asDiagonal());
+  EXPECT_TRUE(near(implicit * Minv.e(), I, 1e-12));
+
+  s.articulatedBodyAlgorithm(kGravity, dt);
+  const Vec b = s.getNonlinearities(kGravity).e();
+  EXPECT_TRUE(near(s.ga.e(), Minv.e() * (s.actuation.e() - b), 1e-10));
+}
+
+INSTANTIATE_TEST_SUITE_P(Bases, DynamicsOnBothBases, testing::Values(Joint::FIXED, Joint::FLOATING));
+
+TEST_P(DynamicsOnBothBases, FrameAccelerationsAreDerivativesOfFrameVelocities) {
+  ArticulatedSystem s(makeTree(GetParam()), "r");
+  randomState(s, 21);
+  VecDyn tau(s.dof);
+  for (size_t i = 0; i < s.dof; ++i) tau[i] = std::cos(3.0 * double(i));
+  s.setGeneralizedForce(tau);
+  s.articulatedBodyAlgorithm(kGravity, 0.001);
+  const Vec qdd = s.ga.e(), u = s.gv.e();
+  const VecDyn gc0 = s.gc;
+  // Inverse dynamics of the same motion fills the body accelerations; without
+  // gravity they are the plain time derivatives.
+  VecDyn tauBack(s.dof);
+  s.recursiveNewtonEuler(kNoGravity, false, false, worldJointAcceleration(s, qdd), tauBack);
+  std::vector<Eigen::Vector3d> acc, angAcc;
+  for (size_t f = 0; f < s.getFrames().size(); ++f) {
+    Mat<3, 1> a;
+    s.getFrameAcceleration(s.getFrames()[f], a);
+    acc.push_back(a.e());
+    angAcc.push_back(s.angAccW[s.getFrames()[f].parentId].e());
+  }
+
+  // Frame velocities along the motion q(t), u(t) = u + t qdd.
+  const double h = 1e-6;
+  auto velocitiesAt = [&](double t, std::vector<Eigen::Vector3d>& v, std::vector<Eigen::Vector3d>& w) {
+    VecDyn q(gc0);
+    // Second order in t: position moved by u t + qdd t^2 / 2 is not needed,
+    // as a central difference of velocities cancels it.
+    for (size_t b = 0; b < s.nbody; ++b) {
+      const size_t g = s.gvIdx[b], c = s.gcIdx[b];
+      switch (s.jointType[b]) {
+        case Joint::FLOATING: {
+          for (size_t k = 0; k < 3; ++k) q[k] += t * u[Eigen::Index(k)];
+          const Eigen::Vector3d wb = u.segment<3>(3);
+          const Eigen::Quaterniond dq(Eigen::AngleAxisd(wb.norm() * t, wb.normalized()));
+          const Eigen::Quaterniond q0(gc0[3], gc0[4], gc0[5], gc0[6]);
+          const Eigen::Quaterniond q1 = dq * q0;
+          q[3] = q1.w(), q[4] = q1.x(), q[5] = q1.y(), q[6] = q1.z();
+          break;
+        }
+        case Joint::SPHERICAL: {
+          const Eigen::Vector3d wb = u.segment<3>(Eigen::Index(g));
+          const Eigen::Quaterniond dq(Eigen::AngleAxisd(wb.norm() * t, wb.normalized()));
+          const Eigen::Quaterniond q0(gc0[c], gc0[c + 1], gc0[c + 2], gc0[c + 3]);
+          const Eigen::Quaterniond q1 = q0 * dq;
+          q[c] = q1.w(), q[c + 1] = q1.x(), q[c + 2] = q1.y(), q[c + 3] = q1.z();
+          break;
+        }
+        case Joint::REVOLUTE:
+        case Joint::PRISMATIC:
+          q[c] += t * u[Eigen::Index(g)];
+          break;
+        default:
+          break;
+      }
+    }
+    s.setGeneralizedCoordinate(q);
+    s.setGeneralizedVelocity(toVecDyn(u + t * qdd));
+    v.clear();
+    w.clear();
+    for (const CoordinateFrame& f : s.getFrames()) {
+      Mat<3, 1> x, y;
+      s.getFrameVelocity(f, x);
+      s.getFrameAngularVelocity(f, y);
+      v.push_back(x.e());
+      w.push_back(y.e());
+    }
+  };
+  std::vector<Eigen::Vector3d> vp, wp, vm, wm;
+  velocitiesAt(h, vp, wp);
+  velocitiesAt(-h, vm, wm);
+  for (size_t f = 0; f < acc.size(); ++f) {
+    EXPECT_LT(((vp[f] - vm[f]) / (2 * h) - acc[f]).norm(), 1e-6 * std::max(1.0, acc[f].norm()))
+        << s.getFrames()[f].name;
+    EXPECT_LT(((wp[f] - wm[f]) / (2 * h) - angAcc[f]).norm(), 1e-6 * std::max(1.0, angAcc[f].norm()))
+        << s.getFrames()[f].name;
+  }
+}
+
+// ------------------------------------------------------ analytic values --
+
+namespace {
+
+// A fixed base with one revolute joint about `axis` at the origin, carrying
+// one link with its centre of mass at `com`.
+Child pendulum(double mass, Mat<3, 1> com, Mat<3, 1> axis, Mat<3, 1> inertiaDiagonal) {
+  Child root = body("base", Joint::FIXED, {0, 0, 0}, Mat<3, 3>::getIdentity(), {0, 0, 1}, 1.0, {0, 0, 0});
+  root.name.clear();
+  Child link = body("link", Joint::REVOLUTE, {0, 0, 0}, Mat<3, 3>::getIdentity(), axis, mass, com);
+  link.setInertia(inertiaDiagonal);
+  root.child.push_back(link);
+  return root;
+}
+
+double angle(const ArticulatedSystem& s) { return s.gc[0]; }
+
+// Mean period of the upward zero crossings of x(t) sampled every dt.
+double measuredPeriod(const std::vector<double>& x, double dt) {
+  std::vector<double> crossings;
+  for (size_t i = 1; i < x.size(); ++i)
+    if (x[i - 1] < 0.0 && x[i] >= 0.0) crossings.push_back(dt * (double(i - 1) + x[i - 1] / (x[i - 1] - x[i])));
+  if (crossings.size() < 2) return 0.0;
+  return (crossings.back() - crossings.front()) / double(crossings.size() - 1);
+}
+
+}  // namespace
+
+TEST(Dynamics, AnalyticMassMatricesOfOneJointAndOneFreeBody) {
+  // One revolute joint: a . (I a) + m |a x r|^2 + rotor inertia; the fixed
+  // base's own mass plays no part.
+  const Mat<3, 1> axis = unit({0.3, -0.4, 0.8});
+  ArticulatedSystem one(pendulum(2.0, {0.1, 0.2, -0.5}, axis, {0.01, 0.02, 0.03}), "r");
+  VecDyn rotor(1);
+  rotor[0] = 0.07;
+  one.setRotorInertia(rotor);
+  one.setGeneralizedCoordinate({0.8});
+  const double m00 = one.getMassMatrix()(0, 0);
+  const Eigen::Vector3d a = one.axisW[1].e(), r = one.comRelW[1].e();
+  const Eigen::Matrix3d I1 = one.rotW[1].e() * one.inertiaB[1].e() * one.rotW[1].e().transpose();
+  EXPECT_NEAR(m00, a.dot(I1 * a) + 2.0 * a.cross(r).squaredNorm() + 0.07, 1e-14);
+
+  // A free body whose centre of mass is off the base origin: m 1 at the top
+  // left, the inertia about the origin at the bottom right, m skew(r) between.
+  Child rigid = body("free", Joint::FLOATING, {0, 0, 0}, Mat<3, 3>::getIdentity(), {0, 0, 1}, 4.0, {0.3, -0.1, 0.2});
+  rigid.name.clear();
+  ArticulatedSystem free(rigid, "r");
+  free.setGeneralizedCoordinate({1, 2, 3, std::cos(0.4), 0.0, std::sin(0.4), 0.0});
+  const Matrix M = free.getMassMatrix().e();
+  const Eigen::Vector3d c = free.comRelW[0].e();
+  const Eigen::Matrix3d Ic = free.rotW[0].e() * free.inertiaB[0].e() * free.rotW[0].e().transpose();
+  Eigen::Matrix3d skew;
+  skew << 0, -c.z(), c.y(), c.z(), 0, -c.x(), -c.y(), c.x(), 0;
+  EXPECT_TRUE((M.topLeftCorner<3, 3>()).isApprox(4.0 * Eigen::Matrix3d::Identity(), 1e-15));
+  EXPECT_TRUE((M.bottomRightCorner<3, 3>()).isApprox(Ic - 4.0 * skew * skew, 1e-14));
+  EXPECT_TRUE((M.bottomLeftCorner<3, 3>()).isApprox(4.0 * skew, 1e-14));
+  EXPECT_TRUE((M.topRightCorner<3, 3>()).isApprox(-4.0 * skew, 1e-14));
+
+  // Branches that share no joint have exact zeros between them, and a ball
+  // joint's block does not depend on the sign of its quaternion.
+  ArticulatedSystem tree(makeTree(Joint::FIXED), "r");
+  randomState(tree, 4);
+  const Matrix Mt = tree.getMassMatrix().e();
+  const Eigen::Index side = Eigen::Index(tree.gvIdx[5]);
+  for (Eigen::Index i = 0; i < side; ++i) EXPECT_EQ(Mt(i, side), 0.0);
+  VecDyn flipped = tree.gc;
+  for (size_t k = 0; k < 4; ++k) flipped[tree.gcIdx[2] + k] = -flipped[tree.gcIdx[2] + k];
+  tree.setGeneralizedCoordinate(flipped);
+  EXPECT_TRUE(near(tree.getMassMatrix().e(), Mt, 1e-14));
+}
+
+TEST(Dynamics, GravityCompensationAndEnergies) {
+  ArticulatedSystem s(pendulum(3.0, {0.4, 0, 0}, {0, 1, 0}, {0.01, 0.01, 0.01}), "r");
+  s.setGeneralizedCoordinate({0.3});
+  // At rest the bias force is the torque that holds the link against gravity:
+  // m g L cos(theta) about +y for a link along x.
+  const double hold = s.getNonlinearities(kGravity)[0];
+  EXPECT_NEAR(hold, -3.0 * 9.81 * 0.4 * std::cos(0.3), 1e-12);
+  // Potential energy rises with height.
+  const double low = s.getPotentialEnergy(kGravity);
+  s.setGeneralizedCoordinate({-0.3});  // the link tilts up
+  EXPECT_NEAR(s.getPotentialEnergy(kGravity) - low, 3.0 * 9.81 * 0.4 * 2.0 * std::sin(0.3), 1e-12);
+  s.setGeneralizedVelocity({2.0});
+  EXPECT_NEAR(s.getKineticEnergy(), 0.5 * (0.01 + 3.0 * 0.16) * 4.0, 1e-13);
+  EXPECT_NEAR(s.getEnergy(kGravity), s.getKineticEnergy() + s.getPotentialEnergy(kGravity), 1e-13);
+  // Angular momentum about the joint: the inertia about the axis times the rate.
+  Mat<3, 1> L;
+  s.getAngularMomentum({0, 0, 0}, L);
+  EXPECT_NEAR(L[1], (0.01 + 3.0 * 0.16) * 2.0, 1e-13);
+}
+
+// ------------------------------------------------------------- stepping --
+
+TEST(Stepping, AFreeBodyFallsByGravity) {
+  World world;
+  world.setTimeStep(0.01);
+  Child rigid = body("free", Joint::FLOATING, {0, 0, 0}, Mat<3, 3>::getIdentity(), {0, 0, 1}, 2.0, {0.1, 0.0, 0.0});
+  rigid.name.clear();
+  ArticulatedSystem* s = world.addArticulatedSystem(rigid, "r");
+  s->setGeneralizedVelocity({0.5, 0, 1.0, 0, 0, 0});
+  world.integrate();
+  EXPECT_NEAR(s->gv[2], 1.0 - 9.81 * 0.01, 1e-14);
+  EXPECT_NEAR(s->gc[2], 1.0 * 0.01 - 0.5 * 9.81 * 1e-4, 1e-14);
+  EXPECT_NEAR(s->gc[0], 0.005, 1e-15);
+  EXPECT_EQ(s->gc[3], 1.0);
+}
+
+TEST(Stepping, PendulumPeriodAndSpringFrequency) {
+  // A physical pendulum: T = 2 pi sqrt((Ic + m L^2) / (m g L)).
+  {
+    World world;
+    world.setTimeStep(0.001);
+    ArticulatedSystem* s = world.addArticulatedSystem(pendulum(1.5, {0, 0, -0.6}, {1, 0, 0}, {0.02, 0.02, 0.02}), "r");
+    s->setGeneralizedCoordinate({0.01});
+    std::vector<double> x;
+    for (int i = 0; i < 10000; ++i) {
+      world.integrate();
+      x.push_back(angle(*s));
+    }
+    const double expected = 2.0 * M_PI * std::sqrt((0.02 + 1.5 * 0.36) / (1.5 * 9.81 * 0.6));
+    EXPECT_NEAR(measuredPeriod(x, 0.001) / expected, 1.0, 1e-3);
+  }
+  // A joint spring without gravity: omega = sqrt(k / I_axis), around the
+  // spring's rest angle.
+  {
+    World world;
+    world.setTimeStep(0.001);
+    world.setGravity(Eigen::Vector3d(0, 0, 0));
+    Child tree = pendulum(0.8, {0.3, 0, 0}, {0, 0, 1}, {0.01, 0.01, 0.04});
+    tree.child[0].stiffness = 12.0;
+    tree.child[0].springMount = {0.2, 0, 0, 0};
+    ArticulatedSystem* s = world.addArticulatedSystem(tree, "r");
+    s->setGeneralizedCoordinate({0.35});
+    std::vector<double> x;
+    for (int i = 0; i < 8000; ++i) {
+      world.integrate();
+      x.push_back(angle(*s) - 0.2);
+    }
+    const double expected = 2.0 * M_PI / std::sqrt(12.0 / (0.04 + 0.8 * 0.09));
+    EXPECT_NEAR(measuredPeriod(x, 0.001) / expected, 1.0, 1e-3);
+  }
+}
+
+TEST(Stepping, PdControlSettlesAtTheGravityOffset) {
+  World world;
+  world.setTimeStep(0.002);
+  ArticulatedSystem* s = world.addArticulatedSystem(pendulum(2.0, {0.5, 0, 0}, {0, 1, 0}, {0.01, 0.01, 0.01}), "r");
+  const double kp = 400.0, kd = 30.0;
+  VecDyn p(1), d(1), target(1), zero(1);
+  p[0] = kp, d[0] = kd, target[0] = 0.0, zero[0] = 0.0;
+  s->setControlMode(ArticulatedSystem::PD_PLUS_FEEDFORWARD_TORQUE);
+  s->setPdGains(p, d);
+  s->setPdTarget(target, zero);
+  for (int i = 0; i < 5000; ++i) world.integrate();
+  // Equilibrium: kp (0 - theta) + m g L cos(theta) = 0 (for a link along x,
+  // gravity turns it toward positive angles about +y).
+  double theta = 0.0;
+  for (int k = 0; k < 50; ++k) {
+    const double f = kp * theta - 2.0 * 9.81 * 0.5 * std::cos(theta);
+    const double df = kp + 2.0 * 9.81 * 0.5 * std::sin(theta);
+    theta -= f / df;
+  }
+  EXPECT_NEAR(angle(*s), theta, 1e-9);
+  EXPECT_NEAR(s->gv[0], 0.0, 1e-9);
+  EXPECT_GT(theta, 0.02);  // the offset is large enough to mean something
+}
+
+TEST(Stepping, StiffDampingAndGainsStayStableAtALargeStep) {
+  for (int variant = 0; variant < 2; ++variant) {
+    World world;
+    world.setTimeStep(0.02);
+    Child tree = pendulum(0.1, {0.2, 0, 0}, {0, 1, 0}, {1e-4, 1e-4, 1e-4});
+    if (variant == 0) tree.child[0].damping = 1e5;
+    ArticulatedSystem* s = world.addArticulatedSystem(tree, "r");
+    if (variant == 1) {
+      VecDyn p(1), d(1), target(1), zero(1);
+      // The implicit term damps the stiff limit as long as kd >= dt kp / 2.
+      p[0] = 1e6, d[0] = 3e4, target[0] = 0.5, zero[0] = 0.0;
+      s->setControlMode(ArticulatedSystem::PD_PLUS_FEEDFORWARD_TORQUE);
+      s->setPdGains(p, d);
+      s->setPdTarget(target, zero);
+    }
+    s->setGeneralizedVelocity({3.0});
+    double largest = 0.0;
+    for (int i = 0; i < 500; ++i) {
+      world.integrate();
+      largest = std::max(largest, std::abs(angle(*s)));
+      ASSERT_TRUE(std::isfinite(angle(*s)) && std::isfinite(s->gv[0])) << variant << " step " << i;
+    }
+    EXPECT_LT(largest, 1.0) << variant;
+    if (variant == 1) {
+      EXPECT_NEAR(angle(*s), 0.5, 1e-6);  // gravity over kp is 2e-7
+    }
+  }
+}
+
+namespace {
+
+// Three links on revolute joints with tilted axes, on a fixed base.
+Child chain() {
+  Child root = body("base", Joint::FIXED, {0, 0, 0}, Mat<3, 3>::getIdentity(), {0, 0, 1}, 1.0, {0, 0, 0});
+  root.name.clear();
+  Child a = body("a", Joint::REVOLUTE, {0, 0, 0}, Mat<3, 3>::getIdentity(), unit({1, 0.2, 0}), 1.0, {0, 0.1, -0.3});
+  Child b = body("b", Joint::REVOLUTE, {0, 0.1, -0.5}, rotation(0.3, {0, 0, 1}), unit({1, 0, 0.3}), 0.7, {0, 0, -0.25});
+  Child c =
+      body("c", Joint::REVOLUTE, {0, 0, -0.45}, Mat<3, 3>::getIdentity(), unit({0.2, 1, 0}), 0.5, {0.05, 0, -0.2});
+  b.child.push_back(c);
+  a.child.push_back(b);
+  root.child.push_back(a);
+  return root;
+}
+
+// |E(T) - E(0)| of the chain released from a bent pose, stepped for time T.
+double energyDrift(int32_t scheme, double dt, double T) {
+  World world;
+  world.setTimeStep(dt);
+  ArticulatedSystem* s = world.addArticulatedSystem(chain(), "r");
+  s->setIntegrationScheme(scheme);
+  s->setGeneralizedCoordinate({1.0, -0.8, 0.6});
+  const double e0 = s->getEnergy(world.getGravity());
+  const int steps = int(std::lround(T / dt));
+  for (int i = 0; i < steps; ++i) world.integrate();
+  return std::abs((s->getEnergy(world.getGravity()) - e0) / e0);
+}
+
+}  // namespace
+
+TEST(Stepping, EnergyDriftShrinksWithTheOrderOfTheScheme) {
+  // The trapezoid takes the acceleration of the start of the step: first
+  // order in energy. The Runge-Kutta scheme is fourth order.
+  const double trapezoid1 = energyDrift(ArticulatedSystem::TRAPEZOID, 0.001, 1.0);
+  const double trapezoid2 = energyDrift(ArticulatedSystem::TRAPEZOID, 0.0005, 1.0);
+  const double rk1 = energyDrift(ArticulatedSystem::RUNGE_KUTTA_4, 0.001, 1.0);
+  const double rk2 = energyDrift(ArticulatedSystem::RUNGE_KUTTA_4, 0.0005, 1.0);
+  std::cout << "relative energy drift over 1 s: trapezoid " << trapezoid1 << " -> " << trapezoid2 << ", Runge-Kutta "
+            << rk1 << " -> " << rk2 << "\n";
+  EXPECT_NEAR(trapezoid1 / trapezoid2, 2.0, 0.3);
+  EXPECT_NEAR(rk1 / rk2, 16.0, 4.0);
+  EXPECT_LT(rk1, 1e-9);
+  EXPECT_GT(rk2, 1e-13);  // well above rounding, so the ratio means something
+}
+
+TEST(Stepping, AFreeRobotWithoutGravityKeepsItsMomentum) {
+  for (int32_t scheme : {ArticulatedSystem::TRAPEZOID, ArticulatedSystem::RUNGE_KUTTA_4}) {
+    World world;
+    world.setTimeStep(0.001);
+    world.setGravity(Eigen::Vector3d(0, 0, 0));
+    ArticulatedSystem* s = world.addArticulatedSystem(makeTree(Joint::FLOATING), "r");
+    s->setIntegrationScheme(scheme);
+    randomState(*s, 17, 1.5);
+    auto momentum = [&](Eigen::Vector3d& linear, Eigen::Vector3d& angular) {
+      s->getKineticEnergy();  // refreshes the world inertias
+      linear.setZero();
+      for (size_t b = 0; b < s->nbody; ++b)
+        linear += s->massOf[b] * (s->linVelW[b].e() + s->angVelW[b].e().cross(s->comRelW[b].e()));
+      Mat<3, 1> L;
+      s->getAngularMomentum({0.5, -0.2, 0.1}, L);
+      angular = L.e();
+    };
+    Eigen::Vector3d p0, l0, p, l;
+    momentum(p0, l0);
+    for (int i = 0; i < 1000; ++i) world.integrate();
+    momentum(p, l);
+    // The trapezoid is first order: its drift over one second is a few times
+    // dt. The Runge-Kutta scheme moves a ball joint and the base by one
+    // rotation with the mean rate, which is second order for rotations.
+    const double tolerance = scheme == ArticulatedSystem::RUNGE_KUTTA_4 ? 1e-6 : 2e-3;
+    EXPECT_LT((p - p0).norm(), tolerance * p0.norm()) << scheme;
+    EXPECT_LT((l - l0).norm(), tolerance * l0.norm()) << scheme;
+    EXPECT_GT(p0.norm(), 0.5);
+    std::cout << "scheme " << scheme << ": relative momentum change over 1 s, linear " << (p - p0).norm() / p0.norm()
+              << ", angular " << (l - l0).norm() / l0.norm() << "\n";
+  }
+}
+
+// ---------------------------------------------------------------- loads --
+
+TEST(Loads, ForcesAndTorquesInEveryFrameAreGeneralizedForces) {
+  World world;
+  world.setTimeStep(0.001);
+  ArticulatedSystem* s = world.addArticulatedSystem(makeTree(Joint::FLOATING), "r");
+  randomState(*s, 31);
+  const size_t wrist = 4;
+  const Mat<3, 1> fBody{1.0, -2.0, 0.5}, pBody{0.1, 0.05, -0.2}, torque{0.3, 0.1, -0.2};
+  const Eigen::Vector3d fW = s->rotW[wrist].e() * fBody.e();
+  const Eigen::Vector3d pW = s->rotW[wrist].e() * pBody.e() + s->posW[wrist].e();
+  // What the loads must add: J^T f at the point, and the rotational J^T t.
+  SparseJacobian J, Jr;
+  s->getSparseJacobian(wrist, Mat<3, 1>(pW), J);
+  s->getSparseRotationalJacobian(wrist, Jr);
+  Vec expected = Vec::Zero(Eigen::Index(s->dof));
+  for (size_t k = 0; k < J.size; ++k)
+    expected[Eigen::Index(J.idx[k])] += 2.0 * Eigen::Vector3d(J.v(0, k), J.v(1, k), J.v(2, k)).dot(fW);
+  for (size_t k = 0; k < Jr.size; ++k)
+    expected[Eigen::Index(Jr.idx[k])] += Eigen::Vector3d(Jr.v(0, k), Jr.v(1, k), Jr.v(2, k)).dot(torque.e());
+
+  s->articulatedBodyAlgorithm(kGravity, 0.001);
+  const Vec free = s->ga.e();
+  // The same force twice, given in the body frame and in the world frame.
+  s->setExternalForce(wrist, ArticulatedSystem::BODY_FRAME, fBody, ArticulatedSystem::BODY_FRAME, pBody);
+  s->setExternalForce(wrist, Mat<3, 1>(pBody), Mat<3, 1>(fW));
+  s->setExternalTorque(wrist, torque);
+  s->articulatedBodyAlgorithm(kGravity, 0.001);
+  EXPECT_TRUE(near(s->actuation.e(), expected, 1e-13)) << s->actuation.e().transpose() << "\n" << expected.transpose();
+  const Vec loaded = s->ga.e();
+  const Matrix M = s->getMassMatrix().e();
+  EXPECT_TRUE(near(M * (loaded - free), expected, 1e-10));
+
+  // Inverse dynamics counts the same loads as force the joints need not give.
+  VecDyn tauWith(s->dof), tauWithout(s->dof);
+  const VecDyn acc = worldJointAcceleration(*s, loaded);
+  s->recursiveNewtonEuler(kGravity, true, false, acc, tauWith);
+  s->recursiveNewtonEuler(kGravity, false, false, acc, tauWithout);
+  EXPECT_TRUE(near(tauWithout.e() - tauWith.e(), expected, 1e-10));
+
+  // A force at the centre of mass, and a parent-frame force on body 0 (taken
+  // in the world frame).
+  s->clearExternalForcesAndTorques();
+  s->setExternalForce(0, ArticulatedSystem::PARENT_FRAME, fBody, ArticulatedSystem::PARENT_FRAME, pBody);
+  s->articulatedBodyAlgorithm(kGravity, 0.001);
+  EXPECT_NEAR(s->actuation[0], fBody[0], 1e-15);
+  EXPECT_NEAR(s->actuation[5], (pBody.e() - s->posW[0].e()).cross(fBody.e())[2], 1e-14);
+
+  // A point given in the world frame, and a wire's force at a point of the
+  // body: both act as J^T f at their points.
+  s->clearExternalForcesAndTorques();
+  s->setExternalForce(wrist, ArticulatedSystem::WORLD_FRAME, fBody, ArticulatedSystem::WORLD_FRAME, Mat<3, 1>(pW));
+  s->setConstraintForce(2, pBody, torque);
+  s->articulatedBodyAlgorithm(kGravity, 0.001);
+  Mat<3, 1> wireW;
+  s->getPosition(2, pBody, wireW);
+  SparseJacobian Jw;
+  s->getSparseJacobian(2, wireW, Jw);
+  Vec both = Vec::Zero(Eigen::Index(s->dof));
+  for (size_t k = 0; k < J.size; ++k)
+    both[Eigen::Index(J.idx[k])] += Eigen::Vector3d(J.v(0, k), J.v(1, k), J.v(2, k)).dot(fBody.e());
+  for (size_t k = 0; k < Jw.size; ++k)
+    both[Eigen::Index(Jw.idx[k])] += Eigen::Vector3d(Jw.v(0, k), Jw.v(1, k), Jw.v(2, k)).dot(torque.e());
+  EXPECT_TRUE(near(s->actuation.e(), both, 1e-13));
+
+  // A step consumes the loads; the display lists keep the last step's.
+  world.integrate();
+  EXPECT_EQ(s->getExternalForce().size(), 1u);
+  EXPECT_TRUE(s->getExternalTorque().empty());
+  s->articulatedBodyAlgorithm(kGravity, 0.001);
+  EXPECT_EQ(s->actuation.e().norm(), 0.0);  // the wire's force is gone too
+  world.integrate();
+  EXPECT_TRUE(s->getExternalForce().empty());
+}
+
+TEST(Loads, EffortLimitsClipTheActuatorsButNotTheSprings) {
+  Child tree = pendulum(1.0, {0.2, 0, 0}, {0, 0, 1}, {0.01, 0.01, 0.01});
+  tree.child[0].stiffness = 100.0;
+  tree.child[0].effort = 5.0;
+  tree.child[0].damping = 2.0;
+  ArticulatedSystem s(tree, "r");
+  s.setGeneralizedCoordinate({-1.0});  // the spring pushes with 100
+  s.setGeneralizedVelocity({-1.0});    // damping adds 2
+  s.setGeneralizedForce({20.0});
+  s.articulatedBodyAlgorithm(kNoGravity, 0.001);
+  EXPECT_DOUBLE_EQ(s.actuation[0], 5.0 + 100.0);
+  s.setGeneralizedForce({-20.0});
+  s.articulatedBodyAlgorithm(kNoGravity, 0.001);
+  EXPECT_DOUBLE_EQ(s.actuation[0], -5.0 + 100.0);
+  // A spherical spring pulls toward its rest orientation by the rotation
+  // vector between them, in the joint's own frame.
+  Child root = body("base", Joint::FIXED, {0, 0, 0}, Mat<3, 3>::getIdentity(), {0, 0, 1}, 1.0, {0, 0, 0});
+  Child ball = body("ball", Joint::SPHERICAL, {0, 0, 0}, Mat<3, 3>::getIdentity(), {0, 0, 1}, 1.0, {0, 0, -0.3});
+  ball.stiffness = 10.0;
+  ball.springMount = {std::cos(0.2), 0.0, std::sin(0.2), 0.0};  // 0.4 rad about y
+  root.child.push_back(ball);
+  ArticulatedSystem sphere(root, "r");
+  sphere.setGeneralizedCoordinate({std::cos(0.1), std::sin(0.1), 0.0, 0.0});  // 0.2 rad about x
+  sphere.articulatedBodyAlgorithm(kNoGravity, 0.001);
+  const Eigen::Quaterniond q(std::cos(0.1), std::sin(0.1), 0, 0), rest(std::cos(0.2), 0, std::sin(0.2), 0);
+  const Eigen::AngleAxisd e(q.conjugate() * rest);
+  const Eigen::Vector3d pull = 10.0 * e.angle() * e.axis();
+  for (Eigen::Index k = 0; k < 3; ++k) EXPECT_NEAR(sphere.actuation[size_t(k)], pull[k], 1e-12);
+}
+
+// ---------------------------------------------------------- bad input --
+
+TEST(DynamicsInput, WrongLengthsAndBaseSettersEndInFatalMessages) {
+  ThrowOnFatal guard;
+  ArticulatedSystem fixed(makeTree(Joint::FIXED), "r");
+  auto message = [](const std::function<void()>& call) {
+    StdoutCapture out;
+    try {
+      call();
+    } catch (const vorsim_test::FatalError&) {
+      return out.text();
+    }
+    return std::string("no fatal message");
+  };
+  EXPECT_NE(message([&] {
+              fixed.setGeneralizedCoordinate({1.0, 2.0});
+            }).find("Wrong number of generalized coordinate elements"),
+            std::string::npos);
+  EXPECT_NE(message([&] { fixed.setGeneralizedVelocity({1.0}); }).find("Wrong number of generalized velocity elements"),
+            std::string::npos);
+  EXPECT_NE(message([&] {
+              fixed.setGeneralizedForce({1.0, 2.0, 3.0});
+            }).find("Wrong number of generalized force elements"),
+            std::string::npos);
+  EXPECT_NE(message([&] {
+              fixed.setBaseVelocity({1, 0, 0});
+            }).find("This articulated system has a fixed base. You cannot set base velocity"),
+            std::string::npos);
+  EXPECT_NE(message([&] {
+              fixed.setBaseAngularVelocity({1, 0, 0});
+            }).find("This articulated system has a fixed base. You cannot set base velocity"),
+            std::string::npos);
+  Mat<4, 1> q;
+  EXPECT_NE(message([&] { fixed.getBaseOrientation(q); }).find("This method is only for floating base"),
+            std::string::npos);
+  VecDyn shortGains(2);
+  EXPECT_NE(message([&] { fixed.setPdGains(shortGains, shortGains); }).find("Wrong number of PD gain elements"),
+            std::string::npos);
+  EXPECT_NE(message([&] { fixed.setPdTarget(shortGains, shortGains); }).find("Wrong number of PD target elements"),
+            std::string::npos);
+
+  // With a callback that returns, the list setters copy what they can and the
+  // base setters write nothing.
+  VorSimMsg::setFatalCallback([] {});
+  StdoutCapture quiet;
+  const VecDyn gv = fixed.gv;
+  fixed.setBaseVelocity({1, 2, 3});
+  EXPECT_EQ(fixed.gv.e(), gv.e());
+  fixed.setGeneralizedVelocity({0.5, 0.25});
+  EXPECT_EQ(fixed.gv[0], 0.5);
+  EXPECT_EQ(fixed.gv[1], 0.25);
+  EXPECT_EQ(fixed.gv[2], gv[2]);
+  fixed.setGeneralizedForce({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13});
+  EXPECT_EQ(fixed.getGeneralizedForce()[fixed.dof - 1], double(fixed.dof));
+}
+
+// ------------------------------------------------------ the robot models --
+
+TEST(RobotModelDynamics, MassMatrixInverseDynamicsAndTheAlgorithmAgree) {
+  for (const char* file : {"anymal_b/anymal.urdf", "franka_panda/panda.urdf", "humanoid_mjcf_port/humanoid.urdf",
+                           "minitaur/minitaur.urdf"}) {
+    std::unique_ptr<StdoutCapture> quiet = std::make_unique<StdoutCapture>();  // the loader's warnings
+    ArticulatedSystem s(std::string(VORSIM_TEST_DATA_DIR) + "/../../models/" + file);
+    quiet.reset();
+    randomState(s, 99, 2.0);
+    const Matrix M = s.getMassMatrix().e();
+    const Matrix I = Matrix::Identity(Eigen::Index(s.dof), Eigen::Index(s.dof));
+    EXPECT_TRUE(near(M * s.getInverseMassMatrix().e(), I, 1e-10)) << file;
+    VecDyn tau(s.dof);
+    for (size_t i = 0; i < s.dof; ++i) tau[i] = std::sin(double(i));
+    s.setGeneralizedForce(tau);
+    s.articulatedBodyAlgorithm(kGravity, 0.001);
+    // The humanoid's joints are damped: the explicit damping force joins the
+    // feed-forward force (the implicit term is zero until a time step is set).
+    const Vec applied = tau.e() - s.jointDampingGv.e().cwiseProduct(s.gv.e());
+    EXPECT_TRUE(near(inverseDynamics(s, kGravity, s.ga.e()), applied, 1e-9)) << file;
+    EXPECT_TRUE(near(M * s.ga.e() + s.getNonlinearities(kGravity).e(), applied, 1e-9)) << file;
+  }
+}
+
+// ------------------------------------------- contact loads and other routes --
+
+TEST(Routes, InverseDynamicsCountsContactImpulsesAsForces) {
+  ArticulatedSystem s(makeTree(Joint::FLOATING), "r");
+  randomState(s, 41);
+  s.updateTimeStep(0.002);
+  const size_t wrist = 4, tip = 6;
+  Mat<3, 3> frame;
+  Contact::computeFrame(unit({0.2, -0.3, 0.9}), frame);
+  const Mat<3, 1> position{0.3, 0.2, 0.4}, impulse{0.01, -0.02, 0.05};
+  auto contact = [&](size_t body, bool isA) {
+    Contact c;
+    c.frame = frame;
+    c.position = position;
+    c.localBodyIndex = body;
+    c.isObjectA = isA;
+    c.pairObjectIndex = 99;
+    c.impulse = const_cast<Mat<3, 1>*>(&impulse);
+    return c;
+  };
+  // The force this side receives: +frame^T impulse / dt on side A.
+  const Eigen::Vector3d onA = frame.e().transpose() * impulse.e() / 0.002;
+  auto generalized = [&](size_t body, const Eigen::Vector3d& f) {
+    SparseJacobian J;
+    s.getSparseJacobian(body, position, J);
+    Vec out = Vec::Zero(Eigen::Index(s.dof));
+    for (size_t k = 0; k < J.size; ++k)
+      out[Eigen::Index(J.idx[k])] += Eigen::Vector3d(J.v(0, k), J.v(1, k), J.v(2, k)).dot(f);
+    return out;
+  };
+  VecDyn acc(s.dof), with(s.dof), without(s.dof);
+  for (size_t i = 0; i < s.dof; ++i) acc[i] = 0.1 * double(i);
+  s.recursiveNewtonEuler(kGravity, false, false, acc, without);
+
+  // A contact force does work for the joints: they supply that much less.
+  s.getContacts().push_back(contact(wrist, true));
+  s.recursiveNewtonEuler(kGravity, true, false, acc, with);
+  EXPECT_TRUE(near(without.e() - with.e(), generalized(wrist, onA), 1e-12));
+  s.getContacts()[0].isObjectA = false;  // side B receives the opposite
+  s.recursiveNewtonEuler(kGravity, true, false, acc, with);
+  EXPECT_TRUE(near(without.e() - with.e(), -generalized(wrist, onA), 1e-12));
+
+  // A merged self-collision acts on both bodies, oppositely; its skipped twin
+  // counts no more.
+  s.getContacts().clear();
+  Contact merged = contact(wrist, true), twin = contact(tip, false);
+  merged.isSelfCollision = true;
+  merged.pairObjectIndex = twin.pairObjectIndex = s.getIndexInWorld();
+  merged.pairContactIndex = 1;
+  twin.skip = true;
+  s.getContacts().push_back(merged);
+  s.getContacts().push_back(twin);
+  s.recursiveNewtonEuler(kGravity, true, true, acc, with);
+  EXPECT_TRUE(near(without.e() - with.e(), generalized(wrist, onA) - generalized(tip, onA), 1e-12));
+  // The joint reactions are stored on request: the root's is the whole
+  // robot's, which here is the base's generalized force.
+  EXPECT_TRUE(near(s.jointForceW[0].e(), with.e().head<3>(), 1e-13));
+  s.getContacts().clear();
+}
+
+TEST(Routes, TheMassMatrixRouteAndTheArticulatedBodyRouteAgree) {
+  // At rest the two routes see the same forces: the mass-matrix route's rate
+  // term for damping and derivative gain multiplies a zero velocity.
+  ArticulatedSystem s(makeTree(Joint::FIXED), "r");
+  randomState(s, 12, 0.0);
+  VecDyn kp(s.dof), kd(s.dof), target(s.gcDim), zero(s.dof), tau(s.dof);
+  for (size_t i = 0; i < s.dof; ++i) kp[i] = 30.0, kd[i] = 0.0, zero[i] = 0.0, tau[i] = std::cos(double(i));
+  target = s.gc;
+  for (size_t b = 1; b < s.nbody; ++b)
+    if (s.jointType[b] != Joint::SPHERICAL) target[s.gcIdx[b]] += 0.2;
+  s.setControlMode(ArticulatedSystem::PD_PLUS_FEEDFORWARD_TORQUE);
+  s.setPdGains(kp, kd);
+  s.setPdTarget(target, zero);
+  s.setGeneralizedForce(tau);
+  const double dt = 0.004;
+  s.updateTimeStep(dt);
+  s.articulatedBodyAlgorithm(kGravity, dt);
+  const Vec viaAba = s.gvWork.e();
+
+  s.computeSparseInverse(s.getMassMatrix(), s.massMatrixInverse);
+  s.inverseDynamicsTau = s.getNonlinearities(kGravity);
+  s.impulseBias.setZero();  // the momentum (M + dampedDiag) gv, zero at rest
+  s.integrateWithoutContact(kGravity, dt);
+  EXPECT_TRUE(near(s.gvWork.e(), viaAba, 1e-12)) << s.gvWork.e().transpose() << "\n" << viaAba.transpose();
+  EXPECT_GT(viaAba.norm(), 1e-3);
+
+  // Moving, under the Runge-Kutta scheme, the mass-matrix route takes damping
+  // and derivative gain explicitly too; with the momentum (M + dampedDiag) gv
+  // as impulse bias both routes give the same velocity.
+  randomState(s, 13);
+  VecDyn damping(s.dof);
+  for (size_t i = 0; i < s.dof; ++i) kd[i] = 3.0, damping[i] = 0.7;
+  s.setPdGains(kp, kd);
+  s.setJointDamping(damping);
+  s.setIntegrationScheme(ArticulatedSystem::RUNGE_KUTTA_4);
+  s.updateTimeStep(dt);
+  s.preContactSolverUpdate1(kGravity, dt);  // chooses the scheme of the step
+  s.articulatedBodyAlgorithm(kGravity, dt);
+  const Vec movingAba = s.gvWork.e();
+  const Matrix M = s.getMassMatrix().e();
+  s.computeSparseInverse(s.getMassMatrix(), s.massMatrixInverse);
+  s.inverseDynamicsTau = s.getNonlinearities(kGravity);
+  s.impulseBias = toVecDyn((M + Matrix(s.dampedDiag.e().asDiagonal())) * s.gv.e());
+  s.integrateWithoutContact(kGravity, dt);
+  EXPECT_TRUE(near(s.gvWork.e(), movingAba, 1e-12)) << s.gvWork.e().transpose() << "\n" << movingAba.transpose();
+}
+
+TEST(Routes, TheRungeKuttaStepStartsFromTheSolversVelocityJump) {
+  // A velocity change made by the solver (here by hand) is a jump at the
+  // start of the step: the step equals one taken from the jumped velocity.
+  auto stepped = [](bool jump) {
+    World world;
+    world.setTimeStep(0.01);
+    ArticulatedSystem* s = world.addArticulatedSystem(makeTree(Joint::FLOATING), "r");
+    s->setIntegrationScheme(ArticulatedSystem::RUNGE_KUTTA_4);
+    randomState(*s, 3);
+    VecDyn gv = s->gv;
+    if (!jump) gv[7] += 0.5, s->setGeneralizedVelocity(gv);
+    ContactProblemList problems;
+    s->updateTimeStepIfNecessary(0.01);
+    s->preContactSolverUpdate1(world.getGravity(), 0.01);
+    s->preContactSolverUpdate2(world.getGravity(), 0.01, problems);
+    if (jump) s->gvWork[7] += 0.5;
+    s->integrate(0.01, world);
+    Vec state(Eigen::Index(s->gcDim + s->dof));
+    state << s->gc.e(), s->gv.e();
+    return state;
+  };
+  EXPECT_TRUE(near(stepped(true), stepped(false), 1e-13));
+}
+
+TEST(Routes, TheRealisedAccelerationIsThatOfTheStep) {
+  World world;
+  world.setTimeStep(0.002);
+  ArticulatedSystem* s = world.addArticulatedSystem(makeTree(Joint::FLOATING), "r");
+  randomState(*s, 14);
+  const VecDyn before = s->gv;
+  world.integrate();
+  EXPECT_TRUE(near(s->realisedAcc.e(), (s->gv.e() - before.e()) / 0.002, 1e-9));
+  EXPECT_TRUE(near(s->realisedAcc.e(), s->ga.e(), 1e-9));
+}

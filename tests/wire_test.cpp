@@ -1,0 +1,305 @@
+// Wires against analytic motion: a pendulum on a stiff wire, a mass on a
+// compliant wire, a custom wire's tension, a stiff rod between two free bodies,
+// and stiff wires that have no dynamic end.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <vector>
+
+#include "vorsim/World.hpp"
+#include "vorsim/contact/Single3DContactProblem.hpp"
+#include "vorsim/object/Primitives.hpp"
+
+using namespace vorsim;
+
+namespace {
+constexpr double kG = 9.81;
+const Eigen::Vector3d kCentre = Eigen::Vector3d::Zero();
+
+// Times at which x(t) crosses zero upward, linearly interpolated.
+struct UpwardCrossings {
+  std::vector<double> times;
+  double lastX = 0.0, lastT = 0.0;
+  bool started = false;
+  void add(double t, double x) {
+    if (started && lastX < 0.0 && x >= 0.0) times.push_back(lastT + (t - lastT) * (-lastX) / (x - lastX));
+    lastX = x, lastT = t, started = true;
+  }
+  double meanPeriod() const { return (times.back() - times.front()) / double(times.size() - 1); }
+};
+
+// A block that collides with nothing, as a wire's anchor.
+Box* anchorAt(World& world, double x, double y, double z, BodyType type = STATIC) {
+  Box* anchor = world.addBox(0.05, 0.05, 0.05, 1.0, "default", 0, 0);
+  anchor->setPosition(x, y, z);
+  anchor->setBodyType(type);
+  return anchor;
+}
+}  // namespace
+
+TEST(Wire, StiffWireHoldsAPendulumAtItsLengthAndPeriod) {
+  // L = 1 m, amplitude 0.2 rad: T = 2 pi sqrt(L/g) (1 + a^2/16 + 11 a^4/3072).
+  const double L = 1.0, a = 0.2;
+  const double expected = 2.0 * M_PI * std::sqrt(L / kG) * (1.0 + a * a / 16.0 + 11.0 * std::pow(a, 4) / 3072.0);
+  for (const bool bobFirst : {false, true}) {
+    SCOPED_TRACE(bobFirst ? "bob is the wire's first object" : "anchor is the wire's first object");
+    World world;
+    world.setTimeStep(0.001);
+    Box* anchor = anchorAt(world, 0, 0, 2);
+    Sphere* bob = world.addSphere(0.05, 1.0, "default", 0, 0);
+    bob->setPosition(L * std::sin(a), 0, 2 - L * std::cos(a));
+    StiffLengthConstraint* wire = bobFirst ? world.addStiffWire(bob, 0, kCentre, anchor, 0, kCentre, L)
+                                           : world.addStiffWire(anchor, 0, kCentre, bob, 0, kCentre, L);
+    UpwardCrossings crossings;
+    double worstStretch = 0.0;
+    for (int i = 0; i < 7000; ++i) {
+      world.integrate();
+      crossings.add(world.getWorldTime(), bob->getPosition()[0]);
+      worstStretch = std::max(worstStretch, std::abs(wire->getDistance() - L));
+    }
+    EXPECT_LT(worstStretch, 2e-3);
+    ASSERT_EQ(crossings.times.size(), 3u);
+    EXPECT_NEAR(crossings.meanPeriod(), expected, 1e-3 * expected);
+    // No friction and no damping: the swing keeps its amplitude.
+    EXPECT_NEAR(bob->getPosition()[2] + 0.5 * bob->getLinearVelocity().squaredNorm() / kG, 2 - L * std::cos(a), 2e-3);
+  }
+}
+
+TEST(Wire, CompliantWireOscillatesAboutItsRestStretch) {
+  // m = 2 kg on k = 200 N/m: rest stretch m g / k, period 2 pi sqrt(m / k).
+  const double m = 2.0, k = 200.0, L = 0.5, rest = m * kG / k, period = 2.0 * M_PI * std::sqrt(m / k);
+  for (const bool bobFirst : {false, true}) {
+    SCOPED_TRACE(bobFirst ? "bob first, kinematic anchor" : "static anchor first");
+    World world;
+    world.setTimeStep(0.001);
+    Box* anchor = anchorAt(world, 0, 0, 2, bobFirst ? KINEMATIC : STATIC);
+    Sphere* bob = world.addSphere(0.05, m, "default", 0, 0);
+    bob->setPosition(0, 0, 2 - L - 1.5 * rest);  // released at rest, half the rest stretch below equilibrium
+    auto* wire = bobFirst ? world.addCompliantWire(bob, 0, kCentre, anchor, 0, kCentre, L, k)
+                          : world.addCompliantWire(anchor, 0, kCentre, bob, 0, kCentre, L, k);
+    UpwardCrossings crossings;
+    double stretchSum = 0.0, leastStretch = 1.0;
+    int samples = 0;
+    for (int i = 0; i < 3000; ++i) {
+      world.integrate();
+      const double offset = (2 - L - rest) - bob->getPosition()[2];  // below equilibrium is positive
+      crossings.add(world.getWorldTime(), offset);
+      if (crossings.times.size() == 1) stretchSum += wire->getStretch(), ++samples;  // over one whole period
+      leastStretch = std::min(leastStretch, wire->getStretch());
+    }
+    ASSERT_GE(crossings.times.size(), 4u);
+    EXPECT_NEAR(crossings.meanPeriod(), period, 2e-3 * period);
+    EXPECT_NEAR(stretchSum / samples, rest, 5e-3 * rest);
+    EXPECT_NEAR(leastStretch, 0.5 * rest, 0.02 * rest);  // the amplitude is kept
+    EXPECT_NEAR(std::abs(wire->getNorm()[2]), 1.0, 1e-15);
+    // The force goes to the dynamic side only: the anchor keeps its place.
+    EXPECT_EQ(anchor->getPosition()[2], 2.0);
+  }
+}
+
+TEST(Wire, CustomWirePullsWithTheTensionSetInEveryStep) {
+  World world;
+  world.setGravity(Mat<3, 1>{0, 0, 0});
+  world.setTimeStep(0.01);
+  Sphere* a = world.addSphere(0.1, 2.0);
+  Box* b = world.addBox(0.2, 0.4, 0.6, 3.0);  // principal axes along the world's
+  a->setPosition(0, 0, 0);
+  b->setPosition(1, 0, 0);
+  // A slack wire (distance 1 < length 2) of the stretch-only kind: inactive,
+  // and it pulls all the same. Both mounts are 0.1 m off the centres along y.
+  const Eigen::Vector3d mount(0, 0.1, 0);
+  CustomLengthConstraint* wire = world.addCustomWire(a, 0, mount, b, 0, mount, 2.0);
+  wire->setTension(3.0);
+  world.integrate();
+  EXPECT_FALSE(wire->isActive());
+  EXPECT_NEAR(a->getLinearVelocity()[0], 3.0 / 2.0 * 0.01, 1e-16);
+  EXPECT_NEAR(b->getLinearVelocity()[0], -3.0 / 3.0 * 0.01, 1e-16);
+  // Forces (3, 0, 0) and (-3, 0, 0) at (0, 0.1, 0) from the centres: torques
+  // (0, 0, -0.3) and (0, 0, 0.3), about principal axes.
+  const double izzA = 0.4 * 2.0 * 0.1 * 0.1, izzB = 3.0 * (0.2 * 0.2 + 0.4 * 0.4) / 12.0;
+  EXPECT_NEAR(a->getAngularVelocity()[2], -0.3 / izzA * 0.01, 1e-14);
+  EXPECT_NEAR(b->getAngularVelocity()[2], 0.3 / izzB * 0.01, 1e-15);
+  EXPECT_EQ(a->getAngularVelocity()[0], 0.0);
+  // A wire force moves a body by dt * v.
+  EXPECT_NEAR(a->getPosition()[0], 0.01 * a->getLinearVelocity()[0], 1e-18);
+
+  // Zero tension leaves both alone; the tension of the next step is the new one.
+  wire->setTension(0.0);
+  const Mat<3, 1> va = a->getLinearVelocity();
+  world.integrate();
+  EXPECT_EQ(a->getLinearVelocity()[0], va[0]);
+  wire->setTension(-4.0);  // a negative tension pushes
+  world.integrate();
+  EXPECT_NEAR(a->getLinearVelocity()[0], va[0] - 4.0 / 2.0 * 0.01, 1e-6);  // the mounts have turned a little
+}
+
+TEST(Wire, StiffRodBetweenTwoFreeBodiesStopsTheirRelativeMotion) {
+  // Two unit spheres, no gravity. A stiff wire that acts both ways behaves like
+  // a rod: the relative normal velocity after one step is the solver's target,
+  // erp2 * (relative speed at the start of the step) + erp * stretch.
+  struct Case {
+    double gap, speed;  // start distance minus length; each sphere's speed away from the other
+  };
+  for (const Case c : {Case{0.001, 1.0}, Case{0.0, -1.0}, Case{-0.002, -0.5}}) {
+    SCOPED_TRACE("gap " + std::to_string(c.gap) + " speed " + std::to_string(c.speed));
+    World world;
+    world.setGravity(Mat<3, 1>{0, 0, 0});
+    world.setTimeStep(0.001);
+    Sphere* s1 = world.addSphere(0.1, 1.0, "default", 0, 0);
+    Sphere* s2 = world.addSphere(0.1, 1.0, "default", 0, 0);
+    s1->setPosition(0, 0, 0);
+    s2->setPosition(1.0 + c.gap, 0, 0);
+    s1->setVelocity(-c.speed, 0, 0, 0, 0, 0);
+    s2->setVelocity(c.speed, 0, 0, 0, 0, 0);
+    auto* rod = world.addStiffWire(s1, 0, kCentre, s2, 0, kCentre, 1.0);
+    rod->setStretchType(LengthConstraint::BOTH);
+    world.integrate();
+    ASSERT_EQ(world.getContactProblem().size(), 1u);
+    const auto& P = world.getContactProblem()[0];
+    EXPECT_EQ(P.rank, 4);
+    // A stretched wire has its first object as side A, any other the second.
+    EXPECT_EQ(P.objectA, c.gap > 0 ? s1 : s2);
+    EXPECT_EQ(P.objectB, c.gap > 0 ? s2 : s1);
+    const double separating = 2.0 * c.speed;
+    const double target = std::abs(separating) * 0.002 + 0.3 * std::abs(c.gap);
+    const double expected = c.gap > 0 ? -target : target;  // toward each other when stretched
+    EXPECT_NEAR(s2->getLinearVelocity()[0] - s1->getLinearVelocity()[0], expected, 1e-14);
+    EXPECT_NEAR(s1->getLinearVelocity()[0] + s2->getLinearVelocity()[0], 0.0, 1e-15);  // momentum kept
+  }
+}
+
+TEST(Wire, StiffWireRecordsTwinContactsAtTheFirstMount) {
+  World world;
+  world.addGround();
+  Sphere* s1 = world.addSphere(0.1, 1.0);
+  Sphere* s2 = world.addSphere(0.1, 1.0);
+  s1->setPosition(0, 0, 0.099);
+  s2->setPosition(1.2, 0, 0.099);
+  // Local index 2 of a single body is the body itself; the records keep it.
+  auto* wire = world.addStiffWire(s1, 2, Eigen::Vector3d(0.05, 0, 0), s2, 0, Eigen::Vector3d(-0.05, 0, 0), 1.0);
+  world.integrate1();
+  ASSERT_EQ(s1->getContacts().size(), 2u);  // the ground, then the wire
+  ASSERT_EQ(s2->getContacts().size(), 2u);
+  const Contact& c1 = s1->getContacts()[1];
+  const Contact& c2 = s2->getContacts()[1];
+  EXPECT_NEAR(wire->getStretch(), 0.1, 1e-15);
+  EXPECT_EQ(c1.localContactIndex, 1u);
+  EXPECT_EQ(c2.localContactIndex, 1u);
+  EXPECT_EQ(c1.pairContactIndex, 1u);
+  EXPECT_EQ(c2.pairContactIndex, 1u);
+  EXPECT_EQ(c1.pairObjectIndex, s2->getIndexInWorld());
+  EXPECT_EQ(c2.pairObjectIndex, s1->getIndexInWorld());
+  EXPECT_EQ(c1.contactProblemIndex, 2u);
+  EXPECT_EQ(c2.contactProblemIndex, 2u);
+  EXPECT_TRUE(c1.isObjectA);
+  EXPECT_FALSE(c2.isObjectA);
+  EXPECT_EQ(c1.localBodyIndex, 2u);
+  EXPECT_EQ(c2.localBodyIndex, 0u);
+  for (const Contact* c : {&c1, &c2}) {
+    EXPECT_EQ(c->position.e(), Eigen::Vector3d(0.05, 0, 0.099));
+    EXPECT_NEAR(c->depth, -0.1, 1e-15);
+    EXPECT_LT((c->normal.e() - Eigen::Vector3d(1, 0, 0)).norm(), 1e-15);
+    EXPECT_EQ(c->colObjectA, nullptr);
+  }
+  world.integrate2();
+  const auto& P = world.getContactProblem()[2];
+  EXPECT_EQ(P.rank, 4);
+  EXPECT_EQ(P.objectA, s1);
+  EXPECT_EQ(P.localIndexA, 1u);
+  EXPECT_EQ(P.objectB, s2);
+  EXPECT_EQ(P.localIndexB, 1u);
+  EXPECT_GT(P.impulse[2], 0.0);
+  EXPECT_EQ(c1.impulse, &P.impulse);
+  EXPECT_EQ(c2.impulse, &P.impulse);
+  // A wire at exactly its length adds nothing.
+  World exact;
+  Sphere* e1 = exact.addSphere(0.1, 1.0);
+  Sphere* e2 = exact.addSphere(0.1, 1.0);
+  e2->setPosition(0.5, 0, 0);
+  exact.addStiffWire(e1, 0, kCentre, e2, 0, kCentre, 0.5);
+  exact.integrate1();
+  EXPECT_TRUE(exact.getContactProblem().empty());
+  EXPECT_TRUE(e1->getContacts().empty() && e2->getContacts().empty());
+}
+
+// A pyramid of 15 boxes stepped 1 s, alone or next to stiff wires between
+// static and kinematic blocks (moving apart); mean sweeps per step and the
+// boxes' final positions.
+namespace {
+struct PyramidRun {
+  double meanSweeps = 0.0;
+  std::vector<double> state;
+};
+
+void runPyramid(bool withWires, PyramidRun& r, int fixedSweeps = 0) {
+  World world;
+  world.setTimeStep(0.002);
+  // A fixed number of sweeps (a zero threshold never stops them early).
+  if (fixedSweeps > 0) world.setContactSolverParam(1.0, 1.0, 1.0, fixedSweeps, 0.0);
+  world.addGround();
+  std::vector<Box*> boxes;
+  for (int row = 0; row < 5; ++row)
+    for (int k = 0; k < 5 - row; ++k) {
+      boxes.push_back(world.addBox(0.2, 0.2, 0.2, 1.0));
+      boxes.back()->setPosition(-0.4 + 0.2 * k + 0.1 * row, 0, 0.1 + 0.2 * row);
+    }
+  std::vector<Box*> blocks;
+  if (withWires) {
+    const BodyType types[3][2] = {{STATIC, STATIC}, {KINEMATIC, STATIC}, {KINEMATIC, KINEMATIC}};
+    for (int w = 0; w < 3; ++w) {
+      Box* b1 = anchorAt(world, 5, 2.0 * w, 1, types[w][0]);
+      Box* b2 = anchorAt(world, 6, 2.0 * w, 1, types[w][1]);
+      b1->setVelocity(-0.1, 0, 0, 0, 0, 0);
+      b2->setVelocity(0.1, 0, 0, 0, 0, 0);
+      world.addStiffWire(b1, 0, kCentre, b2, 0, kCentre, 0.5);
+      blocks.push_back(b1), blocks.push_back(b2);
+    }
+  }
+  for (int i = 0; i < 500; ++i) {
+    world.integrate();
+    r.meanSweeps += world.getContactSolver().getLoopCounter() / 500.0;
+    if (!withWires) continue;
+    // The three wire problems close the list; static ends get no record,
+    // kinematic ones a record whose impulse stays zero.
+    const auto& problems = world.getContactProblem();
+    for (size_t p = problems.size() - 3; p < problems.size(); ++p) {
+      ASSERT_EQ(problems[p].rank, 0);
+      ASSERT_EQ(problems[p].impulse.squaredNorm(), 0.0);
+      ASSERT_EQ(problems[p].objectA, nullptr);
+      ASSERT_EQ(problems[p].objectB, nullptr);
+    }
+    for (size_t k = 0; k < blocks.size(); ++k) {
+      const bool kinematic = blocks[k]->getBodyType() == KINEMATIC;
+      ASSERT_EQ(blocks[k]->getContacts().size(), kinematic ? 1u : 0u) << k;
+      if (kinematic) {
+        ASSERT_EQ(blocks[k]->getContacts()[0].impulse->squaredNorm(), 0.0);
+      }
+    }
+  }
+  for (Box* b : boxes) r.state.insert(r.state.end(), b->getPosition().v, b->getPosition().v + 3);
+  for (Box* b : blocks) {
+    if (b->getBodyType() == KINEMATIC) {
+      EXPECT_NEAR(b->getPosition()[0], b->getLinearVelocity()[0] > 0 ? 6.1 : 4.9, 1e-12);
+    }
+  }
+}
+}  // namespace
+
+TEST(Wire, StiffWiresWithoutADynamicEndChangeNothing) {
+  // Nothing can move such a wire: its problem is inactive, applies nothing and
+  // adds no error, so the pyramid's solve is the same as without it.
+  PyramidRun alone, nextToWires;
+  runPyramid(false, alone);
+  runPyramid(true, nextToWires);
+  // Three more problems raise the sweeps' stop limit by 3 * threshold, which
+  // may end a solve a sweep earlier now and then.
+  EXPECT_NEAR(nextToWires.meanSweeps, alone.meanSweeps, 0.05 * alone.meanSweeps);
+  EXPECT_LT(alone.meanSweeps, 40.0);
+  // With the number of sweeps fixed, the pyramid moves bit for bit the same.
+  PyramidRun fixedAlone, fixedNextToWires;
+  runPyramid(false, fixedAlone, 25);
+  runPyramid(true, fixedNextToWires, 25);
+  EXPECT_NEAR(fixedAlone.meanSweeps, 25.0, 1e-9);
+  EXPECT_NEAR(fixedNextToWires.meanSweeps, 25.0, 1e-9);
+  EXPECT_EQ(fixedNextToWires.state, fixedAlone.state);
+}

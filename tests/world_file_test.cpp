@@ -1,0 +1,548 @@
+// World configuration files: arithmetic, the text stage (parameters, arrays,
+// expressions), every element kind, object classes, URDF templates, and one
+// located fatal message per kind of bad input.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <fstream>
+
+#include "helpers.hpp"
+#include "test_helpers.hpp"
+#include "vorsim/Collision.hpp"
+#include "vorsim/object/ArticulatedSystem/ArticulatedSystem.hpp"
+#include "vorsim/object/HeightMap.hpp"
+#include "vorsim/object/Mesh.hpp"
+#include "vorsim/object/Primitives.hpp"
+
+using namespace vorsim;
+
+namespace {
+
+const std::string kWorldDir = std::string(VORSIM_TEST_DATA_DIR) + "/world/";
+
+// A file in the temporary directory, named after the running test as well
+// (tests run in parallel processes).
+std::string tempPath(const std::string& name) {
+  return testing::TempDir() + "vorsim_world_" + testing::UnitTest::GetInstance()->current_test_info()->name() + "_" +
+         name;
+}
+
+std::string writeTemp(const std::string& name, const std::string& text) {
+  const std::string path = tempPath(name);
+  std::ofstream(path) << text;
+  return path;
+}
+
+// The fatal message (standard output) of running f.
+template <typename F>
+std::string fatalOf(F f) {
+  ThrowOnFatal guard;
+  StdoutCapture out;
+  try {
+    f();
+  } catch (const vorsim_test::FatalError&) {
+    return out.text();
+  }
+  ADD_FAILURE() << "no fatal message";
+  return out.text();
+}
+
+// The fatal message of reading a world file with this text.
+std::string fatalOfWorld(const std::string& text, const std::unordered_map<std::string, std::string>& params = {}) {
+  const std::string path = writeTemp("bad.xml", text);
+  return fatalOf([&] { World world(path, params); });
+}
+
+template <typename T>
+T* find(World& world, const std::string& name) {
+  auto* object = dynamic_cast<T*>(world.getObject(name));
+  EXPECT_NE(object, nullptr) << name;
+  return object;
+}
+
+}  // namespace
+
+// ------------------------------------------------------------- arithmetic --
+
+TEST(MathExpression, HandComputedValues) {
+  EXPECT_EQ(evaluateMathExpression("2*(3+4)"), 14.0);
+  EXPECT_EQ(evaluateMathExpression("1 + 2 * 3 - 4 / 2"), 5.0);  // precedence
+  EXPECT_EQ(evaluateMathExpression("10 - 2 - 3"), 5.0);         // left association
+  EXPECT_EQ(evaluateMathExpression("8 / 4 / 2"), 1.0);
+  EXPECT_EQ(evaluateMathExpression("-pi/2"), -M_PI / 2);  // unary minus on the first operand
+  EXPECT_EQ(evaluateMathExpression("-2*3+1"), -5.0);
+  EXPECT_EQ(evaluateMathExpression("2*-3"), -6.0);  // and after an operator
+  EXPECT_EQ(evaluateMathExpression("3 - -1"), 4.0);
+  EXPECT_EQ(evaluateMathExpression("((1+2)*(3+4))/7"), 3.0);
+  EXPECT_EQ(evaluateMathExpression("sin(pi/2) + cos(0)"), 2.0);
+  EXPECT_DOUBLE_EQ(evaluateMathExpression("exp(log(3))*2"), 6.0);
+  EXPECT_EQ(evaluateMathExpression("log(1)"), 0.0);
+  EXPECT_EQ(evaluateMathExpression("1.5e-3 * 2e2"), 0.3);
+  EXPECT_EQ(evaluateMathExpression("  .5  "), 0.5);
+  EXPECT_EQ(evaluateMathExpression("sin (pi)"), std::sin(M_PI));
+}
+
+TEST(MathExpression, MalformedArithmeticIsFatal) {
+  const std::string mismatch = "invalid math expression. Operator and operand number mistmatch.";
+  for (const char* text : {"2+", "2 3", "", "*2", "2+*3"}) {
+    const std::string out = fatalOf([&] { evaluateMathExpression(text); });
+    if (std::string(text) == "*2" || std::string(text) == "2+*3")
+      EXPECT_NE(out.find(std::string("Unknown math expression: ") + text), std::string::npos) << text << out;
+    else
+      EXPECT_NE(out.find(mismatch), std::string::npos) << text << out;
+  }
+  for (const char* text : {"tan(1)", "2*x", "(1+2", "sin 1", "1.2.3"})
+    EXPECT_NE(fatalOf([&] { evaluateMathExpression(text); }).find(std::string("Unknown math expression: ") + text),
+              std::string::npos)
+        << text;
+  // A returning callback gets NaN.
+  VorSimMsg::setFatalCallback([] {});
+  {
+    StdoutCapture quiet;
+    EXPECT_TRUE(std::isnan(evaluateMathExpression("foo")));
+  }
+  VorSimMsg::resetFatalCallback();
+}
+
+TEST(MathExpression, NumbersPrintShortestAndExact) {
+  EXPECT_EQ(formatNumber(14.0), "14");
+  EXPECT_EQ(formatNumber(0.1), "0.1");
+  EXPECT_EQ(formatNumber(-1.5707963267948966), "-1.5707963267948966");
+  for (double x : {M_PI, 1.0 / 3.0, 1e-300, -2.5e17, 0.30000000000000004})
+    EXPECT_EQ(std::stod(formatNumber(x)), x) << formatNumber(x);
+}
+
+// ------------------------------------------------------------- text stage --
+
+TEST(ConfigText, ParametersArraysAndExpressions) {
+  const std::string path = writeTemp("text.xml", R"(<vorsim>
+  <params><r value="0.5"/><rr value="@@r"/><n value="9"/></params>
+  <a v="@@r" w="@@rr" dir="[THIS_DIR]" x="{2*(3+4)}" y="{-pi/2}" z="@@n{@@n}"/>
+  <array name="i" start="1" increment="0.5" flag count="3"><b i="@@i" twice="{@@i*2}"/></array>
+  <array name="i" count="2"><array name="j" start="{@@i*10}" count="2"><c ij="@@i,@@j"/></array></array>
+  <array name="e" count="0"><never/></array>
+</vorsim>)");
+  const std::string text = expandConfigText(path, {{"n", "7"}}, "open: ");
+  // The caller's value wins over the file's; a value may name another parameter.
+  EXPECT_NE(
+      text.find(R"(<a v="0.5" w="0.5" dir=")" + directoryOf(path) + R"(" x="14" y="-1.5707963267948966" z="77"/>)"),
+      std::string::npos)
+      << text;
+  EXPECT_NE(text.find(R"(<b i="1" twice="2"/><b i="1.5" twice="3"/><b i="2" twice="4"/>)"), std::string::npos) << text;
+  EXPECT_NE(text.find(R"(<c ij="0,0"/><c ij="0,1"/><c ij="1,10"/><c ij="1,11"/>)"), std::string::npos) << text;
+  EXPECT_EQ(text.find("never"), std::string::npos);
+  EXPECT_EQ(text.find("array"), std::string::npos);
+
+  // Parameters that the file does not declare are used too; "@@rod" is not
+  // "@@r" followed by "od".
+  const std::string other = writeTemp("text2.xml", R"(<vorsim><a x="@@rod" y="@@r"/></vorsim>)");
+  EXPECT_NE(expandConfigText(other, {{"r", "1"}, {"rod", "2"}}, "").find(R"(x="2" y="1")"), std::string::npos);
+}
+
+TEST(ConfigText, UnresolvedParametersAndBrokenArraysAreFatal) {
+  const std::string path = writeTemp("unresolved.xml", R"(<vorsim><params><a value="1"/><b/></params>
+<x y="@@b"/></vorsim>)");
+  EXPECT_NE(fatalOf([&] { expandConfigText(path, {}, ""); }).find("Unresolved param b in " + path), std::string::npos);
+  // Given by the caller, it resolves.
+  EXPECT_NE(expandConfigText(path, {{"b", "4"}}, "").find(R"(y="4")"), std::string::npos);
+
+  const std::string open = writeTemp("open_array.xml", "<vorsim>\n  <array name=\"i\" count=\"2\"><x/>\n</vorsim>");
+  EXPECT_NE(fatalOf([&] {
+              expandConfigText(open, {}, "");
+            }).find("in '" + open + "' at row:2 col:3, the node 'array': array end not found"),
+            std::string::npos);
+  const std::string noCount = writeTemp("no_count.xml", "<vorsim><array name=\"i\"><x/></array></vorsim>");
+  EXPECT_NE(fatalOf([&] {
+              expandConfigText(noCount, {}, "");
+            }).find("the node 'array' does not contain an attribute called 'count'"),
+            std::string::npos);
+  const std::string brace = writeTemp("brace.xml", "<vorsim a=\"{1+2\"/>");
+  EXPECT_NE(fatalOf([&] { expandConfigText(brace, {}, ""); }).find("the expression has no closing '}'"),
+            std::string::npos);
+  EXPECT_NE(fatalOf([&] {
+              expandConfigText(kWorldDir + "none.xml", {}, "Could not open: ");
+            }).find("Could not open: " + kWorldDir + "none.xml"),
+            std::string::npos);
+}
+
+TEST(ConfigText, NumberLists) {
+  std::vector<double> v;
+  ASSERT_TRUE(xml::parseNumbers(" 1  2\t3\n ", v));
+  EXPECT_EQ(v, (std::vector<double>{1, 2, 3}));
+  ASSERT_TRUE(xml::parseNumbers("1, 2,3", v));
+  EXPECT_EQ(v, (std::vector<double>{1, 2, 3}));
+  ASSERT_TRUE(xml::parseNumbers("", v));
+  EXPECT_TRUE(v.empty());
+  v = {9};
+  EXPECT_FALSE(xml::parseNumbers("1,,2", v));
+  EXPECT_FALSE(xml::parseNumbers("1 two", v));
+  EXPECT_FALSE(xml::parseNumbers("1e999", v));
+  EXPECT_EQ(v, (std::vector<double>{9}));  // untouched on failure
+  double d = 0.0;
+  EXPECT_TRUE(xml::parseDouble(" -2.5e-3 ", d));
+  EXPECT_EQ(d, -2.5e-3);
+  EXPECT_FALSE(xml::parseDouble("2.5x", d));
+}
+
+TEST(ConfigText, AfterAFatalMessageUnderAReturningCallbackTheTextIsEmpty) {
+  VorSimMsg::setFatalCallback([] {});
+  {
+    StdoutCapture quiet;
+    EXPECT_EQ(expandConfigText(writeTemp("a.xml", "<vorsim><array name=\"i\"><x/></array></vorsim>"), {}, ""), "");
+    EXPECT_EQ(expandConfigText(writeTemp("b.xml", "<vorsim><array count=\"1\"><x/></vorsim>"), {}, ""), "");
+    EXPECT_EQ(expandConfigText(writeTemp("c.xml", "<vorsim a=\"@@u\"/>"), {}, ""), "");
+  }
+  VorSimMsg::resetFatalCallback();
+}
+
+TEST(ConfigText, QuotationsAndPaths) {
+  EXPECT_EQ(getQuotation(R"(a="x" b="y")", 0, false), "x");
+  EXPECT_EQ(getQuotation(R"(a="x" b="y")", 4, false), " b=");
+  EXPECT_EQ(getQuotation(R"(a="x" b="y")", 6, true), "y");
+  EXPECT_EQ(getQuotation("no quotes", 0, false), "");
+  EXPECT_NE(fatalOf([] { getQuotation(R"(v="@@w")", 0, true); }).find("Unresolved param @@w"), std::string::npos);
+  EXPECT_EQ(directoryOf("a/b/c.xml"), "a/b");
+  EXPECT_EQ(directoryOf("c.xml"), ".");
+  EXPECT_EQ(directoryOf("/c.xml"), "/");
+  EXPECT_EQ(findFile("pendulum.urdf", kWorldDir), kWorldDir + "/pendulum.urdf");
+  EXPECT_EQ(findFile("nowhere.urdf", kWorldDir), "");
+}
+
+// --------------------------------------------------------- element stage --
+
+TEST(WorldFile, EveryElementKindLoadsAndSteps) {
+  std::unique_ptr<World> owner;
+  {
+    StdoutCapture quiet;
+    owner = std::make_unique<World>(kWorldDir + "every_kind.xml", std::unordered_map<std::string, std::string>{});
+  }
+  World& world = *owner;
+  EXPECT_EQ(world.getConfigFile(), kWorldDir + "every_kind.xml");
+  EXPECT_EQ(world.getGravity()[2], -9.8);
+  EXPECT_EQ(world.getTimeStep(), 0.002);
+  EXPECT_EQ(world.getContactSolver().erp, 0.25);
+  EXPECT_EQ(world.getContactSolver().erp2, 0.001);
+  // The included material table.
+  EXPECT_EQ(world.getMaterialManager().getMaterialPairProp("floor", "rubber").c_r, 0.5);
+  EXPECT_EQ(world.getMaterialManager().getDefaultMaterialProperties().c_f, 0.6);
+
+  // ghost is left out; the array made three pebbles.
+  std::vector<std::string> names;
+  for (Object* o : world.getObjList()) names.push_back(o->getName());
+  EXPECT_EQ(names, (std::vector<std::string>{"floor", "ball", "crate", "can", "pill", "cube", "bell", "dd", "pebble1",
+                                             "pebble3", "pebble5", "tilted", "terrain", "grid", "textmap", "pngmap",
+                                             "pendulum"}));
+
+  auto* ball = find<Sphere>(world, "ball");
+  EXPECT_EQ(ball->getRadius(), 0.1);
+  EXPECT_EQ(ball->getMass(), 2.0);
+  EXPECT_EQ(ball->getPosition()[2], 1.1);
+  EXPECT_EQ(ball->getLinearVelocity()[0], 0.5);
+  EXPECT_EQ(ball->getCollisionGroup(), 5u);  // collision[0, 2]
+  EXPECT_EQ(ball->getCollisionMask(), 0xFFFFFFFFu);
+  EXPECT_EQ(geomData(ball->getCollisionObject()).material, "rubber");
+
+  auto* crate = find<Box>(world, "crate");
+  EXPECT_EQ(crate->getDim()[1], 0.3);
+  EXPECT_EQ(crate->getAppearance(), "red");
+  EXPECT_EQ(crate->getCollisionGroup(), 2u);
+  EXPECT_EQ(crate->getCollisionMask(), 7u);
+  EXPECT_EQ(crate->getInertiaMatrix_B()(0, 0), 3.0 / 12 * (0.09 + 0.16));  // the box's own formula
+
+  auto* can = find<Cylinder>(world, "can");
+  EXPECT_EQ(can->getBodyType(), KINEMATIC);
+  EXPECT_EQ(can->getLinearVelocity()[2], 0.1);
+  EXPECT_EQ(can->getAngularVelocity()[2], 1.0);
+
+  auto* pill = find<Capsule>(world, "pill");
+  // Three numbers: the diagonal, which replaces the formula.
+  EXPECT_EQ(pill->getInertiaMatrix_B()(0, 0), 0.01);
+  EXPECT_EQ(pill->getInertiaMatrix_B()(1, 1), 0.02);
+  EXPECT_EQ(pill->getInertiaMatrix_B()(2, 2), 0.03);
+  EXPECT_EQ(pill->getInertiaMatrix_B()(0, 1), 0.0);
+  EXPECT_EQ(pill->getRotationMatrix()(1, 1), -1.0);  // quat (0 1 0 0): half turn about x
+
+  // Six numbers: ixx iyy izz ixy ixz iyz.
+  const Mat<3, 3> I6 = find<Box>(world, "tilted")->getInertiaMatrix_B();
+  const double expected6[3][3] = {{1, 0.1, 0.2}, {0.1, 2, 0.3}, {0.2, 0.3, 3}};
+  for (size_t i = 0; i < 3; ++i)
+    for (size_t j = 0; j < 3; ++j) EXPECT_EQ(I6(i, j), expected6[i][j]) << i << j;
+
+  auto* cube = find<Mesh>(world, "cube");
+  EXPECT_EQ(cube->getMeshVertices()[0], -0.1f);  // scaled once
+  EXPECT_EQ(cube->getInertiaMatrix_B()(1, 1), 0.01);
+
+  // Compound with a class reference: box, capsule, and the dumbbell's three.
+  auto* bell = find<Compound>(world, "bell");
+  ASSERT_EQ(bell->getChildren().size(), 5u);
+  EXPECT_EQ(bell->getChildren()[0].objectType, BOX);
+  EXPECT_EQ(bell->getChildren()[0].appearance, "blue");
+  EXPECT_EQ(bell->getChildren()[1].objectParam[1], 0.2);
+  EXPECT_EQ(bell->getChildren()[2].material, "steel");
+  EXPECT_EQ(bell->getChildren()[2].position[2], 0.2);
+  EXPECT_EQ(bell->getChildren()[4].objectType, CYLINDER);
+  EXPECT_EQ(bell->getBodyComOffset()[2], 0.1);
+  EXPECT_EQ(bell->getMass(), 1.5);
+
+  // A class inside a class: the dumbbell turned a quarter about x and moved
+  // to x = 0.5; its sphere at z = 0.2 lands at y = -0.2.
+  auto* dd = find<Compound>(world, "dd");
+  ASSERT_EQ(dd->getChildren().size(), 4u);
+  EXPECT_NEAR(dd->getChildren()[0].position[0], 0.5, 1e-15);
+  EXPECT_NEAR(dd->getChildren()[0].position[1], -0.2, 1e-15);
+  EXPECT_NEAR(dd->getChildren()[0].position[2], 0.0, 1e-15);
+  EXPECT_EQ(dd->getChildren()[3].objectType, SPHERE);  // the pebble class
+  EXPECT_EQ(dd->getChildren()[3].objectParam[0], 0.05);
+  EXPECT_EQ(dd->getChildren()[3].material, "stone");
+  EXPECT_EQ(dd->getChildren()[3].position[0], -0.5);
+
+  // The class used three times made three objects.
+  for (int k : {1, 3, 5}) {
+    auto* pebble = find<Sphere>(world, "pebble" + std::to_string(k));
+    EXPECT_EQ(pebble->getRadius(), 0.05);
+    EXPECT_EQ(pebble->getPosition()[0], 0.5 * k);
+    EXPECT_EQ(geomData(pebble->getCollisionObject()).material, "stone");
+  }
+
+  // Height maps from all four sources.
+  auto* terrain = find<HeightMap>(world, "terrain");
+  EXPECT_EQ(terrain->getXSamples(), 9u);
+  TerrainProperties p(0.3, 4, 4, 0.5, 9, 9, 3, 2, 0.5, -1, -2, 7);
+  HeightMap reference(0.0, 10.0, p);
+  EXPECT_EQ(terrain->getHeightMap(), reference.getHeightMap());
+  reference.destroyCollisionBodies(nullptr);
+  auto* grid = find<HeightMap>(world, "grid");
+  EXPECT_EQ(grid->getHeight(10.0, 0.0), 1.0);
+  auto* textMap = find<HeightMap>(world, "textmap");
+  EXPECT_EQ(textMap->getHeightMap(), (std::vector<double>{0, 0.1, 0.2, 0.3, 0.4, 0.5}));
+  auto* pngMap = find<HeightMap>(world, "pngmap");
+  EXPECT_EQ(pngMap->getXSamples(), 4u);
+  EXPECT_DOUBLE_EQ(pngMap->getHeightMap()[0], 150 * 0.01 - 1);  // rows mirrored in x
+
+  auto* pendulum = find<ArticulatedSystem>(world, "pendulum");
+  EXPECT_EQ(pendulum->getGeneralizedCoordinate()[0], 0.2);
+  EXPECT_EQ(pendulum->getGeneralizedVelocity()[0], 0.1);
+  EXPECT_EQ(pendulum->getResourceDir(), kWorldDir.substr(0, kWorldDir.size() - 1));
+
+  ASSERT_EQ(world.getWires().size(), 3u);
+  auto* tether = world.getWire("tether");
+  EXPECT_EQ(tether->getWireType(), LengthConstraint::STIFF);
+  EXPECT_EQ(tether->getStretchType(), LengthConstraint::BOTH);
+  EXPECT_EQ(tether->getBody2(), crate);
+  auto* spring = dynamic_cast<CompliantLengthConstraint*>(world.getWire("spring"));
+  ASSERT_NE(spring, nullptr);
+  EXPECT_EQ(spring->getStiffness(), 50.0);
+  EXPECT_EQ(spring->getStretchType(), LengthConstraint::COMPRESSION_ONLY);
+  auto* rope = world.getWire("rope");
+  EXPECT_EQ(rope->getWireType(), LengthConstraint::CUSTOM);
+  EXPECT_EQ(rope->getStretchType(), LengthConstraint::STRETCH_ONLY);  // the add-functions' default
+  // The frame "tip_mount" sits 0.35 below the bob's joint: the mount point is
+  // given in the frame and kept in the body's.
+  EXPECT_EQ(rope->getLocalIdx1(), 1u);
+  EXPECT_NEAR(rope->getOb1MountPos()[2], -0.3, 1e-15);
+
+  // It steps: the ball falls, is held by the stiff tether (both ways) and the
+  // kinematic can moves at its set velocity.
+  for (int i = 0; i < 200; ++i) world.integrate();
+  EXPECT_LT(ball->getPosition()[2], 1.1);
+  EXPECT_NEAR(can->getPosition()[2], 0.5 + 200 * 0.002 * 0.1, 1e-12);
+  EXPECT_EQ(world.getWorldStep(), 200);
+}
+
+TEST(WorldFile, ParametersFromTheCallerAndMjcfComesFirst) {
+  const std::string path = writeTemp("params.xml", R"(<vorsim>
+  <params><r value="0.1"/></params>
+  <objects><sphere name="s" radius="@@r" mass="1" collision_group="-1" collision_mask="4"/></objects>
+</vorsim>)");
+  {
+    World world(path, {});
+    EXPECT_EQ(dynamic_cast<Sphere*>(world.getObject("s"))->getRadius(), 0.1);
+    // -1 is every bit.
+    EXPECT_EQ(dynamic_cast<Sphere*>(world.getObject("s"))->getCollisionGroup(), 0xFFFFFFFFu);
+    EXPECT_EQ(dynamic_cast<Sphere*>(world.getObject("s"))->getCollisionMask(), 4u);
+  }
+  {
+    World world(path, {{"r", "0.25"}});
+    EXPECT_EQ(dynamic_cast<Sphere*>(world.getObject("s"))->getRadius(), 0.25);
+  }
+  // A file holding both tags is MJCF; one holding neither leaves the world empty.
+  const std::string both = writeTemp("both.xml", R"(<mujoco><!-- <vorsim> --><worldbody>
+<geom type="sphere" size="0.5"/></worldbody></mujoco>)");
+  World mjcf(both);
+  ASSERT_EQ(mjcf.getObjList().size(), 1u);
+  EXPECT_EQ(mjcf.getObjList()[0]->getObjectType(), SPHERE);
+  World empty(writeTemp("neither.xml", "<robot/>"));
+  EXPECT_TRUE(empty.getObjList().empty());
+}
+
+TEST(WorldFile, UrdfTemplateExpandsParameters) {
+  World world;
+  std::unordered_map<std::string, std::string> params{{"rod", "0.4"}};
+  ArticulatedSystem* s = world.addArticulatedSystem(kWorldDir + "pendulum_template.urdf", params);
+  ASSERT_NE(s, nullptr);
+  EXPECT_EQ(s->massOf[1], 0.5);    // the file's default
+  EXPECT_EQ(s->comB[1][2], -0.4);  // the caller's rod
+  EXPECT_NEAR(s->inertiaB[1](0, 0), 0.5 * 0.4 * 0.4 / 10, 1e-17);
+  EXPECT_EQ(s->getResourceDir(), kWorldDir.substr(0, kWorldDir.size() - 1));
+  EXPECT_EQ(s->getUrdfString().find("@@"), std::string::npos);
+  EXPECT_NE(fatalOf([&] {
+              world.addArticulatedSystem(kWorldDir + "missing.urdf", params);
+            }).find(kWorldDir + "missing.urdf does not exist"),
+            std::string::npos);
+}
+
+// ------------------------------------------------------------- bad input --
+
+TEST(WorldFile, BadInputEndsInLocatedMessages) {
+  struct Case {
+    const char* objects;  // the text inside <objects>
+    const char* message;
+  };
+  const Case cases[] = {
+      {"<sphere radius=\"1\"/>", "the node 'sphere' does not contain an attribute called 'mass'"},
+      {"<sphere mass=\"1\" radius=\"one\"/>", "the attribute 'radius' holds text that is not a number: 'one'"},
+      {"<box mass=\"1\" dim=\"1 2\"/>", "the attribute 'dim' should have 3 numbers, not 2"},
+      {"<cone mass=\"1\" radius=\"1\" height=\"1\"/>", "the node 'cone': Cone shape is not supported"},
+      {"<teapot/>", "the node 'teapot': Unrecognized object type"},
+      {"<sphere mass=\"1\" radius=\"1\" body_type=\"floating\"/>",
+       "Unrecognized body type. Should be \"dynamic\", \"kinematic\" or \"static\". "},
+      {"<sphere mass=\"1\" radius=\"1\" collision_group=\"collision[70]\"/>",
+       "the collision bits 'collision[70]' need indices from 0 to 63, or -1 for all"},
+      {"<sphere mass=\"1\" radius=\"1\" collision_mask=\"1.5\"/>",
+       "the collision bits '1.5' are neither a number nor of the form collision[i,j]"},
+      {"<sphere mass=\"1\" radius=\"1\" collision_mask=\"-2\"/>",
+       "the collision bits '-2' are neither a number nor of the form collision[i,j]"},
+      {"<sphere mass=\"1\" radius=\"1 2\"/>", "the attribute 'radius' should be one number"},
+      {"<compound mass=\"1\" inertia=\"1 1 1\"><children><c type=\"torus\"/><c type=\"box\" dim=\"1 1 1\"/></children>"
+       "</compound>",
+       "the node 'c': unrecognized compound child: torus"},
+      {"<compound mass=\"1\" inertia=\"1 1 1\"><children><c type=\"box\" radius=\"1\"/></children></compound>",
+       "the node 'c': box requires a dimension attribute"},
+      {"<compound mass=\"1\" inertia=\"1 1 1\"><children><c type=\"cone\"/></children></compound>",
+       "Cone collision body is no longer supported"},
+      {"<heightmap center_x=\"0\"/>",
+       "Height map in vorsim/objects/heightmap/ does not have a proper initialization properties. Need one of: "
+       "height, terrain_properties, text, and png"},
+      {"<heightmap><terrain_properties z_scale=\"1\" fractal_octaves=\"0\"/></heightmap>",
+       "the node 'terrain_properties': missing or zero attribute: fractal_octaves"},
+      {"<heightmap png=\"" VORSIM_TEST_DATA_DIR "/world/heights.png\" x_size=\"1\" y_size=\"1\" z_scale=\"1\"/>",
+       "missing or zero attribute: z_offset"},
+      {"<heightmap text=\"nowhere.txt\"/>", "the node 'heightmap': Could not find the height map file: nowhere.txt"},
+      {"<heightmap x_sample=\"2\" y_sample=\"2\" x_size=\"1\" y_size=\"1\" height=\"1 2 3\"/>",
+       "the height map has 3 heights; x_sample * y_sample is 4"},
+      {"<mesh file_name=\"nowhere.obj\" mass=\"1\"/>", "Could not find the mesh file: nowhere.obj"},
+      {"<articulated_system/>", "urdf_path must be defined for \"articulated_system\""},
+      {"<articulated_system urdf_path=\"nowhere.urdf\"/>", "Could not find URDF file: nowhere.urdf"},
+      {"<articulated_system urdf_path=\"" VORSIM_TEST_DATA_DIR "/world/pendulum.urdf\"><state qpos=\"1 2\"/>"
+       "</articulated_system>",
+       "the node 'state': qpos has 2 numbers, the system 1 generalized coordinates"},
+      {"<articulated_system urdf_path=\"" VORSIM_TEST_DATA_DIR "/world/pendulum.urdf\" body_type=\"static\"/>",
+       "body_type is only for single bodies"},
+  };
+  for (const Case& c : cases) {
+    const std::string text = std::string("<vorsim>\n<objects>\n") + c.objects + "\n</objects>\n</vorsim>";
+    const std::string out = fatalOfWorld(text);
+    EXPECT_NE(out.find(c.message), std::string::npos) << c.objects << "\n" << out;
+    EXPECT_NE(out.find("in '" + tempPath("bad.xml") + "' at row:3 col:"), std::string::npos) << c.objects << "\n"
+                                                                                             << out;
+  }
+}
+
+TEST(WorldFile, BadClassesWiresAndFilesEndInMessages) {
+  const std::string head =
+      "<vorsim>\n<objects><sphere name=\"a\" mass=\"1\" radius=\"0.1\"/>"
+      "<box name=\"b\" mass=\"1\" dim=\"1 1 1\"/></objects>\n";
+  struct Case {
+    std::string text;
+    std::string message;
+  };
+  const Case cases[] = {
+      {head + "<wire type=\"elastic\" length=\"1\"><object name=\"a\"/><object name=\"b\"/></wire></vorsim>",
+       "the node 'wire': Unknown wire type: \"elastic\". Available types are: compliant, stiff, custom"},
+      {head + "<wire type=\"stiff\" length=\"1\"><object name=\"a\"/><object name=\"c\"/></wire></vorsim>",
+       "the node 'object': could not find object \"c\""},
+      {head + "<wire type=\"stiff\" length=\"1\"><object name=\"a\" frame=\"f\"/><object name=\"b\"/></wire></vorsim>",
+       "The keyword 'frame' only for an articulated system."},
+      {head + "<wire type=\"stiff\" length=\"1\"><object name=\"a\" local_index=\"1\"/><object name=\"b\"/></wire>"
+              "</vorsim>",
+       "local_index 1 is out of range: the object \"a\" has 1 body"},
+      {head + "<wire type=\"stiff\" length=\"1\"><object name=\"a\"/></wire></vorsim>",
+       "a wire needs two \"object\" elements, not 1"},
+      {head + "<wire type=\"compliant\" length=\"1\"><object name=\"a\"/><object name=\"b\"/></wire></vorsim>",
+       "the node 'wire' does not contain an attribute called 'stiffness'"},
+      {head + "<wire type=\"stiff\" length=\"1\" stretch_type=\"sometimes\"><object name=\"a\"/><object name=\"b\"/>"
+              "</wire></vorsim>",
+       "Unknown stretch type: \"sometimes\""},
+      {"<vorsim>\n<object_class name=\"x\" type=\"sphere\"/>\n<object_class name=\"x\" type=\"box\"/></vorsim>",
+       "contains duplicate object class name: x"},
+      {"<vorsim>\n<object_class name=\"x\" type=\"blob\"/></vorsim>",
+       "unrecognized object type in vorsim/object_class/"},
+      {"<vorsim>\n<object_class name=\"x\" type=\"heightmap\"/>\n<objects><x/></objects></vorsim>",
+       "ERROR while reading instance: not supported object type"},
+      {"<vorsim>\n<object_class name=\"x\" type=\"compound\" mass=\"1\" inertia=\"1 1 1\"><children><c "
+       "type=\"y\"/><c type=\"y\"/></children></object_class>\n<objects><x/></objects></vorsim>",
+       "Could not find the object class y"},
+      {"<vorsim>\n<include value=\"nowhere.xml\"/></vorsim>",
+       "Could not open the vorsim configuration file: nowhere.xml"},
+      {"<vorsim>\n<timeStep value=\"fast\"/></vorsim>", "the attribute 'value' is not a number: 'fast'"},
+      {"<vorsim>\n<gravity value=\"0 -9.8\"/></vorsim>", "the attribute 'value' should have 3 numbers, not 2"},
+      {"<vorsim>\n<material><default friction=\"1\"/></material></vorsim>",
+       "does not contain an attribute called 'restitution'"},
+      {"<vorsim>\n<objects><sphere radius=\"@@r\" mass=\"1\"/></objects></vorsim>", "Unresolved param r in "},
+      {"<vorsim>\n<objects><sphere radius=\"{1+}\" mass=\"1\"/></objects></vorsim>",
+       "invalid math expression. Operator and operand number mistmatch."},
+  };
+  for (const Case& c : cases) {
+    const std::string out = fatalOfWorld(c.text);
+    EXPECT_NE(out.find(c.message), std::string::npos) << c.text << "\n" << out;
+  }
+  EXPECT_NE(fatalOf([] {
+              World w(kWorldDir + "nowhere.xml");
+            }).find("Could not open the vorsim configuration file: " + kWorldDir + "nowhere.xml"),
+            std::string::npos);
+
+  // A file that includes itself.
+  const std::string self = testing::TempDir() + "vorsim_world_self.xml";
+  std::ofstream(self) << "<vorsim><include value=\"vorsim_world_self.xml\"/></vorsim>";
+  EXPECT_NE(fatalOf([&] { World w(self); }).find("includes itself"), std::string::npos);
+}
+
+TEST(WorldFile, UnderAReturningCallbackBadPartsAreLeftOut) {
+  // A client whose fatal callback returns gets the rest of the world; the
+  // faulty wires are not made.
+  const std::string path = writeTemp("returning.xml", R"(<vorsim><objects>
+  <sphere name="a" mass="1" radius="0.1"/><box name="b" mass="1" dim="1 1 1"/></objects>
+  <wire type="stiff" length="1"><object name="a" frame="f"/><object name="b"/></wire>
+  <wire type="stiff" length="1"><object name="a" local_index="3"/><object name="b"/></wire>
+  <wire type="stiff" length="1"><object name="nobody"/><object name="b"/></wire>
+  <wire type="stiff" length="1" name="good"><object name="a"/><object name="b"/></wire>
+</vorsim>)");
+  VorSimMsg::setFatalCallback([] {});
+  std::unique_ptr<World> world;
+  std::string out;
+  {
+    StdoutCapture capture;
+    world = std::make_unique<World>(path);
+    out = capture.text();
+  }
+  VorSimMsg::resetFatalCallback();
+  EXPECT_NE(out.find("The keyword 'frame' only for an articulated system."), std::string::npos);
+  EXPECT_EQ(world->getObjList().size(), 2u);
+  ASSERT_EQ(world->getWires().size(), 1u);
+  EXPECT_EQ(world->getWires()[0]->getName(), "good");
+}
+
+TEST(WorldFile, AFailedReadReleasesWhatWasBuilt) {
+  // The second object fails after the first (and a robot) were built: the
+  // throwing callback unwinds out of the constructor and nothing leaks (the
+  // sanitizer build checks the leaks).
+  const std::string out = fatalOfWorld(std::string("<vorsim><objects>\n<sphere mass=\"1\" radius=\"1\"/>\n") +
+                                       "<articulated_system urdf_path=\"" + kWorldDir + "pendulum.urdf\"/>\n" +
+                                       "<box mass=\"1\"/></objects></vorsim>");
+  EXPECT_NE(out.find("the node 'box' does not contain an attribute called 'dim'"), std::string::npos) << out;
+  // And a world made afterwards works.
+  World world;
+  world.addSphere(0.1, 1.0);
+  world.integrate();
+  EXPECT_EQ(world.getWorldStep(), 1);
+}
