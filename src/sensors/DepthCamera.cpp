@@ -53,6 +53,7 @@ void DepthCamera::update(World& world) {
   const size_t pixels = depthArray.size();
   const size_t height = size_t(std::max(prop_.height, 0));
   const size_t width = size_t(std::max(prop_.width, 0));
+  const World::RayBatch batch(world);  // the scene holds still for the whole image
 
   for (size_t r = 0; r < height; ++r) {
     for (size_t c = 0; c < width; ++c) {

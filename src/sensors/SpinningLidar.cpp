@@ -64,6 +64,7 @@ void SpinningLidar::update(World& world) {
   const size_t objectIndex = owner->getIndexInWorld();
   const size_t excludedBody = owner->getFrames()[frameIdx].spareBodyId;
   const double reach = prop_.rangeMax - prop_.rangeMin;
+  const World::RayBatch batch(world);  // the scene holds still for the whole sweep
   for (double k = first; direction != 0 && (direction > 0 ? k <= last : k >= last); k += direction) {
     const double yaw = k * yawStep;
     const double cosYaw = std::cos(yaw), sinYaw = std::sin(yaw);

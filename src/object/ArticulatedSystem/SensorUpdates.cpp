@@ -44,6 +44,9 @@ const char* kindName(Sensor::Type type) {
 
 void ArticulatedSystem::updateSensorsIfNecessary(World& world) {
   const double t = world.getWorldTime();
+  // Sensors due in the same step share one snapshot of the scene for their
+  // rays; it is taken only when a ray is cast.
+  const World::RayBatch batch(world);
   for (auto& entry : sensorMap) {
     Sensor& sensor = *entry.second;
     if (sensor.getMeasurementSource() != Sensor::SIMULATOR) continue;
