@@ -441,9 +441,12 @@ bool describeGeom(dGeomID g, Shape& shape) {
   shape.heightfield.reset();
   dReal box[6];
   dGeomGetAABB(g, box);
+  // The tree's boxes are widened a little: a ray that runs exactly along a
+  // box's face (a level ray at a height map's highest point) has a zero
+  // direction component there, and the slab test would lose it.
   for (int k = 0; k < 3; ++k) {
-    shape.bounds[k] = box[2 * k];
-    shape.bounds[3 + k] = box[2 * k + 1];
+    shape.bounds[k] = box[2 * k] - 1e-9 * (1.0 + std::abs(box[2 * k]));
+    shape.bounds[3 + k] = box[2 * k + 1] + 1e-9 * (1.0 + std::abs(box[2 * k + 1]));
   }
   const int cls = dGeomGetClass(g);
   if (cls == dPlaneClass) {

@@ -312,3 +312,82 @@ TEST(RayCast, DegenerateDirectionsHitNothing) {
     EXPECT_NEAR(hit[0].position[2], 0.0, 1e-15);
   }
 }
+
+TEST(RayCast, BatchFindsSmallBodiesScatteredInSpace) {
+  // No ground and no terrain that every ray would hit anyway: 300 small
+  // bodies scattered through a 40 m cube, and rays aimed at chosen bodies
+  // from far away, some passing just beside them. Only a tree walk that
+  // visits every box the ray crosses finds what the single queries find.
+  World world;
+  std::mt19937 rng(8);
+  std::uniform_real_distribution<double> u(-20.0, 20.0), size(0.05, 0.3);
+  std::vector<SingleBodyObject*> bodies;
+  for (int i = 0; i < 300; ++i) {
+    SingleBodyObject* b = nullptr;
+    switch (i % 4) {
+      case 0:
+        b = world.addSphere(size(rng), 1.0);
+        break;
+      case 1:
+        b = world.addBox(size(rng), size(rng), size(rng), 1.0);
+        break;
+      case 2:
+        b = world.addCapsule(size(rng), size(rng), 1.0);
+        break;
+      default:
+        b = world.addCylinder(size(rng), size(rng), 1.0);
+        break;
+    }
+    b->setPosition(u(rng), u(rng), u(rng));
+    b->setOrientation(Eigen::Matrix3d(Eigen::AngleAxisd(u(rng), randomUnit(rng))));
+    bodies.push_back(b);
+  }
+  std::uniform_real_distribution<double> jitter(-0.15, 0.15);
+  std::vector<std::pair<Eigen::Vector3d, Eigen::Vector3d>> rays;
+  for (int i = 0; i < 4000; ++i) {
+    const SingleBodyObject* target = bodies[size_t(i) % bodies.size()];
+    const Eigen::Vector3d aim =
+        Eigen::Vector3d(target->getPosition().e()) + Eigen::Vector3d(jitter(rng), jitter(rng), jitter(rng));
+    const Eigen::Vector3d start = 35.0 * randomUnit(rng);
+    rays.emplace_back(start, (aim - start).normalized());
+  }
+  std::vector<std::pair<Object*, Eigen::Vector3d>> single;
+  int hits = 0;
+  for (const auto& r : rays) {
+    const auto& list = world.rayTest(r.first, r.second, 80.0, true);
+    single.emplace_back(list.size ? list[0].object : nullptr,
+                        list.size ? Eigen::Vector3d(list[0].position.e()) : Eigen::Vector3d::Zero());
+    hits += int(list.size);
+  }
+  EXPECT_GT(hits, 2000);
+  EXPECT_LT(hits, 4000);
+  World::RayBatch batch(world);
+  for (size_t i = 0; i < rays.size(); ++i) {
+    const auto& list = world.rayTest(rays[i].first, rays[i].second, 80.0, true);
+    ASSERT_EQ(list.size ? list[0].object : nullptr, single[i].first) << "ray " << i;
+    if (list.size) {
+      EXPECT_EQ(Eigen::Vector3d(list[0].position.e()), single[i].second) << "ray " << i;
+    }
+  }
+}
+
+TEST(RayCast, AGrazingRayTouchesTheHighestVertex) {
+  // A flat 4 m x 4 m grid with one peak of 1 m at its centre. A level ray at
+  // exactly the peak's height along a grid line touches the surface only at
+  // the peak; the walk must not skip the blocks and cells whose highest point
+  // the ray only touches.
+  World world;
+  std::vector<double> heights(25, 0.0);
+  heights[12] = 1.0;
+  world.addHeightMap(5, 5, 4.0, 4.0, 0.0, 0.0, heights);
+  for (const Eigen::Vector3d& dir : {Eigen::Vector3d(1, 0, 0), Eigen::Vector3d(0, -1, 0)}) {
+    for (bool batched : {false, true}) {
+      std::unique_ptr<World::RayBatch> scope(batched ? new World::RayBatch(world) : nullptr);
+      const auto& hit = world.rayTest(Eigen::Vector3d(0, 0, 1.0) - 3.0 * dir, dir, 10.0, true);
+      ASSERT_EQ(hit.size, 1u) << dir.transpose() << (batched ? " batched" : "");
+      EXPECT_LT((Eigen::Vector3d(hit[0].position.e()) - Eigen::Vector3d(0, 0, 1)).norm(), 1e-9);
+    }
+  }
+  // Just above the peak the same rays pass.
+  EXPECT_EQ(world.rayTest({-3, 0, 1.0 + 1e-6}, {1, 0, 0}, 10.0, true).size, 0u);
+}
