@@ -23,7 +23,7 @@ namespace {
 // position, or depth -1 when it reports nothing.
 struct Reference {
   double depth = -1.0;
-  Eigen::Vector3d pos;
+  Eigen::Vector3d pos, normal;
 };
 
 Reference referenceHit(dGeomID ray, dGeomID geom) {
@@ -34,6 +34,7 @@ Reference referenceHit(dGeomID ray, dGeomID geom) {
     if (r.depth < 0.0 || points[k].depth < r.depth) {
       r.depth = points[k].depth;
       r.pos = Eigen::Vector3d(points[k].pos[0], points[k].pos[1], points[k].pos[2]);
+      r.normal = Eigen::Vector3d(points[k].normal[0], points[k].normal[1], points[k].normal[2]);
     }
   return r;
 }
@@ -106,6 +107,8 @@ void compareWithReference(dGeomID geom, const Eigen::Vector3d& center, double sp
     const Eigen::Vector3d normal(fromScene.normal[0], fromScene.normal[1], fromScene.normal[2]);
     EXPECT_NEAR(normal.norm(), 1.0, 1e-12);
     EXPECT_LE(normal.dot(dir), 1e-12);
+    // The surface's normal there, whichever way the library turns it.
+    EXPECT_NEAR(std::abs(normal.dot(ref.normal)), 1.0, 1e-9) << what << " ray " << i;
     inside += fromScene.depth > 0.0 && (start - center).norm() < 0.3 * spread;
   }
   // The random rays are meant to hit often, from outside and from inside.
@@ -390,4 +393,16 @@ TEST(RayCast, AGrazingRayTouchesTheHighestVertex) {
   }
   // Just above the peak the same rays pass.
   EXPECT_EQ(world.rayTest({-3, 0, 1.0 + 1e-6}, {1, 0, 0}, 10.0, true).size, 0u);
+
+  // The same from below: a level ray at the bottom of a pit, under the rest
+  // of the surface, touches the surface only at the pit's lowest vertex.
+  World pitWorld;
+  heights[12] = -1.0;
+  pitWorld.addHeightMap(5, 5, 4.0, 4.0, 0.0, 0.0, heights);
+  for (bool batched : {false, true}) {
+    std::unique_ptr<World::RayBatch> scope(batched ? new World::RayBatch(pitWorld) : nullptr);
+    const auto& hit = pitWorld.rayTest({-3, 0, -1.0}, {1, 0, 0}, 10.0, true);
+    ASSERT_EQ(hit.size, 1u) << (batched ? "batched" : "");
+    EXPECT_LT((Eigen::Vector3d(hit[0].position.e()) - Eigen::Vector3d(0, 0, -1)).norm(), 1e-9);
+  }
 }
