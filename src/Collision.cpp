@@ -6,6 +6,7 @@
 #include <mutex>
 #include <unordered_map>
 
+#include "rayCast.hpp"
 #include "vorsim/VorSimMsg.hpp"
 
 namespace vorsim {
@@ -87,45 +88,6 @@ void SweepAndPrune::collide(dSpaceID space, void* data, dNearCallback* callback)
   }
 }
 
-namespace {
-struct RayQuery {
-  dGeomID ray;
-  const GeomData* owner;
-  int maxHits;
-  int count;
-  char* out;
-  int stride;
-};
-
-void rayCallback(void* data, dGeomID o1, dGeomID o2) {
-  auto& q = *static_cast<RayQuery*>(data);
-  if (q.count >= q.maxHits) return;
-  dGeomID other = (o1 == q.ray) ? o2 : o1;
-  if (dGeomIsSpace(other)) return;
-  // The ray's mask must select the geom's group; the broad phase also lets pairs
-  // through on the reverse test, which a ray does not want.
-  if ((dGeomGetCollideBits(q.ray) & dGeomGetCategoryBits(other) & 0xFFFFFFFFul) == 0) return;
-  const auto* rec = static_cast<const GeomData*>(dGeomGetData(other));
-  if (rec && q.owner && rec->objectIndex == q.owner->objectIndex && rec->localIndex == q.owner->localIndex) return;
-  auto* first = reinterpret_cast<dContactGeom*>(q.out + size_t(q.count) * size_t(q.stride));
-  const int n = dCollide(q.ray, other, q.maxHits - q.count, first, q.stride);
-  for (int i = 0; i < n; ++i) {
-    auto* c = reinterpret_cast<dContactGeom*>(q.out + size_t(q.count + i) * size_t(q.stride));
-    c->g1 = other;
-    c->g2 = q.ray;
-  }
-  q.count += n;
-}
-}  // namespace
-
-int dRayTest(dSpaceID space, dGeomID ray, int maxHits, dContactGeom* contacts, int stride) {
-  RayQuery q{ray,   static_cast<const GeomData*>(dGeomGetData(ray)), maxHits, 0, reinterpret_cast<char*>(contacts),
-             stride};
-  if (maxHits <= 0) return 0;
-  dSpaceCollide2(ray, reinterpret_cast<dGeomID>(space), &q, rayCallback);
-  return q.count;
-}
-
 // ------------------------------------------------------------- heightfields --
 
 namespace {
@@ -165,8 +127,12 @@ inline CellHeights cellHeights(const HeightfieldGrid& g, const GridLocation& at)
 }
 
 struct HeightfieldRegistry {
+  struct Entry {
+    HeightfieldGrid grid;
+    std::shared_ptr<const HeightfieldRayIndex> rayIndex;
+  };
   std::mutex mutex;
-  std::unordered_map<const dxHeightfieldData*, HeightfieldGrid> grids;
+  std::unordered_map<const dxHeightfieldData*, Entry> grids;
 };
 
 HeightfieldRegistry& registry() {
@@ -179,7 +145,7 @@ bool findGrid(dxHeightfieldData* data, HeightfieldGrid& grid) {
   std::lock_guard<std::mutex> lock(r.mutex);
   auto it = r.grids.find(data);
   if (it == r.grids.end()) return false;
-  grid = it->second;
+  grid = it->second.grid;
   return true;
 }
 
@@ -217,9 +183,17 @@ void heightfieldNormal(const HeightfieldGrid& grid, double x, double z, Mat<3, 1
 }
 
 void registerHeightfieldGrid(dxHeightfieldData* data, const HeightfieldGrid& grid) {
+  std::shared_ptr<const HeightfieldRayIndex> index = makeHeightfieldRayIndex(grid);
   HeightfieldRegistry& r = registry();
   std::lock_guard<std::mutex> lock(r.mutex);
-  r.grids[data] = grid;
+  r.grids[data] = {grid, std::move(index)};
+}
+
+std::shared_ptr<const HeightfieldRayIndex> findHeightfieldRayIndex(dxHeightfieldData* data) {
+  HeightfieldRegistry& r = registry();
+  std::lock_guard<std::mutex> lock(r.mutex);
+  auto it = r.grids.find(data);
+  return it == r.grids.end() ? nullptr : it->second.rayIndex;
 }
 
 void unregisterHeightfieldGrid(dxHeightfieldData* data) {

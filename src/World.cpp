@@ -1,5 +1,6 @@
 #include "vorsim/World.hpp"
 
+#include <cmath>
 #include <limits>
 
 #include "vorsim/Collision.hpp"
@@ -567,19 +568,56 @@ void World::removeObject(LengthConstraint* wire) {
 
 const RayCollisionList& World::rayTest(const Eigen::Vector3d& start, const Eigen::Vector3d& direction, double length,
                                        bool closestOnly, size_t objectIndex, size_t localIndex, size_t collisionMask) {
+  // The collision library normalises the direction and stops the process on
+  // one it cannot normalise (zero, or not finite, as a lidar with one pitch
+  // sample makes): such a ray hits nothing.
+  const double directionNorm = direction.squaredNorm();
+  if (!(directionNorm > 0.0 && directionNorm < std::numeric_limits<double>::infinity())) {
+    rayContactList_.size = 0;
+    return rayContactList_;
+  }
+  auto& items = rayContactList_.items;
+  // Both routes below cast the same unit direction, so that they agree to the
+  // last bit.
+  RayQuery query;
+  const double inverseNorm = 1.0 / std::sqrt(directionNorm);
+  for (int k = 0; k < 3; ++k) {
+    query.start[k] = start(k);
+    query.dir[k] = direction(k) * inverseNorm;
+  }
+  query.length = length;
+  query.collideBits = uint32_t(collisionMask & 0xFFFFFFFFu);
+  query.objectIndex = objectIndex;
+  query.localIndex = localIndex;
+  query.rayGeom = rayGeom_;
+  if (closestOnly && rayBatchDepth_ > 0) {
+    if (!raySceneFresh_) {
+      rayScene_.build(collisionSpace_);
+      raySceneFresh_ = true;
+    }
+    RayCollisionItem& item = items[0];
+    if (!rayScene_.closest(query, item.rayContact)) {
+      rayContactList_.size = 0;
+      return rayContactList_;
+    }
+    item.object = objects_[geomData(item.rayContact.g1).objectIndex];
+    item.position = {item.rayContact.pos[0], item.rayContact.pos[1], item.rayContact.pos[2]};
+    rayContactList_.size = 1;
+    return rayContactList_;
+  }
+
   setCollisionBits(rayGeom_, 0xFFFFFFFFu, collisionMask);
   GeomData& rayData = geomData(rayGeom_);
   rayData.objectIndex = objectIndex;
   rayData.localIndex = localIndex;
   dGeomRaySetLength(rayGeom_, length);
-  dGeomRaySet(rayGeom_, start(0), start(1), start(2), direction(0), direction(1), direction(2));
+  dGeomRaySet(rayGeom_, start(0), start(1), start(2), query.dir[0], query.dir[1], query.dir[2]);
   // The ray is outside the space, so nothing else refreshes its bounding box.
   dReal aabb[6];
   dGeomGetAABB(rayGeom_, aabb);
 
-  auto& items = rayContactList_.items;
   const int n =
-      dRayTest(collisionSpace_, rayGeom_, int(items.size()), &items[0].rayContact, int(sizeof(RayCollisionItem)));
+      rayTestSpace(collisionSpace_, query, int(items.size()), &items[0].rayContact, int(sizeof(RayCollisionItem)));
   rayContactList_.size = size_t(n);
 
   if (n == 0 || !closestOnly) {

@@ -463,6 +463,10 @@ void LoadFromURDF2::readSensor(const VorSimTinyXmlWrapper& element, UrdfLink& li
   const std::string type = element.getAttributeMust<std::string>("type");
   const std::string name = element.getAttributeMust<std::string>("name");
   const double rate = readNumber(element, "update_rate");
+  if (rate < 0.0) {
+    element.errorMessage("the update_rate of sensor \"" + name + "\" must not be negative");
+    return;
+  }
   Mat<3, 1> pos{0.0, 0.0, 0.0};
   Mat<3, 3> rot = Mat<3, 3>::getIdentity();
   auto origins = element.getChildren("origin");
@@ -484,6 +488,14 @@ void LoadFromURDF2::readSensor(const VorSimTinyXmlWrapper& element, UrdfLink& li
     if (image.isDummy() || clip.isDummy() || noise.isDummy()) return false;
     prop.width = readInt(image, "width");
     prop.height = readInt(image, "height");
+    if (prop.width < 0 || prop.height < 0) {
+      image.errorMessage("the image of sensor \"" + name + "\" must not have a negative size");
+      return false;
+    }
+    if (!(prop.hFOV > 0.0 && prop.hFOV < M_PI)) {
+      camera.errorMessage("the horizontal_fov of sensor \"" + name + "\" must lie between 0 and pi radians");
+      return false;
+    }
     prop.clipNear = readNumber(clip, "near");
     prop.clipFar = readNumber(clip, "far");
     prop.noiseType = stringToNoiseType(noise.getAttributeMust<std::string>("type"));
@@ -521,6 +533,10 @@ void LoadFromURDF2::readSensor(const VorSimTinyXmlWrapper& element, UrdfLink& li
     if (yaw.isDummy() || pitch.isDummy() || range.isDummy() || spin.isDummy()) return;
     prop.yawSamples = readInt(yaw, "samples");
     prop.pitchSamples = readInt(pitch, "samples");
+    if (prop.yawSamples < 1 || prop.pitchSamples < 1) {
+      element.errorMessage("the lidar \"" + name + "\" needs at least one yaw and one pitch sample");
+      return;
+    }
     prop.pitchMinAngle = readNumber(pitch, "min_angle");
     prop.pitchMaxAngle = readNumber(pitch, "max_angle");
     prop.rangeMin = readNumber(range, "min");

@@ -70,12 +70,77 @@ class SweepAndPrune {
 };
 
 // Collides a ray geom (not a member of the space) with every geom of the space
-// whose category bits share a bit with the ray's collide bits, writing up to maxHits points with the
-// given stride. In each point g1 is the geom hit and g2 the ray; the normal is
-// the hit surface's outward normal and depth the distance along the ray.
-// Geoms whose record has the ray's object index and local index are left out,
-// so a sensor mounted inside its own body does not see that body.
+// whose category bits share a bit with the ray's collide bits, writing up to
+// maxHits points with the given stride. In each point g1 is the geom hit and g2
+// the ray; depth is the distance along the ray and the normal is the surface's,
+// turned to face the ray's start. Geoms whose record has the ray's object index
+// and local index are left out, so a sensor mounted inside its own body does not
+// see that body.
+//
+// Spheres, boxes, capsules, cylinders, planes and registered heightfields are
+// intersected here in closed form; other geoms (triangle meshes) go to the
+// collision library. A convex shape gives one point: where the ray enters it,
+// or, for a ray that starts inside, where it leaves. A plane is hit from either
+// side. A heightfield gives one point per crossing of its surface, from above
+// or below, and nothing off its grid.
 int dRayTest(dSpaceID space, dGeomID ray, int maxHits, dContactGeom* contacts, int stride);
+
+// One ray, as the casting routines take it: start, unit direction, reach, and
+// the filter of dRayTest (the ray's collide bits and its owner).
+struct RayQuery {
+  double start[3];
+  double dir[3];
+  double length;
+  uint32_t collideBits;
+  size_t objectIndex, localIndex;
+  // The collision library's ray geom, for the geoms it intersects itself; set
+  // to this query only when such a geom is met.
+  dGeomID rayGeom = nullptr;
+  mutable bool rayGeomSet = false;
+};
+
+// dRayTest with the ray given as a query (start, unit direction, reach,
+// filter); query.rayGeom must hold the same ray, for the geoms that the
+// collision library intersects itself and for its broad phase.
+int rayTestSpace(dSpaceID space, const RayQuery& query, int maxHits, dContactGeom* contacts, int stride);
+
+struct HeightfieldRayIndex;
+
+// A snapshot of a space for many closest-hit rays: every enabled geom's pose,
+// size and filter fields, read at build time, with a bounding-volume tree over
+// the bounded ones. Queries give the hit that dRayTest would find nearest, but
+// touch only the geoms near the ray; they read the snapshot, so geoms moved
+// after build are seen where they were. The buffers keep their capacity: a
+// rebuild over an unchanged number of geoms allocates nothing.
+class RayScene {
+ public:
+  RayScene();
+  ~RayScene();
+  RayScene(const RayScene&) = delete;
+  RayScene& operator=(const RayScene&) = delete;
+
+  void build(dSpaceID space);
+  // The nearest hit within the query's reach, written as dRayTest writes a
+  // point; false when nothing is hit.
+  bool closest(const RayQuery& query, dContactGeom& hit) const;
+  // Geoms in the snapshot.
+  size_t size() const;
+
+  struct Shape;
+  struct Node;
+  struct WideNode;
+
+ private:
+  void buildBinaryTree();
+  void collapseToWideTree();
+
+  std::vector<Shape> shapes_;
+  std::vector<uint32_t> bounded_;    // shapes in the tree, in leaf order
+  std::vector<double> leafBounds_;   // their boxes, in the same order
+  std::vector<uint32_t> unbounded_;  // shapes tested by every ray (planes)
+  std::vector<Node> nodes_;          // binary tree, built first
+  std::vector<WideNode> wide_;       // the same tree with four children a node
+};
 
 // ---- heightfields ----
 // A regular grid of heights as the collision library's heightfield reads it, in
@@ -105,6 +170,8 @@ void heightfieldNormal(const HeightfieldGrid& grid, double x, double z, Mat<3, 1
 // here under the data that was built from it can be queried through the data.
 // Registration and lookup are guarded, so height maps may be made and queried
 // from several threads.
+// Registering again after the heights changed in place refreshes the ray
+// casting's index of the grid.
 void registerHeightfieldGrid(dxHeightfieldData* data, const HeightfieldGrid& grid);
 void unregisterHeightfieldGrid(dxHeightfieldData* data);
 // heightfieldHeight and heightfieldNormal on the grid registered for `data`.

@@ -233,7 +233,8 @@ class World {
   // ---- rays ----
   // Casts one ray against the space. With closestOnly the nearest hit is in
   // item 0 and size is 1. Geoms of the owner (objectIndex, localIndex) are left
-  // out. The list stays valid until the next call.
+  // out. The list stays valid until the next call. A direction that is zero
+  // or not finite hits nothing; any other is used as a unit vector.
   const RayCollisionList& rayTest(const Eigen::Vector3d& start, const Eigen::Vector3d& direction, double length,
                                   bool closestOnly = true, size_t objectIndex = size_t(-1),
                                   size_t localIndex = size_t(-1), size_t collisionMask = kAllBits);
@@ -250,6 +251,25 @@ class World {
   bool exportToXml(const std::string& directory, const std::string& fileName);
   // The configuration file the world was read from, if any.
   const std::string& getConfigFile() const { return configFile_; }
+
+  // While a RayBatch is alive, closest-hit rayTest calls cast against a
+  // snapshot of the space taken at the first such call, and test only the
+  // geoms near each ray. Results are those of rayTest outside a batch, as long
+  // as nothing moves meanwhile: a geom moved during the batch is seen where it
+  // was. Sensors open one for each update; batches nest and share the
+  // outermost one's snapshot.
+  class RayBatch {
+   public:
+    explicit RayBatch(World& world) : world_(world) {
+      if (world_.rayBatchDepth_++ == 0) world_.raySceneFresh_ = false;
+    }
+    ~RayBatch() { --world_.rayBatchDepth_; }
+    RayBatch(const RayBatch&) = delete;
+    RayBatch& operator=(const RayBatch&) = delete;
+
+   private:
+    World& world_;
+  };
 
   dSpaceID getCollisionSpace() { return collisionSpace_; }
   // Never locked by the library; for a client's threads.
@@ -363,6 +383,9 @@ class World {
   SweepAndPrune broadPhase_;
   contact::WarmStartCache warmStartCache_;
   size_t warmStartedProblems_ = 0;
+  RayScene rayScene_;  // the snapshot of the open RayBatch
+  int rayBatchDepth_ = 0;
+  bool raySceneFresh_ = false;
 };
 
 }  // namespace vorsim

@@ -337,6 +337,7 @@ void HeightMap::applyUpdate(double centerX, double centerY, double xSize, double
   resetBodyFrame();
   setBoundsFromHeights();
   fillFlippedRows();
+  registerHeightfieldGrid(heightFieldData_, grid_);  // the ray index follows the new heights
   // The geom caches its bounding box; setting its pose again, unchanged, makes
   // the collision library recompute it from the new bounds.
   const dReal* p = dGeomGetPosition(collisionObject_);

@@ -1,9 +1,10 @@
-// Sensor kinds as a robot description defines them: construction, mount pose
-// and frame. The measurements of the depth camera and the lidar, and every
-// property record, are the sensors stage's and stay placeholders here.
+// The sensor base (pose, timing, the record head, record sizes), the noise
+// names, and the two kinds without a ray-cast measurement: the RGB camera and
+// the inertial unit. The inertial unit's measurement is taken by its robot
+// (src/object/ArticulatedSystem/SensorUpdates.cpp).
 #include <algorithm>
-#include <cmath>
 
+#include "sensorRecords.hpp"
 #include "vorsim/VorSimMsg.hpp"
 #include "vorsim/object/ArticulatedSystem/ArticulatedSystem.hpp"
 #include "vorsim/sensors/DepthCamera.hpp"
@@ -24,10 +25,48 @@ Sensor::Sensor(std::string name_, Type type_, ArticulatedSystem* owner_, const M
       measurementSource(source),
       name(std::move(name_)) {}
 
+bool Sensor::checkMount() const {
+  if (owner == nullptr) {
+    MSG_FATAL("Sensor \"" << name << "\" is not mounted on an articulated system");
+    return false;
+  }
+  if (frameIdx >= owner->getFrames().size()) {
+    MSG_FATAL("Sensor \"" << name << "\" has no frame on its articulated system");
+    return false;
+  }
+  return true;
+}
+
 void Sensor::updatePose() {
+  if (!checkMount()) return;
   owner->getFrameOrientation(frameIdx, rotW);
   owner->getFramePosition(frameIdx, posW);
 }
+
+bool Sensor::isDue(double t) const {
+  const double next = 1.0 / updateRate + lastUpdateTime;
+  return t + 1e-10 > next;
+}
+
+size_t Sensor::propertyRecordSize() const {
+  switch (type) {
+    case RGB: {
+      const auto& p = static_cast<const RGBCamera*>(this)->getProperties();
+      return record::headSize(p.name) + record::cameraSize(p);
+    }
+    case DEPTH: {
+      const auto& p = static_cast<const DepthCamera*>(this)->getProperties();
+      return record::headSize(p.name) + record::cameraSize(p);
+    }
+    case IMU:
+      return record::headSize(static_cast<const InertialMeasurementUnit*>(this)->getProperties().name) + 2 * 8;
+    case SPINNING_LIDAR:
+      return record::headSize(static_cast<const SpinningLidar*>(this)->getProperties().name) + 2 * 4 + 5 * 8;
+  }
+  return 0;
+}
+
+size_t Sensor::measurementRecordSize() const { return type == IMU ? 6 * 4 : 0; }
 
 NoiseType stringToNoiseType(const std::string& text) {
   if (text == "gaussian" || text == "Gaussian") return GAUSSIAN;
@@ -35,29 +74,7 @@ NoiseType stringToNoiseType(const std::string& text) {
   return NO_NOISE;
 }
 
-DepthCamera::DepthCamera(const DepthCameraProperties& prop, ArticulatedSystem* owner_, const Mat<3, 1>& pos,
-                         const Mat<3, 3>& rot)
-    : Sensor(prop.name, DEPTH, owner_, pos, rot, VISUALIZER), prop_(prop) {
-  updateRayDirections();
-}
-
-void DepthCamera::updateRayDirections() {
-  const size_t pixels = size_t(std::max(prop_.width, 0)) * size_t(std::max(prop_.height, 0));
-  depthArray.resize(pixels, 0.0f);
-  threeDPoints.resize(pixels, Mat<3, 1>{0.0, 0.0, 0.0});
-  rayDirections.reserve(rayDirections.size() + pixels);
-  const double planeW = 2.0 * std::tan(prop_.hFOV * 0.5);
-  const double planeH = prop_.height * planeW / prop_.width;
-  for (int r = 0; r < prop_.height; ++r)
-    for (int c = 0; c < prop_.width; ++c)
-      rayDirections.push_back({1.0, planeW * 0.5 - (prop_.xOffset + c + 0.5) * planeW / prop_.width,
-                               planeH * 0.5 - (prop_.yOffset + r + 0.5) * planeH / prop_.height});
-}
-
-// Placeholder: the property record is written by the sensors stage.
-char* DepthCamera::serializeProp(char* buffer) const { return buffer; }
-// Placeholder: depth measurement by ray casting is the sensors stage's.
-void DepthCamera::update(World& /*world*/) {}
+// -------------------------------------------------------------- RGB camera --
 
 RGBCamera::RGBCamera(const RGBCameraProperties& prop, ArticulatedSystem* owner_, const Mat<3, 1>& pos,
                      const Mat<3, 3>& rot)
@@ -66,22 +83,15 @@ RGBCamera::RGBCamera(const RGBCameraProperties& prop, ArticulatedSystem* owner_,
   if (pixels != 0) rawImage.resize(pixels * 4);
 }
 
-// Placeholder: the property record is written by the sensors stage.
-char* RGBCamera::serializeProp(char* buffer) const { return buffer; }
+char* RGBCamera::serializeProp(char* buffer) const {
+  return record::putCamera(record::putHead(buffer, RGB, prop_.name), prop_);
+}
+
 void RGBCamera::update(World& /*world*/) {
   MSG_FATAL("RGB sensors can only be updated by the visualizer. Use VorsimUnreal.");
 }
 
-SpinningLidar::SpinningLidar(const SpinningLidarProperties& prop, ArticulatedSystem* owner_, const Mat<3, 1>& pos,
-                             const Mat<3, 3>& rot)
-    : Sensor(prop.name, SPINNING_LIDAR, owner_, pos, rot, SIMULATOR), prop_(prop) {
-  scan.reserve(size_t(std::max(prop_.yawSamples, 0)) * size_t(std::max(prop_.pitchSamples, 0)));
-}
-
-// Placeholder: the property record is written by the sensors stage.
-char* SpinningLidar::serializeProp(char* buffer) const { return buffer; }
-// Placeholder: the scan by ray casting is the sensors stage's.
-void SpinningLidar::update(World& /*world*/) {}
+// ------------------------------------------------------------ inertial unit --
 
 InertialMeasurementUnit::InertialMeasurementUnit(const ImuProperties& prop, ArticulatedSystem* owner_,
                                                  const Mat<3, 1>& pos, const Mat<3, 3>& rot)
@@ -89,8 +99,18 @@ InertialMeasurementUnit::InertialMeasurementUnit(const ImuProperties& prop, Arti
   measurementSource = SIMULATOR;
 }
 
-// Placeholder: the property record is written by the sensors stage.
-char* InertialMeasurementUnit::serializeProp(char* buffer) const { return buffer; }
+char* InertialMeasurementUnit::serializeProp(char* buffer) const {
+  char* out = record::putHead(buffer, IMU, prop_.name);
+  out = record::putDouble(out, prop_.maxAcc);
+  return record::putDouble(out, prop_.maxAngVel);
+}
+
+char* InertialMeasurementUnit::serializeMeasurements(char* buffer) const {
+  char* out = buffer;
+  for (size_t k = 0; k < 3; ++k) out = record::putFloat(out, float(linearAcceleration[k]));
+  for (size_t k = 0; k < 3; ++k) out = record::putFloat(out, float(angularVelocity[k]));
+  return out;
+}
 
 void InertialMeasurementUnit::validateMeasurementSource() {
   if (measurementSource == VISUALIZER) MSG_FATAL("IMU cannot be updated by the visualizer");

@@ -14,6 +14,7 @@
 #include "vorsim/object/HeightMap.hpp"
 #include "vorsim/object/Mesh.hpp"
 #include "vorsim/object/Primitives.hpp"
+#include "vorsim/object/TerrainGenerator.hpp"
 
 #if defined(__SANITIZE_ADDRESS__)
 #define VORSIM_COUNT_ALLOCATIONS 0  // the sanitizer owns malloc
@@ -250,6 +251,42 @@ TEST_F(Allocations, RayQueriesAllocateNothing) {
   g_counting = false;
   EXPECT_EQ(g_allocations, 0);
   EXPECT_GT(hits, 5000u);
+}
+
+TEST_F(Allocations, SensorUpdatesInStepsAllocateNothing) {
+  // A fixed-base robot with an inertial unit (which makes its step update the
+  // sensors), a depth camera and a lidar, over a height map with primitives:
+  // the sensors fire every few steps, each casting into a fresh snapshot of
+  // the scene.
+  World world;
+  world.setTimeStep(0.001);
+  world.addHeightMap(0.0, 0.0, TerrainProperties(0.2, 12.0, 12.0, 1.0, 40, 40, 3, 2.0, 0.5, 0, 0, 4));
+  for (int i = 0; i < 12; ++i) {
+    SingleBodyObject* box = world.addBox(0.4, 0.3, 0.5, 1.0);
+    SingleBodyObject* capsule = world.addCapsule(0.1, 0.4, 1.0);
+    box->setPosition(-3.0 + 0.5 * i, 2.0, 1.5);
+    capsule->setPosition(-3.0 + 0.5 * i, -2.0, 1.5);
+    box->setBodyType(STATIC);
+    capsule->setBodyType(STATIC);
+  }
+  world.addSphere(0.1, 1.0)->setPosition(-3.0, 2.0, 1.85);  // resting on the first box
+  const std::string urdf = R"(<?xml version="1.0"?><robot name="r"><link name="world"/>
+<joint name="mount" type="fixed"><parent link="world"/><child link="base"/><origin xyz="0 0 2.5"/></joint>
+<link name="base"><inertial><mass value="1"/><inertia ixx="0.1" iyy="0.1" izz="0.1"/></inertial>
+  <collision><geometry><sphere radius="0.1"/></geometry></collision>
+  <sensor type="imu" name="imu" update_rate="1000"/>
+  <sensor type="depth" name="cam" update_rate="250"><origin rpy="0 0.6 0"/><data/>
+    <camera horizontal_fov="1.4"><image width="32" height="32"/><clip near="0.1" far="20"/>
+    <noise type="none" mean="0" stddev="0"/></camera></sensor>
+  <sensor type="spinning_lidar" name="lidar" update_rate="100"><yaw samples="256"/>
+    <pitch samples="8" min_angle="-0.5" max_angle="0.1"/><range min="0.2" max="30"/>
+    <spin direction="counter" rate="10"/></sensor>
+</link></robot>)";
+  ArticulatedSystem* robot = world.addArticulatedSystem(urdf);
+  robot->getSensor("base:cam")->setMeasurementSource(Sensor::SIMULATOR);
+  EXPECT_EQ(allocationsInSteadySteps(world, 300, 400), 0);
+  EXPECT_GT(robot->getSensor("base:cam")->getLastUpdateTime(), 0.6);
+  EXPECT_GT(robot->getSensor("base:lidar")->getLastUpdateTime(), 0.6);
 }
 
 namespace {

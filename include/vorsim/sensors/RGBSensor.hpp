@@ -25,14 +25,16 @@ class RGBCamera : public Sensor {
 
   RGBCamera(const RGBCameraProperties& prop, ArticulatedSystem* owner, const Mat<3, 1>& pos, const Mat<3, 3>& rot);
 
-  // Placeholder until the sensors stage: writes nothing.
+  // Head, then the camera record of DepthCamera::serializeProp.
   char* serializeProp(char* buffer) const override;
   // Always the fatal message "RGB sensors can only be updated by the
   // visualizer. Use VorsimUnreal.".
   void update(World& world) override;
 
   const RGBCameraProperties& getProperties() const { return prop_; }
+  // width * height * 4 bytes (empty for an empty image), filled by a viewer.
   std::vector<uint8_t>& getImageBuffer() { return rawImage; }
+  const std::vector<uint8_t>& getImageBuffer() const { return rawImage; }
 
  protected:
   RGBCameraProperties prop_;

@@ -2,10 +2,17 @@
 // robot (ArticulatedSystem::frames) and reads its pose from there; the robot
 // keeps its sensors in a map by name.
 //
-// This header holds what a robot description fixes about a sensor: its kind,
-// name, mount pose, frame, owner and update rate. Measurements, timing and the
-// byte records of each kind are the sensors stage's work and are marked as such
-// where they are still placeholders.
+// Timing: the owning robot calls ArticulatedSystem::updateSensorsIfNecessary
+// once per step. A sensor whose source is SIMULATOR is due when the world time
+// t satisfies t + 1e-10 > lastUpdateTime + 1/updateRate; it is then measured
+// once (a step longer than its period still gives one measurement) and
+// lastUpdateTime becomes t. An update rate of 0 never comes due.
+//
+// Records: serializeProp and serializeMeasurements write little-endian, packed
+// fields at a caller's buffer and return the pointer past what they wrote.
+// Every property record starts with the same head: uint32 type, uint32 name
+// length, then the name's bytes without a terminator. propertyRecordSize and
+// measurementRecordSize give the byte counts, so a caller can size the buffer.
 #ifndef VORSIM_SENSORS_SENSOR_HPP
 #define VORSIM_SENSORS_SENSOR_HPP
 
@@ -37,10 +44,19 @@ class Sensor {
   virtual char* serializeProp(char* buffer) const = 0;
   // Writes the measurement record; the default writes nothing.
   virtual char* serializeMeasurements(char* buffer) const { return buffer; }
+  // Takes a measurement now, whatever the timing says.
   virtual void update(World& world) = 0;
 
-  // Reads the world pose of the sensor's frame from its owner.
+  // Reads the world pose of the sensor's frame from its owner into
+  // getPosition / getOrientation. A sensor without an owner or a frame is a
+  // fatal message.
   void updatePose();
+
+  // Bytes that serializeProp / serializeMeasurements write.
+  size_t propertyRecordSize() const;
+  size_t measurementRecordSize() const;
+  // Whether the step would update the sensor at world time t.
+  bool isDue(double t) const;
 
   Type getType() const { return type; }
   const std::string& getName() const { return name; }
@@ -64,6 +80,8 @@ class Sensor {
   ArticulatedSystem* getOwner() const { return owner; }
   void setOwner(ArticulatedSystem* system) { owner = system; }
   MeasurementSource getMeasurementSource() const { return measurementSource; }
+  // Kinds that cannot work with the source refuse it with a fatal message
+  // (an IMU is never filled by a viewer).
   void setMeasurementSource(MeasurementSource source) {
     measurementSource = source;
     validateMeasurementSource();
@@ -78,6 +96,9 @@ class Sensor {
  protected:
   // Refuses a measurement source the kind cannot work with; empty by default.
   virtual void validateMeasurementSource() {}
+  // updatePose's check: a fatal message unless the sensor has an owner and its
+  // frame exists there. Returns whether the pose can be read.
+  bool checkMount() const;
 
   Type type;
   Mat<3, 1> posW{0.0, 0.0, 0.0};

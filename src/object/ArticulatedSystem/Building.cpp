@@ -503,6 +503,9 @@ void ArticulatedSystem::registerSensors(Child& node) {
   for (auto& sensor : node.sensors) {
     if (!sensorMap.emplace(sensor->getName(), sensor).second) continue;  // an existing name keeps its sensor
     sensor->setOwner(this);
+    // A tree built in code has no loader to set the flag: an inertial unit
+    // needs the step's accelerations wherever it came from.
+    if (sensor->getType() == Sensor::IMU) imuPresent = true;
     if (sensor->getFrameIdx() != kNone) continue;
     // A sensor on a movable body gets its frame here; those on merged links
     // got theirs while merging.

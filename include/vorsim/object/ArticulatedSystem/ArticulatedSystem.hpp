@@ -40,10 +40,11 @@
 #include "vorsim/Object.hpp"
 #include "vorsim/math.hpp"
 #include "vorsim/object/ArticulatedSystem/JointAndBodies.hpp"
+#include "vorsim/sensors/Sensor.hpp"
 
 namespace vorsim {
 
-class Sensor;
+class InertialMeasurementUnit;
 class World;
 namespace urdf {
 class LoadFromURDF2;
@@ -335,6 +336,28 @@ class ArticulatedSystem : public Object {
   void initializeConstraints();
   const std::vector<PinConstraint>& getPins() const { return pins; }
 
+  // -------------------------------------------------------------- sensors --
+  // Measures every sensor that is due at the world's time (Sensor::isDue),
+  // walking sensorMap: an inertial unit from this step's accelerations (the
+  // inverse dynamics must have filled linAccW and angAccW), every other kind
+  // through its own update. Sensors with the VISUALIZER source are left alone.
+  // The step calls it from integrate.
+  void updateSensorsIfNecessary(World& world) override;
+  // The sensor of that full name ("link:name"); an unknown name is a fatal
+  // message.
+  std::shared_ptr<Sensor> getSensor(const std::string& name) const;
+  // The same, as its kind; a sensor of another kind is a fatal message too.
+  template <typename SensorKind>
+  std::shared_ptr<SensorKind> getSensor(const std::string& name) const {
+    std::shared_ptr<Sensor> sensor = getSensor(name);
+    std::shared_ptr<SensorKind> typed = std::dynamic_pointer_cast<SensorKind>(sensor);
+    if (sensor && !typed) reportWrongSensorKind(*sensor);
+    return typed;
+  }
+  bool hasSensor(const std::string& name) const { return sensorMap.count(name) != 0; }
+  // The sensors of one kind, ordered by name.
+  std::vector<std::shared_ptr<Sensor>> getSensorsOfType(Sensor::Type type) const;
+
   // ------------------------------------------------------------ queries --
   size_t getDOF() const { return dof; }
   size_t getGeneralizedVelocityDim() const { return dof; }
@@ -508,6 +531,9 @@ class ArticulatedSystem : public Object {
   void ignoreCollisionWithMassiveAncestor();
   void setDefaultCoordinates();
   void registerSensors(Child& node);
+  // The inertial unit's measurement at its frame.
+  void measureInertialUnit(InertialMeasurementUnit& imu);
+  void reportWrongSensorKind(const Sensor& sensor) const;
   void warnAboutMasslessSubtrees() const;
 
   // The kinematics of one body from its parent's.

@@ -1,0 +1,1038 @@
+// Sensors on robots: the timing of updates, depth images and point clouds
+// against analytic scenes, lidar scans against a box and the ground, the
+// inertial unit's reading from a known motion, look-ups, records read back by
+// an independent little-endian reader, and bad input.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <set>
+
+#include "test_helpers.hpp"
+#include "vorsim/World.hpp"
+#include "vorsim/object/ArticulatedSystem/ArticulatedSystem.hpp"
+#include "vorsim/object/Primitives.hpp"
+#include "vorsim/sensors/DepthCamera.hpp"
+#include "vorsim/sensors/InertialMeasurementUnit.hpp"
+#include "vorsim/sensors/RGBSensor.hpp"
+#include "vorsim/sensors/SpinningLidar.hpp"
+
+using namespace vorsim;
+
+namespace {
+
+constexpr double kPi = 3.14159265358979323846;
+
+Eigen::Vector3d E(const Mat<3, 1>& m) { return m.e(); }
+Eigen::Matrix3d E(const Mat<3, 3>& m) { return m.e(); }
+
+// A fixed-base robot whose base sits at `origin` (URDF origin attributes) and
+// carries `content` (inertial, collisions, sensors) on its base link.
+std::string fixedRobot(const std::string& origin, const std::string& content) {
+  return R"(<?xml version="1.0"?><robot name="r"><link name="world"/>
+<joint name="mount" type="fixed"><parent link="world"/><child link="base"/><origin )" +
+         origin + R"(/></joint>
+<link name="base"><inertial><mass value="1"/><inertia ixx="0.1" iyy="0.1" izz="0.1"/></inertial>)" +
+         content + "</link></robot>";
+}
+
+std::string depthSensor(const std::string& name, const std::string& origin, int width, int height, double fov,
+                        double far, double rate = 30) {
+  return "<sensor type=\"depth\" name=\"" + name + "\" update_rate=\"" + std::to_string(rate) + "\"><origin " + origin +
+         "/><data/><camera horizontal_fov=\"" + std::to_string(fov) + "\"><image width=\"" + std::to_string(width) +
+         "\" height=\"" + std::to_string(height) + "\"/><clip near=\"0.05\" far=\"" + std::to_string(far) +
+         "\"/><noise type=\"Gaussian\" mean=\"0.25\" stddev=\"0.125\"/></camera></sensor>";
+}
+
+std::string lidarSensor(const std::string& name, const std::string& origin, int yaw, int pitch, double pitchMin,
+                        double pitchMax, double rangeMin, double rangeMax, double spin, const std::string& direction,
+                        double rate) {
+  return "<sensor type=\"spinning_lidar\" name=\"" + name + "\" update_rate=\"" + std::to_string(rate) + "\"><origin " +
+         origin + "/><yaw samples=\"" + std::to_string(yaw) + "\"/><pitch samples=\"" + std::to_string(pitch) +
+         "\" min_angle=\"" + std::to_string(pitchMin) + "\" max_angle=\"" + std::to_string(pitchMax) +
+         "\"/><range min=\"" + std::to_string(rangeMin) + "\" max=\"" + std::to_string(rangeMax) +
+         "\"/><spin direction=\"" + direction + "\" rate=\"" + std::to_string(spin) + "\"/></sensor>";
+}
+
+// Closest entry of a ray into an oriented box (slab method), or a negative
+// value when the ray misses it within [0, reach]. A start inside gives the exit.
+double rayBox(const Eigen::Vector3d& start, const Eigen::Vector3d& dir, const Eigen::Vector3d& center,
+              const Eigen::Matrix3d& rot, const Eigen::Vector3d& half, double reach) {
+  const Eigen::Vector3d s = rot.transpose() * (start - center), v = rot.transpose() * dir;
+  double lo = -1e300, hi = 1e300;
+  for (int k = 0; k < 3; ++k) {
+    if (v[k] == 0.0) {
+      if (std::abs(s[k]) > half[k]) return -1.0;
+      continue;
+    }
+    double a = (-half[k] - s[k]) / v[k], b = (half[k] - s[k]) / v[k];
+    if (a > b) std::swap(a, b);
+    lo = std::max(lo, a);
+    hi = std::min(hi, b);
+  }
+  if (lo > hi) return -1.0;
+  const double t = lo >= 0.0 ? lo : hi;
+  return (t >= 0.0 && t <= reach) ? t : -1.0;
+}
+
+// Entry into a sphere, as above.
+double raySphere(const Eigen::Vector3d& start, const Eigen::Vector3d& dir, const Eigen::Vector3d& center, double r,
+                 double reach) {
+  const Eigen::Vector3d q = start - center;
+  const double b = q.dot(dir), c = q.squaredNorm() - r * r, disc = b * b - c;
+  if (disc < 0) return -1.0;
+  double t = -b - std::sqrt(disc);
+  if (t < 0) t = -b + std::sqrt(disc);
+  return (t >= 0.0 && t <= reach) ? t : -1.0;
+}
+
+// Where a ray meets the plane z = 0, or negative.
+double rayGround(const Eigen::Vector3d& start, const Eigen::Vector3d& dir, double reach) {
+  if (dir.z() >= 0.0) return -1.0;
+  const double t = -start.z() / dir.z();
+  return t <= reach ? t : -1.0;
+}
+
+// Reads packed little-endian records byte by byte, independently of the host.
+class RecordReader {
+ public:
+  explicit RecordReader(const char* data) : p_(data) {}
+  uint32_t u32() {
+    uint32_t v = 0;
+    for (int k = 0; k < 4; ++k) v |= uint32_t(uint8_t(p_[k])) << (8 * k);
+    p_ += 4;
+    return v;
+  }
+  uint64_t u64() {
+    uint64_t v = 0;
+    for (int k = 0; k < 8; ++k) v |= uint64_t(uint8_t(p_[k])) << (8 * k);
+    p_ += 8;
+    return v;
+  }
+  double f64() {
+    const uint64_t bits = u64();
+    double d;
+    std::memcpy(&d, &bits, 8);
+    return d;
+  }
+  float f32() {
+    const uint32_t bits = u32();
+    float f;
+    std::memcpy(&f, &bits, 4);
+    return f;
+  }
+  std::string text() {
+    const uint32_t n = u32();
+    std::string s(p_, n);
+    p_ += n;
+    return s;
+  }
+  const char* position() const { return p_; }
+
+ private:
+  const char* p_;
+};
+
+struct CameraRecord {
+  uint32_t type, width, height, noise;
+  std::string name, format;
+  double clipNear, clipFar, hFOV, mean, std;
+};
+
+CameraRecord readCamera(RecordReader& in) {
+  CameraRecord r;
+  r.type = in.u32();
+  r.name = in.text();
+  r.width = in.u32();
+  r.height = in.u32();
+  r.clipNear = in.f64();
+  r.clipFar = in.f64();
+  r.hFOV = in.f64();
+  r.noise = in.u32();
+  r.mean = in.f64();
+  r.std = in.f64();
+  r.format = in.text();
+  return r;
+}
+
+// Steps the world once and lets the robot update its sensors. The robot's
+// integrate does this itself once it steps; a second call in the same step
+// finds nothing due.
+void step(World& world, ArticulatedSystem* robot) {
+  world.integrate();
+  robot->updateSensorsIfNecessary(world);
+}
+
+}  // namespace
+
+// ------------------------------------------------------------------ timing --
+
+TEST(SensorTiming, RatesSourcesAndLongSteps) {
+  World world;
+  world.setTimeStep(0.001);
+  const std::string lidars = lidarSensor("fast", "xyz=\"0 0 0\"", 32, 2, -0.1, 0.1, 0, 10, 10, "counter", 100) +
+                             lidarSensor("never", "xyz=\"0 0 0\"", 32, 2, -0.1, 0.1, 0, 10, 10, "counter", 0) +
+                             depthSensor("cam", "xyz=\"0 0 0\"", 2, 2, 1.0, 5.0, 1000);
+  ArticulatedSystem* robot = world.addArticulatedSystem(fixedRobot("xyz=\"0 0 1\"", lidars));
+  auto fast = robot->getSensor<SpinningLidar>("base:fast");
+  auto never = robot->getSensor<SpinningLidar>("base:never");
+  auto cam = robot->getSensor<DepthCamera>("base:cam");
+
+  // A 100 Hz sensor at dt 1 ms: the first step (lastUpdateTime -1), then every
+  // 10th step.
+  std::vector<int> updatedAt;
+  double last = fast->getLastUpdateTime();
+  EXPECT_EQ(last, -1.0);
+  for (int s = 1; s <= 45; ++s) {
+    step(world, robot);
+    if (fast->getLastUpdateTime() != last) {
+      updatedAt.push_back(s);
+      last = fast->getLastUpdateTime();
+      EXPECT_EQ(last, world.getWorldTime());
+      EXPECT_EQ(fast->getScanTimeStamp(), world.getWorldTime());
+    }
+  }
+  EXPECT_EQ(updatedAt, (std::vector<int>{1, 11, 21, 31, 41}));
+  // Rate 0: never due. A camera keeps the VISUALIZER source it was built
+  // with: the step leaves it alone, due or not.
+  EXPECT_EQ(never->getLastUpdateTime(), -1.0);
+  EXPECT_FALSE(never->isDue(1e9));
+  EXPECT_EQ(cam->getMeasurementSource(), Sensor::VISUALIZER);
+  EXPECT_EQ(cam->getLastUpdateTime(), -1.0);
+  EXPECT_EQ(cam->getDepthArray(), std::vector<float>(4, 0.0f));
+  // Switched to the simulator, it measures at its next step.
+  cam->setMeasurementSource(Sensor::SIMULATOR);
+  step(world, robot);
+  EXPECT_EQ(cam->getLastUpdateTime(), world.getWorldTime());
+  EXPECT_TRUE(std::isnan(cam->getDepthArray()[0]));  // nothing in the world to see
+
+  // A step five times the period yields one update per step, not five.
+  world.setTimeStep(0.05);
+  for (int s = 0; s < 3; ++s) {
+    const double before = fast->getLastUpdateTime();
+    step(world, robot);
+    EXPECT_EQ(fast->getLastUpdateTime(), world.getWorldTime());
+    if (s > 0) {
+      EXPECT_NEAR(fast->getLastUpdateTime() - before, 0.05, 1e-9);
+    }
+  }
+}
+
+TEST(SensorTiming, DueRuleAtTheBoundary) {
+  SpinningLidar::SpinningLidarProperties prop;
+  prop.name = "l";
+  SpinningLidar lidar(prop, nullptr, Mat<3, 1>{0, 0, 0}, Mat<3, 3>::getIdentity());
+  lidar.setUpdateRate(4.0);  // period 0.25
+  lidar.setLastUpdateTime(1.0);
+  EXPECT_FALSE(lidar.isDue(1.25 - 2e-10));
+  EXPECT_TRUE(lidar.isDue(1.25 - 0.5e-10));  // within the 1e-10 allowance
+  EXPECT_TRUE(lidar.isDue(1.25));
+  // A rate of 1 Hz or more is due in the first step.
+  lidar.setLastUpdateTime(-1.0);
+  lidar.setUpdateRate(1.0);
+  EXPECT_TRUE(lidar.isDue(1e-3));
+  lidar.setUpdateRate(0.5);
+  EXPECT_FALSE(lidar.isDue(1e-3));
+}
+
+// ------------------------------------------------------------- depth camera --
+
+namespace {
+
+struct DepthScene {
+  World world;
+  ArticulatedSystem* robot = nullptr;
+  std::shared_ptr<DepthCamera> camera;
+  Box* wall = nullptr;
+  Eigen::Vector3d wallCenter{4.0, 0.0, 0.5}, wallHalf{0.1, 5.0, 0.5};
+
+  DepthScene(int width, int height, const std::string& extra = "") {
+    world.addGround(0.0);
+    wall = world.addBox(0.2, 10.0, 1.0, 1.0);
+    wall->setBodyType(STATIC);
+    wall->setPosition(wallCenter.x(), wallCenter.y(), wallCenter.z());
+    robot = world.addArticulatedSystem(
+        fixedRobot("xyz=\"0 0 1\" rpy=\"0 0.3 0\"",
+                   depthSensor("cam", "xyz=\"0.1 0 0.2\" rpy=\"0.2 0 0\"", width, height, 1.2, 10.0) + extra));
+    camera = robot->getSensor<DepthCamera>("base:cam");
+  }
+
+  // Distance along the unit ray to the nearest of ground and wall, or negative.
+  double expectedHit(const Eigen::Vector3d& start, const Eigen::Vector3d& dir) const {
+    double best = -1.0;
+    for (double t :
+         {rayGround(start, dir, 10.0), rayBox(start, dir, wallCenter, Eigen::Matrix3d::Identity(), wallHalf, 10.0)})
+      if (t >= 0.0 && (best < 0.0 || t < best)) best = t;
+    return best;
+  }
+};
+
+}  // namespace
+
+TEST(DepthCamera, WallAndGroundPerPixel) {
+  DepthScene scene(16, 16);
+  DepthCamera& cam = *scene.camera;
+  cam.update(scene.world);
+
+  const Eigen::Matrix3d R = E(cam.getOrientation());
+  const Eigen::Vector3d p = E(cam.getPosition());
+  // The camera's pose: the base's mount composed with the sensor's.
+  const Eigen::Matrix3d baseRot = Eigen::AngleAxisd(0.3, Eigen::Vector3d::UnitY()).toRotationMatrix();
+  EXPECT_LT((p - (Eigen::Vector3d(0, 0, 1) + baseRot * Eigen::Vector3d(0.1, 0, 0.2))).norm(), 1e-15);
+  EXPECT_LT((R - baseRot * Eigen::AngleAxisd(0.2, Eigen::Vector3d::UnitX()).toRotationMatrix()).norm(), 1e-15);
+
+  const double planeW = 2.0 * std::tan(0.6);
+  int ground = 0, wall = 0, sky = 0;
+  for (int r = 0; r < 16; ++r) {
+    for (int c = 0; c < 16; ++c) {
+      const size_t i = size_t(r * 16 + c);
+      // Row 0 is the top of the image, column 0 its left (+y).
+      const Eigen::Vector3d d(1.0, planeW * (0.5 - (c + 0.5) / 16), planeW * (0.5 - (r + 0.5) / 16));
+      EXPECT_LT((E(cam.getRayDirections()[i]) - d).norm(), 1e-15);
+      const Eigen::Vector3d w = R * d.normalized();
+      const double t = scene.expectedHit(p, w);
+      const float depth = cam.getDepthArray()[i];
+      const Eigen::Vector3d point = E(cam.get3DPoints()[i]);
+      if (t < 0.0) {
+        ++sky;
+        EXPECT_TRUE(std::isnan(depth)) << r << " " << c;
+        EXPECT_TRUE(point.array().isNaN().all());
+        continue;
+      }
+      (p + t * w).z() < 1e-9 ? ++ground : ++wall;
+      EXPECT_LT((point - (p + t * w)).norm(), 1e-9) << r << " " << c;
+      // Depth along the optical axis: the ray's length over |d|.
+      EXPECT_NEAR(depth, float(t / d.norm()), 4 * std::numeric_limits<float>::epsilon() * depth);
+    }
+  }
+  // The scene is set up so that the image holds all three.
+  EXPECT_GT(ground, 20);
+  EXPECT_GT(wall, 20);
+  EXPECT_GT(sky, 20);
+
+  // The point cloud is the depth image back-projected, in the world and in
+  // the camera frame.
+  std::vector<Mat<3, 1>> cloud, local;
+  cam.depthToPointCloud(cam.getDepthArray(), cloud, false);
+  cam.depthToPointCloud(cam.getDepthArray(), local, true);
+  ASSERT_EQ(cloud.size(), 256u);
+  for (size_t i = 0; i < 256; ++i) {
+    const Eigen::Vector3d hit = E(cam.get3DPoints()[i]);
+    if (std::isnan(hit.x())) {
+      EXPECT_TRUE(E(cloud[i]).array().isNaN().all());
+      EXPECT_TRUE(E(local[i]).array().isNaN().all());
+      continue;
+    }
+    // Equal up to the depth's narrowing to float.
+    EXPECT_LT((E(cloud[i]) - hit).norm(), 1e-6 * (hit - p).norm()) << i;
+    EXPECT_LT((E(local[i]) - R.transpose() * (hit - p)).norm(), 1e-6 * (hit - p).norm()) << i;
+    EXPECT_EQ(local[i][0], double(cam.getDepthArray()[i]));
+  }
+}
+
+TEST(DepthCamera, BodyMovedIntoViewAndOwnBodyLeftOut) {
+  // The camera sits inside a collision sphere of its own base: the rays leave
+  // the body that carries them out.
+  DepthScene scene(9, 9, "<collision><geometry><sphere radius=\"0.5\"/></geometry></collision>");
+  DepthCamera& cam = *scene.camera;
+  Sphere* ball = scene.world.addSphere(0.3, 1.0);
+  ball->setBodyType(STATIC);
+  ball->setPosition(0.0, 30.0, 1.0);
+  cam.update(scene.world);
+  const size_t centre = 4 * 9 + 4;
+  const float before = cam.getDepthArray()[centre];
+  ASSERT_FALSE(std::isnan(before));
+
+  // Put the ball on the optical axis, 1.5 m ahead.
+  const Eigen::Matrix3d R = E(cam.getOrientation());
+  const Eigen::Vector3d p = E(cam.getPosition());
+  const Eigen::Vector3d ballAt = p + 1.5 * R.col(0);
+  ball->setPosition(ballAt.x(), ballAt.y(), ballAt.z());
+  cam.update(scene.world);
+  EXPECT_NEAR(cam.getDepthArray()[centre], 1.2f, 1e-6f);
+  int onBall = 0;
+  for (size_t i = 0; i < 81; ++i) {
+    const Eigen::Vector3d d = E(cam.getRayDirections()[i]);
+    const Eigen::Vector3d w = R * d.normalized();
+    const double tb = raySphere(p, w, ballAt, 0.3, 10.0), ts = scene.expectedHit(p, w);
+    if (tb < 0.0 || (ts >= 0.0 && ts < tb)) continue;
+    ++onBall;
+    EXPECT_LT((E(cam.get3DPoints()[i]) - (p + tb * w)).norm(), 1e-9) << i;
+  }
+  EXPECT_GT(onBall, 4);
+}
+
+TEST(DepthCamera, IndexStrideOfNonSquareImages) {
+  // Pixel (r, c) lands at r * height + c, and the ray it casts is the stored
+  // direction at that index. A wide image's rows overlap, and its last
+  // (width - height)(height - 1) entries are never written.
+  DepthScene wide(6, 4);
+  wide.camera->update(wide.world);
+  const Eigen::Matrix3d R = E(wide.camera->getOrientation());
+  const Eigen::Vector3d p = E(wide.camera->getPosition());
+  const double planeW = 2.0 * std::tan(0.6), planeH = 4 * planeW / 6;
+  for (size_t i = 0; i < 18; ++i) {
+    // The stored directions are in plain row order of the full image.
+    const size_t row = i / 6, col = i % 6;
+    const Eigen::Vector3d d(1.0, planeW * 0.5 - (col + 0.5) * planeW / 6, planeH * 0.5 - (row + 0.5) * planeH / 4);
+    EXPECT_LT((E(wide.camera->getRayDirections()[i]) - d).norm(), 1e-15);
+    const double t = wide.expectedHit(p, R * d.normalized());
+    if (t < 0.0)
+      EXPECT_TRUE(std::isnan(wide.camera->getDepthArray()[i])) << i;
+    else
+      EXPECT_NEAR(wide.camera->getDepthArray()[i], float(t / d.norm()), 1e-5) << i;
+  }
+  for (size_t i = 18; i < 24; ++i) EXPECT_EQ(wide.camera->getDepthArray()[i], 0.0f);
+
+  // A tall image: pixels whose index passes the end are left out.
+  DepthScene tall(3, 5);
+  tall.camera->update(tall.world);
+  EXPECT_EQ(tall.camera->getDepthArray().size(), 15u);
+  std::vector<Mat<3, 1>> cloud;
+  tall.camera->depthToPointCloud(tall.camera->getDepthArray(), cloud, true);
+  EXPECT_EQ(cloud.size(), 15u);
+}
+
+TEST(DepthCamera, NothingHitAndBadDepthArrays) {
+  World world;  // empty
+  ArticulatedSystem* robot =
+      world.addArticulatedSystem(fixedRobot("xyz=\"0 0 1\"", depthSensor("cam", "xyz=\"0 0 0\"", 4, 4, 1.0, 5.0)));
+  auto cam = robot->getSensor<DepthCamera>("base:cam");
+  cam->update(world);
+  for (float d : cam->getDepthArray()) EXPECT_TRUE(std::isnan(d));
+  for (const auto& q : cam->get3DPoints()) EXPECT_TRUE(E(q).array().isNaN().all());
+
+  ThrowOnFatal guard;
+  std::vector<Mat<3, 1>> cloud;
+  StdoutCapture out;
+  EXPECT_THROW(cam->depthToPointCloud(std::vector<float>(15, 1.0f), cloud, true), vorsim_test::FatalError);
+  EXPECT_NE(out.text().find("The input depthArray should have a size of 16. It's actual size is 15"),
+            std::string::npos);
+}
+
+// ------------------------------------------------------------ spinning lidar --
+
+namespace {
+
+// The column of a scan point: its azimuth in units of the yaw step.
+long columnOf(const Mat<3, 1>& q, int yawSamples) {
+  const double az = std::atan2(q[1], q[0]);
+  return std::lround(az / (2.0 * kPi / yawSamples));
+}
+
+}  // namespace
+
+TEST(SpinningLidar, PointsLieOnTheBoxFacesAndMissesGiveNothing) {
+  World world;
+  world.setTimeStep(0.01);
+  const Eigen::Vector3d boxCenter(3.0, 1.0, 0.5), boxHalf(0.5, 1.0, 0.5);
+  const Eigen::Matrix3d boxRot = Eigen::AngleAxisd(0.3, Eigen::Vector3d::UnitZ()).toRotationMatrix();
+  Box* box = world.addBox(1.0, 2.0, 1.0, 1.0);
+  box->setBodyType(STATIC);
+  box->setOrientation(boxRot);
+  box->setPosition(boxCenter.x(), boxCenter.y(), boxCenter.z());
+  ArticulatedSystem* robot = world.addArticulatedSystem(fixedRobot(
+      "xyz=\"0 0 0.6\" rpy=\"0 0 0.1\"",
+      lidarSensor("lidar", "xyz=\"0 0 0.1\" rpy=\"0.05 0 0\"", 64, 8, -0.3, 0.2, 0.2, 20, 10, "counter", 100)));
+  auto lidar = robot->getSensor<SpinningLidar>("base:lidar");
+  const auto& prop = lidar->getProperties();
+
+  size_t total = 0;
+  for (int s = 0; s < 9; ++s) {  // most of a turn, ending off a column
+    const double yawBefore = lidar->getYawAngle();
+    step(world, robot);
+    const Eigen::Matrix3d R = E(lidar->getOrientation());
+    const Eigen::Vector3d p = E(lidar->getPosition());
+    // Every ray of the columns passed, cast independently.
+    size_t expected = 0;
+    const double yawStep = 2.0 * kPi / prop.yawSamples;
+    for (long k = long(std::ceil(yawBefore / yawStep)); k * yawStep <= yawBefore + 0.2 * kPi + 1e-12; ++k)
+      for (int j = 0; j < prop.pitchSamples; ++j) {
+        const double yaw = k * yawStep, pitch = prop.pitchMinAngle + j * (0.5 / 7);
+        const Eigen::Vector3d w =
+            R * Eigen::Vector3d(std::cos(yaw) * std::cos(pitch), std::sin(yaw) * std::cos(pitch), std::sin(pitch));
+        expected += rayBox(p + 0.2 * w, w, boxCenter, boxRot, boxHalf, 19.8) >= 0.0;
+      }
+    EXPECT_EQ(lidar->getScan().size(), expected) << "update " << s;
+    for (const Mat<3, 1>& q : lidar->getScan()) {
+      const Eigen::Vector3d local = boxRot.transpose() * (R * E(q) + p - boxCenter);
+      const Eigen::Vector3d outside = local.cwiseAbs() - boxHalf;
+      EXPECT_LT(outside.maxCoeff(), 1e-9);   // not outside the box
+      EXPECT_GT(outside.maxCoeff(), -1e-9);  // and on a face
+      EXPECT_GE(E(q).norm(), 0.2 - 1e-12);
+    }
+    total += lidar->getScan().size();
+  }
+  EXPECT_GT(total, 20u);
+  EXPECT_NEAR(lidar->getYawAngle(), 1.8 * kPi, 1e-9);
+}
+
+TEST(SpinningLidar, FullTurnsDirectionAndSlowSpin) {
+  World world;
+  world.addGround(0.0);
+  world.setTimeStep(0.01);
+  // Every ray points down at the ground, so every cast ray is seen in the scan.
+  const std::string sensors = lidarSensor("ccw", "xyz=\"0 0 0\"", 64, 3, -0.6, -0.2, 0, 50, 10, "counter", 100) +
+                              lidarSensor("cw", "xyz=\"0 0 0\"", 64, 3, -0.6, -0.2, 0, 50, 10, "clockwise", 100) +
+                              lidarSensor("slow", "xyz=\"0 0 0\"", 64, 3, -0.6, -0.2, 0, 50, 0.1, "counter", 100) +
+                              lidarSensor("flat", "xyz=\"0 0 0\"", 64, 1, -0.6, -0.6, 0, 50, 10, "counter", 100);
+  ArticulatedSystem* robot = world.addArticulatedSystem(fixedRobot("xyz=\"0 0 1\"", sensors));
+  auto ccw = robot->getSensor<SpinningLidar>("base:ccw");
+  auto cw = robot->getSensor<SpinningLidar>("base:cw");
+  auto slow = robot->getSensor<SpinningLidar>("base:slow");
+  auto flat = robot->getSensor<SpinningLidar>("base:flat");
+  EXPECT_EQ(cw->getProperties().spinDirection, -1);
+
+  // 10 turns per second at 100 updates per second: a turn takes 10 updates,
+  // and in it every one of the 64 columns is cast. Both ends of an update's
+  // range count, so a column that falls exactly on the boundary between two
+  // updates (column 0 at the end of the turn, 32 at its middle) may come twice.
+  std::multiset<long> ccwColumns, cwColumns;
+  int slowNonEmpty = 0;
+  for (int s = 0; s < 10; ++s) {
+    step(world, robot);
+    ASSERT_EQ(ccw->getScan().size() % 3, 0u);
+    long previous = 0;
+    for (size_t n = 0; n < cw->getScan().size(); n += 3) {
+      const long k = columnOf(cw->getScan()[n], 64);
+      // Clockwise, the walk goes down through the columns.
+      if (n > 0) {
+        EXPECT_EQ(((previous - k) % 64 + 64) % 64, 1) << s;
+      }
+      previous = k;
+      cwColumns.insert((k % 64 + 64) % 64);
+    }
+    for (size_t n = 0; n < ccw->getScan().size(); n += 3) {
+      const long k = columnOf(ccw->getScan()[n], 64);
+      ccwColumns.insert((k % 64 + 64) % 64);
+      // Points of one column share its azimuth and reach the ground.
+      for (size_t j = 0; j < 3; ++j) {
+        EXPECT_EQ(columnOf(ccw->getScan()[n + j], 64), k);
+        EXPECT_NEAR(ccw->getScan()[n + j][2], -1.0, 1e-12);
+      }
+    }
+    if (s == 0) {
+      EXPECT_NEAR(cw->getYawAngle(), 2 * kPi - 0.2 * kPi, 1e-12);
+    }
+    slowNonEmpty += !slow->getScan().empty();
+    // One pitch sample gives NaN directions: nothing is ever hit.
+    EXPECT_TRUE(flat->getScan().empty());
+  }
+  for (auto* columns : {&ccwColumns, &cwColumns}) {
+    EXPECT_EQ(std::set<long>(columns->begin(), columns->end()).size(), 64u);
+    EXPECT_LE(columns->size(), 66u);
+    for (long k = 1; k < 64; ++k)
+      if (k != 32) {
+        EXPECT_EQ(columns->count(k), 1u) << k;
+      }
+  }
+  EXPECT_LT(std::min(ccw->getYawAngle(), 2 * kPi - ccw->getYawAngle()), 1e-9);
+  EXPECT_LT(std::min(cw->getYawAngle(), 2 * kPi - cw->getYawAngle()), 1e-9);
+  // The slow one turns 0.1 turn a second, 1/1000 turn per update: one column
+  // per 15.6 updates, so most updates cast nothing.
+  EXPECT_GE(slowNonEmpty, 1);
+  EXPECT_LE(slowNonEmpty, 2);
+  for (int s = 0; s < 90; ++s) {
+    step(world, robot);
+    slowNonEmpty += !slow->getScan().empty();
+  }
+  EXPECT_EQ(slowNonEmpty, 7);  // columns 0..6 in the first 0.1 turn
+}
+
+TEST(SpinningLidar, LeavesOutBodyZeroWhateverBodyCarriesIt) {
+  // Two lidars, each inside a collision sphere: one on the base, one on a link
+  // behind a revolute joint. The rays leave out body 0 only, so the second
+  // sees its own link's sphere all around.
+  const std::string urdf = R"(<?xml version="1.0"?><robot name="r"><link name="world"/>
+<joint name="mount" type="fixed"><parent link="world"/><child link="base"/><origin xyz="0 0 1"/></joint>
+<link name="base"><inertial><mass value="1"/><inertia ixx="0.1" iyy="0.1" izz="0.1"/></inertial>
+  <collision><geometry><sphere radius="0.3"/></geometry></collision>)" +
+                           lidarSensor("l0", "xyz=\"0 0 0\"", 16, 2, -0.05, 0.05, 0, 10, 10, "counter", 100) +
+                           R"(</link>
+<joint name="j" type="revolute"><parent link="base"/><child link="arm"/><origin xyz="2 0 0"/><axis xyz="0 0 1"/>
+  <limit lower="-1" upper="1"/></joint>
+<link name="arm"><inertial><mass value="1"/><inertia ixx="0.1" iyy="0.1" izz="0.1"/></inertial>
+  <collision><geometry><sphere radius="0.25"/></geometry></collision>)" +
+                           lidarSensor("l1", "xyz=\"0 0 0\"", 16, 2, -0.2, 0.2, 0, 10, 10, "counter", 100) +
+                           "</link></robot>";
+  World world;
+  world.setTimeStep(0.01);
+  ArticulatedSystem* robot = world.addArticulatedSystem(urdf);
+  auto l0 = robot->getSensor<SpinningLidar>("base:l0");
+  auto l1 = robot->getSensor<SpinningLidar>("arm:l1");
+  EXPECT_EQ(robot->getFrames()[l1->getFrameIdx()].parentId, 1u);
+  step(world, robot);
+  // l0: rays along +x reach the arm's sphere 2 m away; nothing else.
+  ASSERT_FALSE(l0->getScan().empty());
+  for (const auto& q : l0->getScan()) EXPECT_NEAR((E(q) - Eigen::Vector3d(2, 0, 0)).norm(), 0.25, 1e-9);
+  // l1: every ray hits its own sphere from inside, 0.25 m out.
+  ASSERT_FALSE(l1->getScan().empty());
+  for (const auto& q : l1->getScan()) EXPECT_NEAR(E(q).norm(), 0.25, 1e-9);
+}
+
+// ------------------------------------------------------------ inertial unit --
+
+namespace {
+
+const char* kSpinner = R"(<?xml version="1.0"?><robot name="s"><link name="world"/>
+<joint name="mount" type="fixed"><parent link="world"/><child link="base"/><origin xyz="0 0 0.5"/></joint>
+<link name="base"><inertial><mass value="1"/><inertia ixx="0.1" iyy="0.1" izz="0.1"/></inertial></link>
+<joint name="spin" type="continuous"><parent link="base"/><child link="rotor"/><axis xyz="0 0 1"/></joint>
+<link name="rotor"><inertial><mass value="1"/><inertia ixx="0.1" iyy="0.1" izz="0.1"/></inertial>
+  <sensor type="imu" name="imu" update_rate="1000"><origin xyz="0.3 0 0.1" rpy="0 0 1.5707963267948966"/>
+  LIMIT</sensor>
+</link></robot>)";
+
+std::string spinner(const std::string& limit) {
+  std::string s = kSpinner;
+  s.replace(s.find("LIMIT"), 5, limit);
+  return s;
+}
+
+// Puts the spinner at joint angle theta turning at rate omega, with the
+// accelerations that a steady spin under gravity g has: every body origin
+// accelerates upward by g (gravity seen from a falling frame), no angular
+// acceleration.
+void setSteadySpin(ArticulatedSystem& robot, double theta, double omega, double g) {
+  robot.setGeneralizedCoordinate({theta});
+  robot.setGeneralizedVelocity({omega});
+  for (size_t b = 0; b < robot.nbody; ++b) {
+    robot.linAccW[b] = {0.0, 0.0, g};
+    robot.angAccW[b] = {0.0, 0.0, 0.0};
+  }
+}
+
+}  // namespace
+
+TEST(InertialUnit, SteadySpinReadsRateCentripetalAndGravity) {
+  World world;
+  ArticulatedSystem* robot = world.addArticulatedSystem(spinner(""));
+  EXPECT_TRUE(robot->hasImu());
+  auto imu = robot->getSensor<InertialMeasurementUnit>("rotor:imu");
+  EXPECT_EQ(imu->getMeasurementSource(), Sensor::SIMULATOR);
+  const double theta = 0.7, omega = 3.0, g = 9.81;
+  setSteadySpin(*robot, theta, omega, g);
+  world.setWorldTime(0.5);
+  robot->updateSensorsIfNecessary(world);
+  EXPECT_EQ(imu->getLastUpdateTime(), 0.5);
+
+  // The sensor's x axis points along the joint's direction of travel, its y
+  // axis toward the joint axis: centripetal w^2 r along +y, gravity along +z.
+  EXPECT_LT((E(imu->getLinearAcceleration()) - Eigen::Vector3d(0, omega * omega * 0.3, g)).norm(), 1e-12);
+  EXPECT_LT((E(imu->getAngularVelocity()) - Eigen::Vector3d(0, 0, omega)).norm(), 1e-12);
+  const Mat<4, 1>& q = imu->getQuaternion();
+  const double half = 0.5 * (theta + kPi / 2);
+  EXPECT_NEAR(std::abs(q[0] * std::cos(half) + q[3] * std::sin(half)), 1.0, 1e-12);
+  EXPECT_NEAR(q[1], 0.0, 1e-15);
+  EXPECT_NEAR(q[2], 0.0, 1e-15);
+  EXPECT_LT((E(imu->getPosition()) - Eigen::Vector3d(0.3 * std::cos(theta), 0.3 * std::sin(theta), 0.6)).norm(), 1e-15);
+
+  // The measurement record: six floats, acceleration then angular velocity.
+  char buffer[64];
+  std::memset(buffer, 0x5A, sizeof(buffer));
+  char* end = imu->serializeMeasurements(buffer);
+  EXPECT_EQ(end - buffer, 24);
+  EXPECT_EQ(size_t(end - buffer), imu->measurementRecordSize());
+  EXPECT_EQ(buffer[24], 0x5A);
+  RecordReader in(buffer);
+  for (size_t k = 0; k < 3; ++k) EXPECT_EQ(in.f32(), float(imu->getLinearAcceleration()[k]));
+  for (size_t k = 0; k < 3; ++k) EXPECT_EQ(in.f32(), float(imu->getAngularVelocity()[k]));
+
+  // Not due again within its 1 ms period.
+  setSteadySpin(*robot, theta, 2 * omega, g);
+  world.setWorldTime(0.5005);
+  robot->updateSensorsIfNecessary(world);
+  EXPECT_NEAR(imu->getAngularVelocity()[2], omega, 1e-12);
+  world.setWorldTime(0.501);
+  robot->updateSensorsIfNecessary(world);
+  EXPECT_NEAR(imu->getAngularVelocity()[2], 2 * omega, 1e-12);
+}
+
+TEST(InertialUnit, LimitsScaleTheNormAndKeepTheDirection) {
+  World world;
+  ArticulatedSystem* robot = world.addArticulatedSystem(spinner("<limit acc_limit=\"5\" ang_vel_limit=\"2\"/>"));
+  auto imu = robot->getSensor<InertialMeasurementUnit>("rotor:imu");
+  setSteadySpin(*robot, 0.0, 3.0, 9.81);
+  world.setWorldTime(1.0);
+  robot->updateSensorsIfNecessary(world);
+  const Eigen::Vector3d unclipped(0, 9 * 0.3, 9.81);
+  EXPECT_NEAR(E(imu->getLinearAcceleration()).norm(), 5.0, 1e-14);
+  EXPECT_LT((E(imu->getLinearAcceleration()) - 5.0 * unclipped.normalized()).norm(), 1e-14);
+  EXPECT_NEAR(imu->getAngularVelocity()[2], 2.0, 1e-15);
+
+  // A norm exactly at the limit is not touched: (0, 3, 4) has norm 5.
+  robot->setGeneralizedVelocity({0.0});
+  for (size_t b = 0; b < robot->nbody; ++b) robot->linAccW[b] = {-3.0, 0.0, 4.0};
+  world.setWorldTime(2.0);
+  robot->updateSensorsIfNecessary(world);
+  EXPECT_EQ(imu->getLinearAcceleration()[1], 3.0);
+  EXPECT_EQ(imu->getLinearAcceleration()[2], 4.0);
+
+  // The default limits never clip, not even a huge reading.
+  World world2;
+  ArticulatedSystem* free = world2.addArticulatedSystem(spinner(""));
+  auto imu2 = free->getSensor<InertialMeasurementUnit>("rotor:imu");
+  setSteadySpin(*free, 0.0, 1e150, 1e200);
+  world2.setWorldTime(1.0);
+  free->updateSensorsIfNecessary(world2);
+  EXPECT_EQ(imu2->getAngularVelocity()[2], 1e150);
+  EXPECT_EQ(imu2->getLinearAcceleration()[2], 1e200);
+}
+
+TEST(InertialUnit, RefusesTheVisualizerSource) {
+  World world;
+  ArticulatedSystem* robot = world.addArticulatedSystem(spinner(""));
+  auto imu = robot->getSensor<InertialMeasurementUnit>("rotor:imu");
+  ThrowOnFatal guard;
+  StdoutCapture out;
+  EXPECT_THROW(imu->setMeasurementSource(Sensor::VISUALIZER), vorsim_test::FatalError);
+  EXPECT_NE(out.text().find("IMU cannot be updated by the visualizer"), std::string::npos);
+}
+
+TEST(InertialUnit, HandBuiltTreeMarksTheSystem) {
+  Child root;
+  root.type = Joint::FIXED;
+  root.bodyName = "base";
+  root.mass = 1.0;
+  root.setInertia({0.1, 0.1, 0.1});
+  root.sensors.push_back(std::make_shared<InertialMeasurementUnit>(
+      InertialMeasurementUnit::ImuProperties{"base:imu"}, nullptr, Mat<3, 1>{0, 0, 0}, Mat<3, 3>::getIdentity()));
+  ArticulatedSystem robot(root, "");
+  EXPECT_TRUE(robot.hasImu());
+  EXPECT_EQ(robot.getSensor("base:imu")->getOwner(), &robot);
+}
+
+// ------------------------------------------------------ look-ups and records --
+
+TEST(SensorRecords, PropertyRecordsReadBack) {
+  World world;
+  const std::string sensors =
+      depthSensor("depth", "xyz=\"0 0 0\"", 7, 5, 1.1, 12.5) +
+      R"(<sensor type="rgb" name="eye" update_rate="15"><camera horizontal_fov="0.9"><image width="320" height="240"/>
+  <clip near="0.02" far="40"/><noise type="uniform" mean="0.5" stddev="2"/></camera></sensor>
+<sensor type="imu" name="imu" update_rate="200"><limit acc_limit="150" ang_vel_limit="35"/></sensor>)" +
+      lidarSensor("lidar", "xyz=\"0 0 0\"", 1024, 16, -0.26, 0.27, 0.3, 80, 12, "counter", 10);
+  ArticulatedSystem* robot = world.addArticulatedSystem(fixedRobot("xyz=\"0 0 1\"", sensors));
+
+  std::vector<char> buffer(512);
+  auto serialize = [&](const Sensor& s) {
+    std::fill(buffer.begin(), buffer.end(), char(0x77));
+    char* end = s.serializeProp(buffer.data());
+    EXPECT_EQ(size_t(end - buffer.data()), s.propertyRecordSize()) << s.getName();
+    EXPECT_EQ(*end, char(0x77));
+    // No measurement record for these kinds.
+    if (s.getType() != Sensor::IMU) {
+      EXPECT_EQ(s.serializeMeasurements(buffer.data() + 400), buffer.data() + 400);
+    }
+    return end;
+  };
+
+  {
+    auto depth = robot->getSensor<DepthCamera>("base:depth");
+    char* end = serialize(*depth);
+    EXPECT_EQ(std::string(buffer.data(), 4), std::string("\x02\0\0\0", 4));  // little-endian type
+    RecordReader in(buffer.data());
+    const CameraRecord r = readCamera(in);
+    EXPECT_EQ(in.position(), end);
+    EXPECT_EQ(r.type, 2u);
+    EXPECT_EQ(r.name, "base:depth");
+    EXPECT_EQ(r.width, 7u);
+    EXPECT_EQ(r.height, 5u);
+    EXPECT_EQ(r.clipNear, 0.05);
+    EXPECT_EQ(r.clipFar, 12.5);
+    EXPECT_EQ(r.hFOV, 1.1);
+    EXPECT_EQ(r.noise, 0u);
+    EXPECT_EQ(r.mean, 0.25);
+    EXPECT_EQ(r.std, 0.125);
+    EXPECT_EQ(r.format, "16");
+  }
+  {
+    auto eye = robot->getSensor<RGBCamera>("base:eye");
+    char* end = serialize(*eye);
+    RecordReader in(buffer.data());
+    const CameraRecord r = readCamera(in);
+    EXPECT_EQ(in.position(), end);
+    EXPECT_EQ(r.type, 1u);
+    EXPECT_EQ(r.name, "base:eye");
+    EXPECT_EQ(r.width, 320u);
+    EXPECT_EQ(r.height, 240u);
+    EXPECT_EQ(r.clipFar, 40.0);
+    EXPECT_EQ(r.hFOV, 0.9);
+    EXPECT_EQ(r.noise, 1u);
+    EXPECT_EQ(r.std, 2.0);
+    EXPECT_EQ(r.format, "R8G8B8A8");
+    EXPECT_EQ(eye->getImageBuffer().size(), 320u * 240u * 4u);
+  }
+  {
+    auto imu = robot->getSensor<InertialMeasurementUnit>("base:imu");
+    char* end = serialize(*imu);
+    RecordReader in(buffer.data());
+    EXPECT_EQ(in.u32(), 3u);
+    EXPECT_EQ(in.text(), "base:imu");
+    EXPECT_EQ(in.f64(), 150.0);
+    EXPECT_EQ(in.f64(), 35.0);
+    EXPECT_EQ(in.position(), end);
+  }
+  {
+    auto lidar = robot->getSensor<SpinningLidar>("base:lidar");
+    char* end = serialize(*lidar);
+    RecordReader in(buffer.data());
+    EXPECT_EQ(in.u32(), 4u);
+    EXPECT_EQ(in.text(), "base:lidar");
+    EXPECT_EQ(in.u32(), 1024u);
+    EXPECT_EQ(in.u32(), 16u);
+    EXPECT_EQ(in.f64(), -0.26);
+    EXPECT_EQ(in.f64(), 0.27);
+    EXPECT_EQ(in.f64(), 0.3);
+    EXPECT_EQ(in.f64(), 80.0);
+    EXPECT_EQ(in.f64(), 12.0);
+    EXPECT_EQ(in.position(), end);
+  }
+}
+
+TEST(SensorLookup, ByNameAndKind) {
+  World world;
+  const std::string sensors = depthSensor("b", "xyz=\"0 0 0\"", 2, 2, 1.0, 5.0) +
+                              depthSensor("a", "xyz=\"0 0 0\"", 2, 2, 1.0, 5.0) +
+                              lidarSensor("l", "xyz=\"0 0 0\"", 8, 2, 0, 0.1, 0, 5, 1, "counter", 1);
+  ArticulatedSystem* robot = world.addArticulatedSystem(fixedRobot("xyz=\"0 0 1\"", sensors));
+  EXPECT_TRUE(robot->hasSensor("base:l"));
+  EXPECT_FALSE(robot->hasSensor("l"));
+  EXPECT_EQ(robot->getSensor("base:l")->getType(), Sensor::SPINNING_LIDAR);
+  const auto cameras = robot->getSensorsOfType(Sensor::DEPTH);
+  ASSERT_EQ(cameras.size(), 2u);
+  EXPECT_EQ(cameras[0]->getName(), "base:a");
+  EXPECT_EQ(cameras[1]->getName(), "base:b");
+  EXPECT_TRUE(robot->getSensorsOfType(Sensor::IMU).empty());
+
+  ThrowOnFatal guard;
+  {
+    StdoutCapture out;
+    EXPECT_THROW(robot->getSensor("base:nothing"), vorsim_test::FatalError);
+    EXPECT_NE(out.text().find("There is no sensor named \"base:nothing\""), std::string::npos);
+  }
+  {
+    StdoutCapture out;
+    EXPECT_THROW(robot->getSensor<DepthCamera>("base:l"), vorsim_test::FatalError);
+    EXPECT_NE(out.text().find("The sensor \"base:l\" is a spinning lidar, not the kind that was asked for"),
+              std::string::npos);
+  }
+  {
+    // A sensor that no robot carries has no pose to read.
+    SpinningLidar::SpinningLidarProperties prop;
+    prop.name = "loose";
+    SpinningLidar loose(prop, nullptr, Mat<3, 1>{0, 0, 0}, Mat<3, 3>::getIdentity());
+    StdoutCapture out;
+    EXPECT_THROW(loose.update(world), vorsim_test::FatalError);
+    EXPECT_NE(out.text().find("Sensor \"loose\" is not mounted on an articulated system"), std::string::npos);
+  }
+}
+
+// ---------------------------------------------------------------- bad input --
+
+namespace {
+
+// The fatal message raised while building a robot from `urdf`; sensor set
+// files are looked up in the test data's urdf directory.
+std::string fatalOf(const std::string& urdf) {
+  ThrowOnFatal guard;
+  StdoutCapture out;
+  try {
+    ArticulatedSystem s(urdf, std::string(VORSIM_TEST_DATA_DIR) + "/urdf");
+  } catch (const vorsim_test::FatalError&) {
+    return out.text();
+  }
+  ADD_FAILURE() << "no fatal message for:\n" << urdf;
+  return out.text();
+}
+
+}  // namespace
+
+TEST(SensorBadInput, LocatedMessagesForEachKindOfMistake) {
+  const std::string okCamera =
+      "<camera horizontal_fov=\"1\"><image width=\"4\" height=\"4\"/><clip near=\"0.1\" "
+      "far=\"5\"/><noise type=\"none\" mean=\"0\" stddev=\"0\"/></camera>";
+  auto sensor = [](const std::string& attributes, const std::string& children) {
+    return fixedRobot("xyz=\"0 0 0\"", "<sensor " + attributes + ">" + children + "</sensor>");
+  };
+  const std::string lidarBody =
+      "<yaw samples=\"8\"/><pitch samples=\"2\" min_angle=\"0\" max_angle=\"0.1\"/>"
+      "<range min=\"0\" max=\"5\"/>";
+  struct Case {
+    std::string urdf, message;
+  };
+  const std::vector<Case> cases = {
+      {sensor("type=\"radar\" name=\"s\" update_rate=\"1\"", ""),
+       "Sensor type 'radar' is not supported. Only 'imu', 'rgb', 'spinning_lidar' and 'depth' are supported."},
+      {sensor("type=\"imu\" name=\"s\"", ""), "the node 'sensor' does not contain an attribute called 'update_rate'"},
+      {sensor("type=\"imu\" update_rate=\"1\"", ""), "does not contain an attribute called 'name'"},
+      {sensor("name=\"s\" update_rate=\"1\"", ""), "does not contain an attribute called 'type'"},
+      {sensor("type=\"imu\" name=\"s\" update_rate=\"fast\"", ""), "the attribute 'update_rate' is not a number"},
+      {sensor("type=\"imu\" name=\"s\" update_rate=\"1\"", "<limit acc_limit=\"3\"/>"),
+       "the node 'limit' does not contain an attribute called 'ang_vel_limit'"},
+      {sensor("type=\"depth\" name=\"s\" update_rate=\"1\"", okCamera), "the node 'sensor' does not contain a child"},
+      {sensor("type=\"rgb\" name=\"s\" update_rate=\"1\"",
+              "<camera horizontal_fov=\"1\"><image width=\"4\"/><clip near=\"0.1\" far=\"5\"/>"
+              "<noise type=\"none\" mean=\"0\" stddev=\"0\"/></camera>"),
+       "the node 'image' does not contain an attribute called 'height'"},
+      {sensor("type=\"spinning_lidar\" name=\"s\" update_rate=\"1\"", lidarBody),
+       "the node 'sensor' does not contain a child"},
+      {sensor("type=\"spinning_lidar\" name=\"s\" update_rate=\"1\"", lidarBody + "<spin direction=\"clockwise\"/>"),
+       "the node 'spin' does not contain an attribute called 'rate'"},
+      {sensor("type=\"spinning_lidar\" name=\"s\" update_rate=\"1\"",
+              "<yaw samples=\"8.5\"/><pitch samples=\"2\" min_angle=\"0\" max_angle=\"0.1\"/><range min=\"0\" "
+              "max=\"5\"/><spin direction=\"x\" rate=\"1\"/>"),
+       "the attribute 'samples' is not an integer"},
+      // Values no sensor can work with.
+      {sensor("type=\"imu\" name=\"s\" update_rate=\"-5\"", ""),
+       "the node 'sensor': the update_rate of sensor \"s\" must not be negative"},
+      {sensor("type=\"spinning_lidar\" name=\"s\" update_rate=\"1\"",
+              "<yaw samples=\"0\"/><pitch samples=\"2\" min_angle=\"0\" max_angle=\"0.1\"/><range min=\"0\" "
+              "max=\"5\"/><spin direction=\"x\" rate=\"1\"/>"),
+       "the lidar \"s\" needs at least one yaw and one pitch sample"},
+      {sensor("type=\"rgb\" name=\"s\" update_rate=\"1\"",
+              "<camera horizontal_fov=\"1\"><image width=\"-4\" height=\"4\"/><clip near=\"0.1\" far=\"5\"/>"
+              "<noise type=\"none\" mean=\"0\" stddev=\"0\"/></camera>"),
+       "the node 'image': the image of sensor \"s\" must not have a negative size"},
+      {sensor("type=\"depth\" name=\"s\" update_rate=\"1\"",
+              "<data/><camera horizontal_fov=\"3.2\"><image width=\"4\" height=\"4\"/><clip near=\"0.1\" far=\"5\"/>"
+              "<noise type=\"none\" mean=\"0\" stddev=\"0\"/></camera>"),
+       "the node 'camera': the horizontal_fov of sensor \"s\" must lie between 0 and pi radians"},
+      // Sensor set files.
+      {"<robot name=\"r\"><link name=\"a\" sensor=\"absent.xml\"/></robot>", "Could not find file: absent.xml"},
+      {"<robot name=\"r\"><link name=\"a\" sensor=\"wrong_root.xml\"/></robot>",
+       "wrong_root.xml file does not contain node 'sensor_set'"},
+      {"<robot name=\"r\"><link name=\"a\" sensor=\"no_link.xml\"/></robot>",
+       "the node 'sensor_set' does not contain a child"},
+      {"<robot name=\"r\"><link name=\"a\" sensor=\"camera.xml\"><inertial><mass value=\"1\"/></inertial></link>"
+       "</robot>",
+       "Sensor link parameters should be defined in the sensor XML file"},
+  };
+  for (const Case& c : cases) {
+    const std::string text = fatalOf(c.urdf);
+    EXPECT_NE(text.find(c.message), std::string::npos) << "expected: " << c.message << "\ngot: " << text;
+  }
+  // The sensor set file that exists is read from the same place.
+  ArticulatedSystem ok("<robot name=\"r\"><link name=\"a\" sensor=\"camera.xml\"/></robot>",
+                       std::string(VORSIM_TEST_DATA_DIR) + "/urdf");
+  EXPECT_TRUE(ok.hasSensor("a:depth"));
+  EXPECT_TRUE(ok.hasSensor("a:lidar"));
+}
+
+// ------------------------------------------------- inertial unit in motion --
+// These run the robot's own step: integrate computes the accelerations of the
+// step and updates the sensors that are due.
+
+namespace {
+
+// A floating body with an inertial unit at its centre of mass, and one on a
+// fixed-base pendulum hanging at rest.
+const char* kFloatingImu = R"(<?xml version="1.0"?><robot name="f">
+<link name="base"><inertial><mass value="2"/><inertia ixx="0.3" iyy="0.3" izz="0.3"/></inertial>
+  <sensor type="imu" name="imu" update_rate="1000"><origin rpy="0.3 -0.2 0.9"/></sensor></link></robot>)";
+
+const char* kHangingImu = R"(<?xml version="1.0"?><robot name="h"><link name="world"/>
+<joint name="mount" type="fixed"><parent link="world"/><child link="base"/><origin xyz="0 0 2"/></joint>
+<link name="base"><inertial><mass value="1"/><inertia ixx="0.1" iyy="0.1" izz="0.1"/></inertial>
+  <sensor type="imu" name="top" update_rate="100"/></link>
+<joint name="swing" type="revolute"><parent link="base"/><child link="bob"/><axis xyz="0 1 0"/>
+  <limit lower="-3" upper="3" effort="10" velocity="10"/></joint>
+<link name="bob"><inertial><origin xyz="0 0 -0.5"/><mass value="1"/><inertia ixx="0.01" iyy="0.01" izz="0.01"/>
+  </inertial><sensor type="imu" name="imu" update_rate="1000"><origin xyz="0.1 0 -0.5" rpy="0 0 0.4"/></sensor>
+</link></robot>)";
+
+Eigen::Matrix3d quaternionMatrix(const Mat<4, 1>& q) {
+  return Eigen::Quaterniond(q[0], q[1], q[2], q[3]).toRotationMatrix();
+}
+
+}  // namespace
+
+TEST(InertialUnitInMotion, FreeFallReadsNoAcceleration) {
+  World world;
+  world.setTimeStep(0.001);
+  ArticulatedSystem* robot = world.addArticulatedSystem(kFloatingImu);
+  auto imu = robot->getSensor<InertialMeasurementUnit>("base:imu");
+  // Thrown sideways and spinning: the body's inertia is a multiple of the
+  // identity, so the spin stays constant in the world.
+  const Eigen::Vector3d spin(0.4, -1.1, 2.0);
+  robot->setGeneralizedCoordinate({0, 0, 5, 1, 0, 0, 0});
+  robot->setGeneralizedVelocity({1.5, 0, 2.0, spin.x(), spin.y(), spin.z()});
+  for (int s = 0; s < 300; ++s) {
+    world.integrate();
+    ASSERT_EQ(imu->getLastUpdateTime(), world.getWorldTime());
+    EXPECT_LT(E(imu->getLinearAcceleration()).norm(), 1e-9) << "step " << s;
+    // The rate, in the sensor's frame, is the body's spin turned into it.
+    const Eigen::Matrix3d R = quaternionMatrix(imu->getQuaternion());
+    EXPECT_LT((E(imu->getAngularVelocity()) - R.transpose() * spin).norm(), 1e-9) << "step " << s;
+    EXPECT_LT((R - E(imu->getOrientation())).norm(), 1e-12);
+  }
+  // It did fall: the base is about 0.44 m lower after 0.3 s from 2 m/s up.
+  EXPECT_NEAR(robot->getGeneralizedCoordinate()[2], 5.0 + 2.0 * 0.3 - 0.5 * 9.81 * 0.09, 2e-3);
+}
+
+TEST(InertialUnitInMotion, AtRestOnAFixedBaseReadsGravityUp) {
+  World world;
+  world.setTimeStep(0.001);
+  ArticulatedSystem* robot = world.addArticulatedSystem(kHangingImu);
+  auto top = robot->getSensor<InertialMeasurementUnit>("base:top");
+  auto bob = robot->getSensor<InertialMeasurementUnit>("bob:imu");
+  const double g = 9.81;
+  for (int s = 0; s < 50; ++s) world.integrate();
+  // The base is level: +g along the sensor's z axis, the identity orientation.
+  EXPECT_LT((E(top->getLinearAcceleration()) - Eigen::Vector3d(0, 0, g)).norm(), 1e-6 * g);
+  EXPECT_EQ(E(top->getAngularVelocity()), Eigen::Vector3d::Zero());
+  EXPECT_LT((Eigen::Vector4d(top->getQuaternion().e()) - Eigen::Vector4d(1, 0, 0, 0)).norm(), 1e-15);
+  // The pendulum hangs still; its sensor, turned 0.4 rad about z, still reads
+  // +g along its own z axis and the turn as its orientation.
+  EXPECT_NEAR(robot->getGeneralizedCoordinate()[0], 0.0, 1e-12);
+  EXPECT_LT((E(bob->getLinearAcceleration()) - Eigen::Vector3d(0, 0, g)).norm(), 1e-6 * g);
+  EXPECT_LT((quaternionMatrix(bob->getQuaternion()) - Eigen::Matrix3d(Eigen::AngleAxisd(0.4, Eigen::Vector3d::UnitZ())))
+                .norm(),
+            1e-12);
+}
+
+TEST(InertialUnitInMotion, SpinningJointReadsItsRate) {
+  World world;
+  world.setTimeStep(0.001);
+  ArticulatedSystem* robot = world.addArticulatedSystem(spinner(""));
+  auto imu = robot->getSensor<InertialMeasurementUnit>("rotor:imu");
+  const double omega = 4.0, g = 9.81;
+  robot->setGeneralizedVelocity({omega});
+  for (int s = 0; s < 500; ++s) {
+    world.integrate();
+    // The vertical axis feels no torque from gravity: the rate holds, and the
+    // sensor reads it about its own z axis, the centripetal pull toward the
+    // axis along its y axis and gravity's reaction along z.
+    EXPECT_NEAR(robot->getGeneralizedVelocity()[0], omega, 1e-12);
+    EXPECT_LT((E(imu->getAngularVelocity()) - Eigen::Vector3d(0, 0, omega)).norm(), 1e-12) << "step " << s;
+    EXPECT_LT((E(imu->getLinearAcceleration()) - Eigen::Vector3d(0, omega * omega * 0.3, g)).norm(), 1e-9)
+        << "step " << s;
+  }
+  // The orientation turns with the joint: 2 rad after 0.5 s, plus the
+  // mount's quarter turn.
+  const double turned = robot->getGeneralizedCoordinate()[0];
+  EXPECT_NEAR(turned, omega * 0.5, 1e-9);
+}
+
+TEST(InertialUnitInMotion, RatesHonouredByTheStep) {
+  // Through the world's step alone: the 100 Hz sensor at dt 1 ms updates in
+  // the first step and then every 10th, the 1000 Hz one in every step.
+  World world;
+  world.setTimeStep(0.001);
+  ArticulatedSystem* robot = world.addArticulatedSystem(kHangingImu);
+  auto top = robot->getSensor<InertialMeasurementUnit>("base:top");
+  auto bob = robot->getSensor<InertialMeasurementUnit>("bob:imu");
+  std::vector<int> topAt;
+  int bobUpdates = 0;
+  double last = top->getLastUpdateTime(), lastBob = bob->getLastUpdateTime();
+  for (int s = 1; s <= 45; ++s) {
+    world.integrate();
+    if (top->getLastUpdateTime() != last) topAt.push_back(s);
+    bobUpdates += bob->getLastUpdateTime() != lastBob;
+    last = top->getLastUpdateTime();
+    lastBob = bob->getLastUpdateTime();
+  }
+  EXPECT_EQ(topAt, (std::vector<int>{1, 11, 21, 31, 41}));
+  EXPECT_EQ(bobUpdates, 45);
+}
