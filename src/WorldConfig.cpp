@@ -1,6 +1,7 @@
 // Reading a world from a file: the constructor that picks the format, the
 // world configuration file (text stage, then elements), object classes, and
 // URDF templates.
+#include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -118,6 +119,8 @@ class WorldConfigReader {
       xml::readNumberIfExists(erp[0], "erp2", erp2);
       world_.setERP(value, erp2);
     }
+    for (const char* tag : {"contact_solver", "contactSolver"})
+      for (const VorSimTinyXmlWrapper& solver : root.getChildren(tag)) readContactSolver(solver);
     for (const VorSimTinyXmlWrapper& c : root.getChildren("object_class")) readClass(c);
     for (const VorSimTinyXmlWrapper& objects : root.getChildren("objects"))
       for (const VorSimTinyXmlWrapper& e : objects.getChildren()) readObject(e);
@@ -130,6 +133,56 @@ class WorldConfigReader {
     const VorSimTinyXmlWrapper& element;
     const XmlObjectClass* objectClass;
   };
+
+  // ---- world settings ----
+
+  // "true" or "false" (or capitalised); anything else is a located message.
+  static bool flag(const VorSimTinyXmlWrapper& e, const char* snake, const char* camel, bool& out) {
+    std::string value;
+    if (!e.getAttributeIfExists(snake, camel, value)) return false;
+    if (value == "true" || value == "True") {
+      out = true;
+    } else if (value == "false" || value == "False") {
+      out = false;
+    } else {
+      e.errorMessage("the attribute '" + std::string(snake) + "' should be \"true\" or \"false\", not '" + value + "'");
+      return false;
+    }
+    return true;
+  }
+
+  static bool number(const VorSimTinyXmlWrapper& e, const char* snake, const char* camel, double& out) {
+    return xml::readNumberIfExists(e, snake, out) || xml::readNumberIfExists(e, camel, out);
+  }
+
+  // The contact solver's settings; an attribute left out keeps the world's
+  // present value (the defaults, for a new world).
+  void readContactSolver(const VorSimTinyXmlWrapper& e) {
+    contact::BisectionContactSolver& solver = world_.solver_;
+    double maxIter = solver.maxIter;
+    if (number(e, "max_iteration", "maxIteration", maxIter)) {
+      if (!(maxIter >= 1.0 && maxIter <= 1e9) || maxIter != std::floor(maxIter)) {
+        e.errorMessage("the attribute 'max_iteration' should be a whole number of at least 1, not " +
+                       formatNumber(maxIter));
+        return;
+      }
+    }
+    double threshold = solver.threshold, alphaInit = solver.alpha_init, alphaMin = solver.alpha_min,
+           alphaDecay = solver.alpha_decay;
+    xml::readNumberIfExists(e, "threshold", threshold);
+    number(e, "alpha_init", "alphaInit", alphaInit);
+    number(e, "alpha_min", "alphaMin", alphaMin);
+    number(e, "alpha_decay", "alphaDecay", alphaDecay);
+    world_.setContactSolverParam(alphaInit, alphaMin, alphaDecay, int(maxIter), threshold);
+
+    bool on = false;
+    if (flag(e, "warm_start", "warmStart", on)) world_.setWarmStart(on);
+    double tolerance = 0.0;
+    if (number(e, "warm_start_tolerance", "warmStartTolerance", tolerance)) world_.setWarmStartTolerance(tolerance);
+    if (flag(e, "exact_coulomb_sliding", "exactCoulombSliding", on)) world_.setExactCoulombSliding(on);
+    // The sweep direction of the next solve (it alternates from step to step).
+    if (flag(e, "forward_order", "forwardOrder", on)) solver.forwardOrder = on;
+  }
 
   // ---- values, from the element or its class ----
 
@@ -286,11 +339,34 @@ class WorldConfigReader {
       c.errorMessage("unrecognized object type in " + c.getFullTree());
       return;
     }
-    for (const char* attribute :
-         {"mass",           "inertia",        "com",           "material",  "dimension", "dim",
-          "radius",         "height",         "file",          "file_name", "fileName",  "scale",
-          "appearance",     "urdf_path",      "urdfPath",      "res_dir",   "resDir",    "collision_group",
-          "collisionGroup", "collision_mask", "collisionMask", "body_type"}) {
+    for (const char* attribute : {"mass",
+                                  "inertia",
+                                  "com",
+                                  "material",
+                                  "dimension",
+                                  "dim",
+                                  "radius",
+                                  "height",
+                                  "file",
+                                  "file_name",
+                                  "fileName",
+                                  "scale",
+                                  "appearance",
+                                  "urdf_path",
+                                  "urdfPath",
+                                  "res_dir",
+                                  "resDir",
+                                  "collision_group",
+                                  "collisionGroup",
+                                  "collision_mask",
+                                  "collisionMask",
+                                  "body_type",
+                                  "linear_damping",
+                                  "linearDamping",
+                                  "angular_damping",
+                                  "angularDamping",
+                                  "gyroscopic_mode",
+                                  "gyroscopicMode"}) {
       std::string value;
       if (c.getAttributeIfExists(attribute, value)) objectClass.attributes[attribute] = value;
     }
@@ -505,9 +581,107 @@ class WorldConfigReader {
       }
     }
 
+    if (single && isMovableSingleBody(type)) readDamping(s, single);
+
     for (const VorSimTinyXmlWrapper& state : e.getChildren("state")) readState(state, object, single);
+    for (const VorSimTinyXmlWrapper& control : e.getChildren("control")) readControl(control, object);
     std::string name;
     if (e.getAttributeIfExists("name", name)) object->setName(name);
+  }
+
+  // "linear_damping", "angular_damping" (three numbers, about the body's
+  // axes) and "gyroscopic_mode" of a movable single body.
+  void readDamping(const Source& s, SingleBodyObject* single) {
+    std::vector<double> values;
+    if (numbers(s, {"linear_damping", "linearDamping"}, values)) {
+      if (values.size() != 1)
+        s.element.errorMessage("the attribute 'linear_damping' should be one number");
+      else
+        single->setLinearDamping(values[0]);
+    }
+    if (numbers(s, {"angular_damping", "angularDamping"}, values)) {
+      if (values.size() != 3)
+        s.element.errorMessage("the attribute 'angular_damping' should have 3 numbers, not " +
+                               std::to_string(values.size()));
+      else
+        single->setAngularDamping(Mat<3, 1>{values[0], values[1], values[2]});
+    }
+    std::string mode;
+    if (text(s, {"gyroscopic_mode", "gyroscopicMode"}, mode)) {
+      if (mode == "implicit_body") {
+        single->setGyroscopicMode(IMPLICIT_GYROSCOPIC_FORCE_BODY);
+      } else if (mode == "implicit_world") {
+        single->setGyroscopicMode(IMPLICIT_GYROSCOPIC_FORCE_WORLD);
+      } else if (mode == "explicit") {
+        single->setGyroscopicMode(EXPLICIT_GYROSCOPIC_FORCE);
+      } else if (mode == "none") {
+        single->setGyroscopicMode(NO_GYROSCOPIC_FORCE);
+      } else {
+        s.element.errorMessage("Unknown gyroscopic mode: \"" + mode +
+                               "\". Available modes are: implicit_body, implicit_world, explicit, none");
+      }
+    }
+  }
+
+  // A vector attribute of exactly n numbers into out; false when absent or
+  // of another length (a located message).
+  static bool vectorOf(const VorSimTinyXmlWrapper& e, const char* snake, const char* camel, size_t n, VecDyn& out) {
+    std::vector<double> items;
+    const char* name = snake;
+    if (!xml::readNumbersIfExists(e, snake, items)) {
+      name = camel;
+      if (!xml::readNumbersIfExists(e, camel, items)) return false;
+    }
+    if (items.size() != n) {
+      e.errorMessage(std::string(name) + " has " + std::to_string(items.size()) + " numbers, the system needs " +
+                     std::to_string(n));
+      return false;
+    }
+    out.resize(n);
+    for (size_t i = 0; i < n; ++i) out[i] = items[i];
+    return true;
+  }
+
+  // A robot's actuation: "mode" (force_control, pd_plus_feedforward_torque),
+  // "p_gain", "d_gain", "vel_target", "force" (one number per degree of
+  // freedom) and "pos_target" (one per generalized coordinate). A gain or
+  // target left out keeps the robot's present one.
+  void readControl(const VorSimTinyXmlWrapper& e, Object* object) {
+    auto* system = dynamic_cast<ArticulatedSystem*>(object);
+    if (system == nullptr) {
+      e.errorMessage("control is only for articulated systems");
+      return;
+    }
+    std::string mode;
+    if (e.getAttributeIfExists("mode", mode)) {
+      if (mode == "force_control") {
+        system->setControlMode(ArticulatedSystem::FORCE_CONTROL);
+      } else if (mode == "pd_plus_feedforward_torque") {
+        system->setControlMode(ArticulatedSystem::PD_PLUS_FEEDFORWARD_TORQUE);
+      } else {
+        e.errorMessage("Unknown control mode: \"" + mode +
+                       "\". Available modes are: force_control, pd_plus_feedforward_torque");
+        return;
+      }
+    }
+    const size_t dof = system->getDOF(), gcDim = system->getGeneralizedCoordinateDim();
+    VecDyn p = system->pGain, d = system->dGain;
+    const bool hasP = vectorOf(e, "p_gain", "pGain", dof, p), hasD = vectorOf(e, "d_gain", "dGain", dof, d);
+    if (hasP || hasD) {
+      if (p.n != dof) p.setZero(dof);
+      if (d.n != dof) d.setZero(dof);
+      system->setPdGains(p, d);
+    }
+    VecDyn q = system->posTarget, u = system->velTarget;
+    const bool hasQ = vectorOf(e, "pos_target", "posTarget", gcDim, q),
+               hasU = vectorOf(e, "vel_target", "velTarget", dof, u);
+    if (hasQ || hasU) {
+      if (q.n != gcDim) q = system->getGeneralizedCoordinate();
+      if (u.n != dof) u.setZero(dof);
+      system->setPdTarget(q, u);
+    }
+    VecDyn tau;
+    if (vectorOf(e, "force", "force", dof, tau)) system->setGeneralizedForce(tau);
   }
 
   void readState(const VorSimTinyXmlWrapper& state, Object* object, SingleBodyObject* single) {
@@ -720,7 +894,10 @@ class WorldConfigReader {
     } else if (type == "stiff") {
       wire = world_.addStiffWire(objects[0], local[0], pos[0].e(), objects[1], local[1], pos[1].e(), length);
     } else if (type == "custom") {
-      wire = world_.addCustomWire(objects[0], local[0], pos[0].e(), objects[1], local[1], pos[1].e(), length);
+      auto* custom = world_.addCustomWire(objects[0], local[0], pos[0].e(), objects[1], local[1], pos[1].e(), length);
+      double tension = 0.0;
+      if (xml::readNumberIfExists(w, "tension", tension)) custom->setTension(tension);
+      wire = custom;
     } else {
       w.errorMessage("Unknown wire type: \"" + type + "\". Available types are: compliant, stiff, custom");
       return;

@@ -95,6 +95,19 @@ const char* wireTypeName(int type) {
   }
 }
 
+const char* gyroscopicModeName(GyroscopicMode mode) {
+  switch (mode) {
+    case IMPLICIT_GYROSCOPIC_FORCE_WORLD:
+      return "implicit_world";
+    case EXPLICIT_GYROSCOPIC_FORCE:
+      return "explicit";
+    case NO_GYROSCOPIC_FORCE:
+      return "none";
+    default:
+      return "implicit_body";
+  }
+}
+
 const char* stretchTypeName(int type) {
   switch (type) {
     case LengthConstraint::BOTH:
@@ -122,6 +135,18 @@ bool writeObj(const std::string& path, const Mesh& mesh) {
   return file.good();
 }
 
+// A robot's actuation: the control mode, PD gains and targets, and the
+// feed-forward force, each written when it has its full length.
+void writeControl(VorSimTinyXmlWriterElement& e, const ArticulatedSystem& s) {
+  e.setAttribute("mode", s.getControlMode() == ArticulatedSystem::PD_PLUS_FEEDFORWARD_TORQUE
+                             ? "pd_plus_feedforward_torque"
+                             : "force_control");
+  if (s.pGain.n == s.dof && s.dGain.n == s.dof) e.setAttribute("p_gain", s.pGain).setAttribute("d_gain", s.dGain);
+  if (s.posTarget.n == s.gcDim && s.velTarget.n == s.dof)
+    e.setAttribute("pos_target", s.posTarget).setAttribute("vel_target", s.velTarget);
+  if (s.feedForward.n == s.dof) e.setAttribute("force", s.feedForward);
+}
+
 }  // namespace
 
 // ------------------------------------------------------------------ world --
@@ -134,6 +159,16 @@ bool World::exportToXml(const std::string& directory, const std::string& fileNam
   root["gravity"].setAttribute("value", gravity_);
   root["timeStep"].setAttribute("value", timeStep_);
   root["erp"].setAttribute("erp", solver_.erp).setAttribute("erp2", solver_.erp2);
+  root["contact_solver"]
+      .setAttribute("max_iteration", solver_.maxIter)
+      .setAttribute("threshold", solver_.threshold)
+      .setAttribute("alpha_init", solver_.alpha_init)
+      .setAttribute("alpha_min", solver_.alpha_min)
+      .setAttribute("alpha_decay", solver_.alpha_decay)
+      .setAttribute("warm_start", solver_.warmStart ? "true" : "false")
+      .setAttribute("warm_start_tolerance", warmStartCache_.getTolerance())
+      .setAttribute("exact_coulomb_sliding", solver_.exactCoulomb ? "true" : "false")
+      .setAttribute("forward_order", solver_.forwardOrder ? "true" : "false");
   VorSimTinyXmlWriterElement& objects = root["objects"];
 
   std::vector<std::string> names(objects_.size());
@@ -173,6 +208,7 @@ bool World::exportToXml(const std::string& directory, const std::string& fileNam
       e["state"]
           .setAttribute("qpos", system->getGeneralizedCoordinate())
           .setAttribute("qvel", system->getGeneralizedVelocity());
+      writeControl(e.appendChild("control"), *system);
       continue;
     }
 
@@ -272,6 +308,13 @@ bool World::exportToXml(const std::string& directory, const std::string& fileNam
       for (size_t r = 0; r < 3; ++r)
         for (size_t c = 0; c < 3; ++c) rows[3 * r + c] = I(r, c);
       e.setAttribute("inertia", rows, 9);
+      // Damping and the gyroscopic mode where they differ from a new body's.
+      if (single->getLinearDamping() != 0.0) e.setAttribute("linear_damping", single->getLinearDamping());
+      const Mat<3, 1>& angularDamping = single->getAngularDamping();
+      if (angularDamping[0] != 0.0 || angularDamping[1] != 0.0 || angularDamping[2] != 0.0)
+        e.setAttribute("angular_damping", angularDamping);
+      if (single->getGyroscopicMode() != IMPLICIT_GYROSCOPIC_FORCE_BODY)
+        e.setAttribute("gyroscopic_mode", gyroscopicModeName(single->getGyroscopicMode()));
     }
     if (!single->getAppearance().empty() && type != GROUND) e.setAttribute("appearance", single->getAppearance());
     // A height map's geom stays at its centre until it is moved; only a moved
@@ -298,6 +341,8 @@ bool World::exportToXml(const std::string& directory, const std::string& fileNam
     w.setAttribute("type", wireTypeName(wire->getWireType()));
     if (auto* compliant = dynamic_cast<CompliantLengthConstraint*>(wire.get()))
       w.setAttribute("stiffness", compliant->getStiffness());
+    if (auto* custom = dynamic_cast<CustomLengthConstraint*>(wire.get()))
+      if (custom->getTension() != 0.0) w.setAttribute("tension", custom->getTension());
     w.setAttribute("length", wire->getLength());
     if (!wire->getName().empty()) w.setAttribute("name", wire->getName());
     w.setAttribute("stretch_type", stretchTypeName(wire->getStretchType()));

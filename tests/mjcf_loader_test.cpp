@@ -81,7 +81,7 @@ TEST(MjcfLoader, SameRobotAsUrdf) {
       vorsim_test::expectNear(a->posW[i], b->posW[i], 1e-12, "posW");
       vorsim_test::expectNear(a->rotW[i], b->rotW[i], 1e-12, "rotW");
     }
-    const Eigen::MatrixXd Ma = vorsim_test::massMatrixFromJacobians(*a), Mb = vorsim_test::massMatrixFromJacobians(*b);
+    const Eigen::MatrixXd Ma = vorsim_test::massMatrixOf(*a), Mb = vorsim_test::massMatrixOf(*b);
     EXPECT_LT((Ma - Mb).cwiseAbs().maxCoeff(), 1e-12) << Ma << "\n\n" << Mb;
     EXPECT_GT(Ma.diagonal().minCoeff(), 0.01);  // every joint carries mass
   }

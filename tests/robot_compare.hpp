@@ -10,28 +10,9 @@
 
 namespace vorsim_test {
 
-// The joint-space inertia from kinematics alone: the sum over bodies of
-// m Jv^T Jv + Jw^T (R I R^T) Jw at each centre of mass, plus rotor inertia on
-// the diagonal. An independent route to the mass matrix.
-inline Eigen::MatrixXd massMatrixFromJacobians(vorsim::ArticulatedSystem& s) {
-  using Eigen::Index;
-  Eigen::MatrixXd M = Eigen::MatrixXd::Zero(Index(s.dof), Index(s.dof));
-  for (size_t b = 0; b < s.nbody; ++b) {
-    vorsim::SparseJacobian jv, jw;
-    s.getSparseJacobian(b, s.comW[b], jv);
-    s.getSparseRotationalJacobian(b, jw);
-    Eigen::MatrixXd Jv = Eigen::MatrixXd::Zero(3, Index(s.dof)), Jw = Jv;
-    for (size_t k = 0; k < jv.size; ++k)
-      for (size_t r = 0; r < 3; ++r) Jv(Index(r), Index(jv.idx[k])) = jv.v(r, k);
-    for (size_t k = 0; k < jw.size; ++k)
-      for (size_t r = 0; r < 3; ++r) Jw(Index(r), Index(jw.idx[k])) = jw.v(r, k);
-    const Eigen::Matrix3d R = s.rotW[b].e();
-    const Eigen::Matrix3d I = R * s.inertiaB[b].e() * R.transpose();
-    M += s.massOf[b] * Jv.transpose() * Jv + Jw.transpose() * I * Jw;
-  }
-  for (size_t i = 0; i < s.dof; ++i) M(Index(i), Index(i)) += s.rotorInertiaGv[i];
-  return M;
-}
+// The robot's joint-space mass matrix at its present configuration, as an
+// Eigen matrix (a copy: the next call overwrites the robot's own).
+inline Eigen::MatrixXd massMatrixOf(vorsim::ArticulatedSystem& s) { return s.getMassMatrix().e(); }
 
 template <size_t n, size_t m>
 void expectNear(const vorsim::Mat<n, m>& a, const vorsim::Mat<n, m>& b, double tol, const std::string& what) {

@@ -438,6 +438,26 @@ TEST(WorldFile, BadInputEndsInLocatedMessages) {
        "the node 'state': qpos has 2 numbers, the system 1 generalized coordinates"},
       {"<articulated_system urdf_path=\"" VORSIM_TEST_DATA_DIR "/world/pendulum.urdf\" body_type=\"static\"/>",
        "body_type is only for single bodies"},
+      {"<articulated_system urdf_path=\"" VORSIM_TEST_DATA_DIR "/world/pendulum.urdf\"><control mode=\"pid\"/>"
+       "</articulated_system>",
+       "the node 'control': Unknown control mode: \"pid\". Available modes are: force_control, "
+       "pd_plus_feedforward_torque"},
+      {"<articulated_system urdf_path=\"" VORSIM_TEST_DATA_DIR "/world/pendulum.urdf\"><control p_gain=\"1 2\"/>"
+       "</articulated_system>",
+       "the node 'control': p_gain has 2 numbers, the system needs 1"},
+      {"<articulated_system urdf_path=\"" VORSIM_TEST_DATA_DIR "/world/pendulum.urdf\"><control pos_target=\"\"/>"
+       "</articulated_system>",
+       "the node 'control': pos_target has 0 numbers, the system needs 1"},
+      {"<articulated_system urdf_path=\"" VORSIM_TEST_DATA_DIR "/world/pendulum.urdf\"><control force=\"x\"/>"
+       "</articulated_system>",
+       "the attribute 'force' holds text that is not a number: 'x'"},
+      {"<box mass=\"1\" dim=\"1 1 1\" angular_damping=\"1 2\"/>",
+       "the attribute 'angular_damping' should have 3 numbers, not 2"},
+      {"<box mass=\"1\" dim=\"1 1 1\" linear_damping=\"1 2\"/>", "the attribute 'linear_damping' should be one number"},
+      {"<box mass=\"1\" dim=\"1 1 1\" gyroscopic_mode=\"implicit\"/>",
+       "Unknown gyroscopic mode: \"implicit\". Available modes are: implicit_body, implicit_world, explicit, none"},
+      {"<sphere mass=\"1\" radius=\"1\"><control mode=\"force_control\"/></sphere>",
+       "the node 'control': control is only for articulated systems"},
   };
   for (const Case& c : cases) {
     const std::string text = std::string("<vorsim>\n<objects>\n") + c.objects + "\n</objects>\n</vorsim>";
@@ -545,4 +565,188 @@ TEST(WorldFile, AFailedReadReleasesWhatWasBuilt) {
   world.addSphere(0.1, 1.0);
   world.integrate();
   EXPECT_EQ(world.getWorldStep(), 1);
+}
+
+TEST(WorldFile, DampingAndGyroscopicModes) {
+  World world(writeTemp("damped.xml", R"(<vorsim>
+<object_class name="heavy" type="box" dim="1 1 1" mass="2" linear_damping="0.5" gyroscopic_mode="none"/>
+<objects>
+  <box name="a" mass="1" dim="1 1 1" linear_damping="0.25" angular_damping="0.1 0.2 0.3"/>
+  <sphere name="b" mass="1" radius="1" linearDamping="2" angularDamping="1 1 1" gyroscopicMode="implicit_world"/>
+  <capsule name="c" mass="1" radius="0.1" height="1" gyroscopic_mode="explicit"/>
+  <cylinder name="d" mass="1" radius="0.1" height="1" gyroscopic_mode="implicit_body"/>
+  <heavy name="e"/>
+  <heavy name="f" linear_damping="0" gyroscopic_mode="explicit"/>
+</objects>
+</vorsim>)"));
+  struct Expected {
+    const char* name;
+    double linear;
+    Mat<3, 1> angular;
+    GyroscopicMode mode;
+  };
+  const Expected expected[] = {
+      {"a", 0.25, {0.1, 0.2, 0.3}, IMPLICIT_GYROSCOPIC_FORCE_BODY},
+      {"b", 2.0, {1.0, 1.0, 1.0}, IMPLICIT_GYROSCOPIC_FORCE_WORLD},
+      {"c", 0.0, {0.0, 0.0, 0.0}, EXPLICIT_GYROSCOPIC_FORCE},
+      {"d", 0.0, {0.0, 0.0, 0.0}, IMPLICIT_GYROSCOPIC_FORCE_BODY},
+      {"e", 0.5, {0.0, 0.0, 0.0}, NO_GYROSCOPIC_FORCE},
+      {"f", 0.0, {0.0, 0.0, 0.0}, EXPLICIT_GYROSCOPIC_FORCE},
+  };
+  for (const Expected& x : expected) {
+    auto* body = find<SingleBodyObject>(world, x.name);
+    ASSERT_NE(body, nullptr);
+    EXPECT_EQ(body->getLinearDamping(), x.linear) << x.name;
+    for (size_t i = 0; i < 3; ++i) EXPECT_EQ(body->getAngularDamping()[i], x.angular[i]) << x.name;
+    EXPECT_EQ(body->getGyroscopicMode(), x.mode) << x.name;
+  }
+  // Written back: every mode by its name, damping only where a body has it.
+  {
+    StdoutCapture quiet;
+    ASSERT_TRUE(world.exportToXml(testing::TempDir(), "vorsim_world_damped_back.xml"));
+  }
+  World back(testing::TempDir() + "vorsim_world_damped_back.xml");
+  for (const Expected& x : expected) {
+    auto* body = find<SingleBodyObject>(back, x.name);
+    ASSERT_NE(body, nullptr);
+    EXPECT_EQ(body->getLinearDamping(), x.linear) << x.name;
+    for (size_t i = 0; i < 3; ++i) EXPECT_EQ(body->getAngularDamping()[i], x.angular[i]) << x.name;
+    EXPECT_EQ(body->getGyroscopicMode(), x.mode) << x.name;
+  }
+}
+
+// ------------------------------------------------------- solver settings --
+
+namespace {
+
+// Boxes dropped on each other and on the ground: contacts that persist, so
+// that the warm start and exact sliding change the result.
+const char* kPile =
+    "<objects>\n"
+    "  <ground name=\"floor\"/>\n"
+    "  <box name=\"b0\" mass=\"1\" dim=\"0.2 0.2 0.2\"><state pos=\"0 0 0.099\" lin_vel=\"0.3 0 0\"/></box>\n"
+    "  <box name=\"b1\" mass=\"1\" dim=\"0.2 0.2 0.2\"><state pos=\"0.02 0 0.3\" ang_vel=\"0 0 1\"/></box>\n"
+    "  <box name=\"b2\" mass=\"5\" dim=\"0.2 0.2 0.2\"><state pos=\"-0.02 0.01 0.52\"/></box>\n"
+    "</objects>\n";
+
+// The three boxes' positions and velocities after n steps.
+std::vector<double> pileAfter(World& world, int n) {
+  for (int i = 0; i < n; ++i) world.integrate();
+  std::vector<double> out;
+  for (const char* name : {"b0", "b1", "b2"}) {
+    auto* b = dynamic_cast<SingleBodyObject*>(world.getObject(name));
+    for (size_t k = 0; k < 3; ++k) {
+      out.push_back(b->getPosition()[k]);
+      out.push_back(b->getLinearVelocity()[k]);
+      out.push_back(b->getAngularVelocity()[k]);
+    }
+  }
+  return out;
+}
+
+}  // namespace
+
+TEST(WorldFile, ContactSolverSettingsReadWriteAndDefaults) {
+  // Without the element: the defaults, and the same steps to the bit as a
+  // world built in code.
+  World plain(writeTemp("plain.xml", std::string("<vorsim>\n") + kPile + "</vorsim>"));
+  EXPECT_FALSE(plain.getWarmStart());
+  EXPECT_FALSE(plain.getExactCoulombSliding());
+  EXPECT_EQ(plain.getWarmStartTolerance(), 0.01);
+  EXPECT_EQ(plain.getContactSolver().maxIter, 150);
+  EXPECT_EQ(plain.getContactSolver().threshold, 1e-8);
+  World coded;
+  coded.addGround()->setName("floor");
+  const double z[3] = {0.099, 0.3, 0.52}, x[3] = {0.0, 0.02, -0.02}, y[3] = {0.0, 0.0, 0.01}, m[3] = {1, 1, 5};
+  for (int i = 0; i < 3; ++i) {
+    Box* b = coded.addBox(0.2, 0.2, 0.2, m[i]);
+    b->setName("b" + std::to_string(i));
+    b->setPosition(x[i], y[i], z[i]);
+  }
+  dynamic_cast<Box*>(coded.getObject("b0"))->setVelocity(0.3, 0, 0, 0, 0, 0);
+  dynamic_cast<Box*>(coded.getObject("b1"))->setVelocity(0, 0, 0, 0, 0, 1);
+  const std::vector<double> reference = pileAfter(coded, 300);
+  EXPECT_EQ(pileAfter(plain, 300), reference);
+
+  // The element with the options off, explicitly: still the default results.
+  World off(writeTemp("off.xml", std::string("<vorsim>\n<contact_solver warm_start=\"false\" "
+                                             "exact_coulomb_sliding=\"False\"/>\n") +
+                                     kPile + "</vorsim>"));
+  EXPECT_EQ(pileAfter(off, 300), reference);
+
+  // Both spellings set the options, and the options change the steps.
+  for (const char* element :
+       {"<contact_solver warm_start=\"true\" warm_start_tolerance=\"0.005\" exact_coulomb_sliding=\"True\" "
+        "max_iteration=\"90\" threshold=\"1e-10\" alpha_init=\"0.5\" alpha_min=\"0.25\" alpha_decay=\"0.125\" "
+        "forward_order=\"false\"/>",
+        "<contactSolver warmStart=\"True\" warmStartTolerance=\"0.005\" exactCoulombSliding=\"true\" "
+        "maxIteration=\"90\" threshold=\"1e-10\" alphaInit=\"0.5\" alphaMin=\"0.25\" alphaDecay=\"0.125\" "
+        "forwardOrder=\"False\"/>"}) {
+    World on(writeTemp("on.xml", std::string("<vorsim>\n") + element + "\n" + kPile + "</vorsim>"));
+    EXPECT_TRUE(on.getWarmStart()) << element;
+    EXPECT_EQ(on.getWarmStartTolerance(), 0.005) << element;
+    EXPECT_TRUE(on.getExactCoulombSliding()) << element;
+    const contact::BisectionContactSolver& solver = on.getContactSolver();
+    EXPECT_EQ(solver.maxIter, 90) << element;
+    EXPECT_EQ(solver.threshold, 1e-10) << element;
+    EXPECT_EQ(solver.alpha_init, 0.5) << element;
+    EXPECT_EQ(solver.alpha_min, 0.25) << element;
+    EXPECT_EQ(solver.alpha_decay, 0.125) << element;
+    EXPECT_FALSE(solver.isForwardOrder()) << element;
+
+    // Written out and read back: the same settings.
+    {
+      StdoutCapture quiet;
+      ASSERT_TRUE(on.exportToXml(testing::TempDir(), "vorsim_world_solver_back.xml"));
+    }
+    World back(testing::TempDir() + "vorsim_world_solver_back.xml");
+    EXPECT_TRUE(back.getWarmStart());
+    EXPECT_EQ(back.getWarmStartTolerance(), 0.005);
+    EXPECT_TRUE(back.getExactCoulombSliding());
+    EXPECT_EQ(back.getContactSolver().maxIter, 90);
+    EXPECT_EQ(back.getContactSolver().threshold, 1e-10);
+    EXPECT_EQ(back.getContactSolver().alpha_init, 0.5);
+    EXPECT_EQ(back.getContactSolver().alpha_min, 0.25);
+    EXPECT_EQ(back.getContactSolver().alpha_decay, 0.125);
+    EXPECT_FALSE(back.getContactSolver().isForwardOrder());
+
+    const std::vector<double> warm = pileAfter(on, 300);
+    EXPECT_EQ(pileAfter(back, 300), warm);
+    EXPECT_GT(on.getWarmStartedProblemCount(), 0u);
+    EXPECT_NE(warm, reference);
+  }
+
+  // The defaults are written too, and read back as the defaults.
+  {
+    StdoutCapture quiet;
+    ASSERT_TRUE(coded.exportToXml(testing::TempDir(), "vorsim_world_solver_default.xml"));
+  }
+  World back(testing::TempDir() + "vorsim_world_solver_default.xml");
+  EXPECT_FALSE(back.getWarmStart());
+  EXPECT_FALSE(back.getExactCoulombSliding());
+  EXPECT_EQ(back.getContactSolver().isForwardOrder(), coded.getContactSolver().isForwardOrder());
+}
+
+TEST(WorldFile, BadContactSolverSettingsEndInLocatedMessages) {
+  struct Case {
+    const char* element;
+    const char* message;
+  };
+  const Case cases[] = {
+      {"<contact_solver warm_start=\"yes\"/>", "the attribute 'warm_start' should be \"true\" or \"false\", not 'yes'"},
+      {"<contact_solver exactCoulombSliding=\"1\"/>",
+       "the attribute 'exact_coulomb_sliding' should be \"true\" or \"false\", not '1'"},
+      {"<contact_solver warm_start_tolerance=\"-0.1\"/>",
+       "The warm start tolerance must be zero or positive, not -0.1"},
+      {"<contact_solver max_iteration=\"0\"/>",
+       "the attribute 'max_iteration' should be a whole number of at least 1, not 0"},
+      {"<contact_solver max_iteration=\"2.5\"/>",
+       "the attribute 'max_iteration' should be a whole number of at least 1, not 2.5"},
+      {"<contact_solver threshold=\"small\"/>",
+       "the node 'contact_solver': the attribute 'threshold' is not a number: 'small'"},
+  };
+  for (const Case& c : cases) {
+    const std::string out = fatalOfWorld(std::string("<vorsim>\n") + c.element + "\n</vorsim>");
+    EXPECT_NE(out.find(c.message), std::string::npos) << c.element << "\n" << out;
+  }
 }

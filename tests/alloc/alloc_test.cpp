@@ -416,11 +416,12 @@ TEST_F(Allocations, ContactFreeRobotStepsAllocateNothing) {
 
 TEST_F(Allocations, WorldsReadFromFilesAllocateNothing) {
   // Every kind a world file holds (bodies, terrain, compounds, classes, wires,
-  // a robot), and an MJCF scene.
-  for (const char* file : {"/world/every_kind.xml", "/mjcf/scene.xml"}) {
+  // a robot), the same with the solver's options on, and an MJCF scene.
+  for (const char* file : {"/world/every_kind.xml", "/world/with_options.xml", "/mjcf/scene.xml"}) {
     testing::internal::CaptureStdout();
     World world(std::string(VORSIM_TEST_DATA_DIR) + file);
     testing::internal::GetCapturedStdout();
+    EXPECT_EQ(std::string(file) == "/world/with_options.xml", world.getWarmStart()) << file;
     EXPECT_EQ(allocationsInSteadySteps(world, 2000, 1000), 0) << file;
   }
 }
