@@ -13,7 +13,9 @@
 #include "vorsim/World.hpp"
 #include "vorsim/contact/Single3DContactProblem.hpp"
 #include "vorsim/object/ArticulatedSystem/ArticulatedSystem.hpp"
+#include "vorsim/object/HeightMap.hpp"
 #include "vorsim/object/Primitives.hpp"
+#include "vorsim/object/TerrainGenerator.hpp"
 
 using namespace vorsim;
 
@@ -234,28 +236,58 @@ TEST(RobotContacts, BlocksAndResponsesEqualDenseAlgebra) {
 }
 
 TEST(RobotContacts, QuadrupedStandsOnItsFeet) {
+  for (bool warm : {false, true}) {
+    SCOPED_TRACE(warm ? "warm start" : "cold start");
+    World world;
+    world.setTimeStep(0.001);
+    world.setWarmStart(warm);
+    world.addGround();
+    ArticulatedSystem* s = addStandingAnymal(world, 0.55, false, 200.0, 10.0);
+    for (int i = 0; i < 1000; ++i) world.integrate();
+    const double x0 = s->gc[0], y0 = s->gc[1], z0 = s->gc[2];
+    double deepest = 0.0;
+    size_t feet = 0;
+    for (int i = 0; i < 10000; ++i) {
+      world.integrate();
+      deepest = std::max(deepest, deepestPenetration(*s));
+      for (const Contact& c : s->getContacts()) {
+        const std::string& body = s->getBodyNames()[c.localBodyIndex];
+        EXPECT_NE(body.find("SHANK"), std::string::npos) << body;  // feet only
+      }
+      feet = std::max(feet, s->getContacts().size());
+    }
+    EXPECT_EQ(feet, 4u);
+    EXPECT_LT(deepest, 1e-3);
+    EXPECT_LT(std::hypot(s->gc[0] - x0, s->gc[1] - y0), 1e-3);
+    EXPECT_LT(std::abs(s->gc[2] - z0), 1e-3);
+    EXPECT_GT(s->gc[2], 0.4);  // standing, not kneeling
+    EXPECT_LT(largestSpeed(*s), 1e-3);
+  }
+}
+
+TEST(RobotContacts, QuadrupedStandsOnRoughTerrain) {
   World world;
   world.setTimeStep(0.001);
-  world.addGround();
-  ArticulatedSystem* s = addStandingAnymal(world, 0.55, false, 200.0, 10.0);
+  TerrainProperties terrain;
+  terrain.frequency = 0.8;
+  terrain.xSize = terrain.ySize = 4.0;
+  terrain.zScale = 0.3;
+  terrain.xSamples = terrain.ySamples = 80;
+  terrain.fractalOctaves = 3;
+  terrain.seed = 3;
+  HeightMap* map = world.addHeightMap(0.0, 0.0, terrain);
+  ArticulatedSystem* s = addStandingAnymal(world, map->getHeight(0, 0) + 0.55, false, 200.0, 10.0);
   for (int i = 0; i < 1000; ++i) world.integrate();
-  const double x0 = s->gc[0], y0 = s->gc[1], z0 = s->gc[2];
+  const double x0 = s->gc[0], y0 = s->gc[1];
   double deepest = 0.0;
-  size_t feet = 0;
   for (int i = 0; i < 10000; ++i) {
     world.integrate();
     deepest = std::max(deepest, deepestPenetration(*s));
-    for (const Contact& c : s->getContacts()) {
-      const std::string& body = s->getBodyNames()[c.localBodyIndex];
-      EXPECT_NE(body.find("SHANK"), std::string::npos) << body;  // feet only
-    }
-    feet = std::max(feet, s->getContacts().size());
   }
-  EXPECT_EQ(feet, 4u);
-  EXPECT_LT(deepest, 1e-3);
+  EXPECT_EQ(s->getContacts().size(), 4u);
+  EXPECT_LT(deepest, 2e-3);
+  EXPECT_GT(s->gc[2] - map->getHeight(s->gc[0], s->gc[1]), 0.35);  // on its feet
   EXPECT_LT(std::hypot(s->gc[0] - x0, s->gc[1] - y0), 1e-3);
-  EXPECT_LT(std::abs(s->gc[2] - z0), 1e-3);
-  EXPECT_GT(s->gc[2], 0.4);  // standing, not kneeling
   EXPECT_LT(largestSpeed(*s), 1e-3);
 }
 
