@@ -7,6 +7,7 @@
 
 #include "test_helpers.hpp"
 #include "vorsim/World.hpp"
+#include "vorsim/contact/BisectionContactSolver.hpp"
 #include "vorsim/contact/Single3DContactProblem.hpp"
 #include "vorsim/object/ArticulatedSystem/ArticulatedSystem.hpp"
 #include "vorsim/object/LengthConstraint.hpp"
@@ -82,6 +83,13 @@ TEST(JointLimits, PendulumStopsAtItsLimitAndLeavesIt) {
     }
     EXPECT_LT(highest - 0.2, 1e-3);
     EXPECT_LT(std::abs(s->gv[0]), 1e-9);
+    // Started from the last step's impulse, the held stop is solved at once.
+    const int loops = world.getContactSolver().getLoopCounter();
+    if (warm) {
+      EXPECT_EQ(loops, 1);
+    } else {
+      EXPECT_GT(loops, 1);
+    }
     for (int i = 0; i < 100; ++i) {
       setForce(*s, -20.0);
       world.integrate();
@@ -165,6 +173,8 @@ TEST(Pins, FourBarLinkageStaysClosed) {
   s->addConstraints({PinConstraintDefinition{"coupler", "crank2", Mat<3, 1>{0, 1, 0}}}, gc);
   s->initializeConstraints();
   ASSERT_EQ(s->getPins().size(), 1u);
+  EXPECT_EQ(s->getPins()[0].pinBody1, 2u);  // the first body named
+  EXPECT_EQ(s->getPins()[0].pinBody2, 3u);
 
   double worst = 0.0, lowest = 0.0;
   for (int i = 0; i < 10000; ++i) {
@@ -269,4 +279,100 @@ TEST(RobotWires, CustomTensionActsExactly) {
   EXPECT_NEAR(s->gv[0], 0.0, 1e-15);
   EXPECT_NEAR(s->gv[1], -0.6 * dv, 1e-15);
   EXPECT_NEAR(s->gv[2], 0.8 * dv, 1e-15);
+}
+
+TEST(JointLimits, LimitResponsesAreColumnsOfTheInverseMass) {
+  // A floating base carrying a prismatic, a revolute and a spherical joint in
+  // a chain, and a revolute side branch, every joint past its limit: each
+  // limit's response is M^-1 times the unit impulse on its joint, and its
+  // inverse inertia the matching entry, with the implicit PD diagonal in M.
+  Child root = body("root", Joint::FLOATING, 3.0, {0.1, 0, 0});
+  Child slider = body("slider", Joint::PRISMATIC, 1.0, {0, 0.1, -0.2});
+  slider.axis = {0, 0, 1};
+  slider.pos = {0.2, 0, 0};
+  slider.limit = {0.1, 0.3};
+  Child hinge = body("hinge", Joint::REVOLUTE, 0.7, {0, 0, -0.3});
+  hinge.axis = {0, 1, 0};
+  hinge.pos = {0, 0, -0.2};
+  hinge.limit = {-0.5, -0.2};
+  Child ball = body("ball", Joint::SPHERICAL, 0.4, {0.05, 0, -0.2});
+  ball.pos = {0, 0, -0.4};
+  ball.limit = {0.2, 0.0};
+  Child side = body("side", Joint::REVOLUTE, 0.5, {0, 0.2, 0});
+  side.axis = {1, 0, 0};
+  side.pos = {-0.2, 0, 0};
+  side.limit = {0.3, 0.4};
+  hinge.child.push_back(ball);
+  slider.child.push_back(hinge);
+  root.child.push_back(slider);
+  root.child.push_back(side);
+  World world;
+  ArticulatedSystem* s = world.addArticulatedSystem(root, "", 1, 0);
+  ASSERT_EQ(s->dof, 12u);
+  VecDyn gc = s->gc;
+  gc[7] = 0.0;  // below the slider's range
+  gc[8] = 0.1;  // above the hinge's
+  const double angle = 0.5, axis[3] = {0.6, 0.0, 0.8};
+  gc[9] = std::cos(angle / 2);
+  for (size_t k = 0; k < 3; ++k) gc[10 + k] = std::sin(angle / 2) * axis[k];
+  gc[13] = 0.0;  // below the side branch's range
+  s->setGeneralizedCoordinate(gc);
+  VecDyn p(s->dof), d(s->dof), v(s->dof);
+  for (size_t i = 0; i < s->dof; ++i) p[i] = 40.0, d[i] = 2.0, v[i] = 0.0;
+  s->setControlMode(ArticulatedSystem::PD_PLUS_FEEDFORWARD_TORQUE);
+  s->setPdGains(p, d);
+  s->setPdTarget(gc, v);
+  world.integrate1();
+  ContactProblemList problems;
+  s->preContactSolverUpdate2(world.getGravity(), world.getTimeStep(), problems);
+  ASSERT_EQ(problems.size(), 4u);
+  Eigen::MatrixXd M = s->getMassMatrix().e();
+  for (size_t i = 0; i < s->dof; ++i) M(Eigen::Index(i), Eigen::Index(i)) += s->dampedDiag[i];
+  const Eigen::MatrixXd Minv = M.inverse();
+  for (const auto& P : problems) {
+    const size_t b = P.localIndexA, g = s->gvIdx[b];
+    SCOPED_TRACE(s->getBodyNames()[b]);
+    Eigen::VectorXd e = Eigen::VectorXd::Zero(Eigen::Index(s->dof));
+    if (s->jointType[b] == Joint::SPHERICAL) {
+      for (size_t k = 0; k < 3; ++k) e(Eigen::Index(g + k)) = P.basis[0][k];
+      EXPECT_NEAR(P.basis[0][0], 0.6, 1e-12);
+      EXPECT_NEAR(P.basis[0][2], 0.8, 1e-12);
+      EXPECT_NEAR(P.depth, 0.2 - 0.5, 1e-12);
+    } else {
+      e(Eigen::Index(g)) = 1.0;
+    }
+    const Eigen::VectorXd expected = Minv * e;
+    EXPECT_LT((s->limitResponse[b].e() - expected).norm(), 1e-9 * expected.norm());
+    EXPECT_NEAR(P.rankOneDelassus, e.dot(expected), 1e-9 * e.dot(expected));
+    EXPECT_NEAR(P.delassusInverse(0, 0) * P.rankOneDelassus, 1.0, 1e-12);
+    EXPECT_EQ(P.rank, 5);
+  }
+  EXPECT_EQ(problems[0].mu, 1.0);   // the slider, below its range
+  EXPECT_EQ(problems[1].mu, -1.0);  // the hinge, above its range
+  EXPECT_NEAR(problems[0].depth, 0.1, 1e-12);
+  EXPECT_NEAR(problems[1].depth, 0.3, 1e-12);
+}
+
+TEST(Pins, APinOnTheFixedBaseHoldsALink) {
+  // A pendulum pinned at its tip to a point of the fixed base, named first:
+  // the moving body owns the pin, and the pendulum stays where it was put.
+  Child base = body("ground", Joint::FIXED, 1.0, {0, 0, 0});
+  base.pos = {0, 0, 2};
+  Child arm = body("arm", Joint::REVOLUTE, 1.0, {0, 0, -0.5});
+  arm.axis = {1, 0, 0};
+  base.child.push_back(arm);
+  World world;
+  world.setTimeStep(0.001);
+  ArticulatedSystem* s = world.addArticulatedSystem(base, "", 1, 0);
+  VecDyn gc(1);
+  gc[0] = 0.8;
+  const double y = std::sin(0.8), z = -std::cos(0.8);
+  s->addConstraints({PinConstraintDefinition{"ground", "arm", Mat<3, 1>{0, y, z}}}, gc);
+  s->initializeConstraints();
+  ASSERT_EQ(s->getPins().size(), 1u);
+  EXPECT_EQ(s->getPins()[0].pinBody1, 1u);
+  EXPECT_EQ(s->getPins()[0].pinBody2, 0u);
+  for (int i = 0; i < 2000; ++i) world.integrate();
+  EXPECT_NEAR(s->gc[0], 0.8, 1e-3);  // gravity alone would swing it down
+  EXPECT_EQ(s->getContacts().size(), 1u);
 }
