@@ -105,7 +105,12 @@ void World::updateMaterialProp(const MaterialManager& other) { materialManager_ 
 
 void World::nearCallback(void* data, dxGeom* o1, dxGeom* o2) {
   auto* world = static_cast<World*>(data);
-  if (geomData(o1).ignoredGeoms.count(o2)) return;
+  const GeomData& d1 = geomData(o1);
+  if (d1.ignoredGeoms.count(o2)) return;
+  // A body never touches itself: two geoms of one body are not even tested
+  // (a geom inside another is a degenerate case for the collision library).
+  const GeomData& d2 = geomData(o2);
+  if (d1.objectIndex == d2.objectIndex && d1.localIndex == d2.localIndex) return;
   auto& store = world->contactGeoms_;
   if (store.size() < size_t(world->numContacts_) + 500) store.resize(store.size() * 3);
   world->numContacts_ += dCollide(o1, o2, 500, &store[size_t(world->numContacts_)], sizeof(dContactGeom));

@@ -466,11 +466,14 @@ TEST(Building, RobotsInAWorld) {
   EXPECT_EQ(hits[0].getObject(), robot);
   EXPECT_NEAR(hits[0].getPosition()[2], 1.6, 1e-6);
 
-  // Stepping with the robot in contact keeps it where it is (no dynamics yet).
+  // The arm's mass sits on its joint, so only the sphere dropped on the mesh
+  // turns it: down, at the sphere's side, and the sphere goes down with it.
   sphere->setPosition(0.5, 0, 1.75);
   for (int i = 0; i < 50; ++i) world.integrate();
-  EXPECT_EQ(robot->gc[0], M_PI / 2);
-  EXPECT_NEAR(sphere->getPosition()[2], 1.7, 0.01);  // resting on the mesh
+  EXPECT_GT(robot->gc[0], M_PI / 2 + 0.01);
+  EXPECT_LT(sphere->getPosition()[2], 1.69);
+  EXPECT_GT(sphere->getPosition()[2], 1.0);
+  robot->setGeneralizedCoordinate({M_PI / 2});
 
   // Offsets and sizes of geoms can be changed after building.
   robot->setCollisionObjectShapeParameters(1, Mat<4, 1>{0.08, 0, 0, 0});

@@ -240,12 +240,14 @@ TEST(Registry, SelfCollisionKeepsAsManyPointsAsTheObjectAllows) {
     world.addGeom(body->second(), c.secondLocal);
     world.integrate1();
     const size_t points = size_t(world.getNumberOfCollisionPoints());
-    ASSERT_GE(points, 2u);
     const auto& list = body->getContacts();
     if (c.secondLocal == 0) {
+      // Not even tested for points.
+      EXPECT_EQ(points, 0u);
       EXPECT_TRUE(list.empty());
       continue;
     }
+    ASSERT_GE(points, 2u);
     const size_t kept = c.type == ARTICULATED_SYSTEM && c.cap == 1 ? 1u : points;
     ASSERT_EQ(list.size(), 2 * kept);
     EXPECT_EQ(world.getContactProblem().size(), kept);

@@ -346,6 +346,7 @@ void Child::initVisuals(std::vector<VisObject>& visualList) {
 }
 
 void ArticulatedSystem::updateCollision() {
+  limitProblemLog.clear();
   for (const CollisionDefinition& d : collisionDefinitions) {
     const size_t b = d.localIdx;
     Mat<3, 1> p;

@@ -1,33 +1,398 @@
-// Contact side of a robot: contact Jacobians, Delassus blocks and the
-// solver's velocity reads and impulse writes.
+// Contact side of a robot: contact Jacobians in the contact frame, the
+// response of the robot to a unit impulse at each contact and the 3x3 Delassus
+// block, computed per contact by one sweep over the articulated-body factors
+// of the step (no mass-matrix inverse), and the solver's velocity reads and
+// impulse writes.
 //
-// WAITING FOR THE CONTACT STAGE. Until it lands, a robot takes no part in its
-// contacts: each of them gets a unit Delassus block (so the solver's numbers
-// stay finite), its velocity at every contact reads as zero, and impulses
-// leave it unchanged. A robot therefore passes through the ground and other
-// bodies under its own dynamics. None of this is the contact response of a
-// robot.
+// A contact between two bodies of the same robot (a self-collision, or a pin)
+// has two records. The owning one (isObjectA) is merged into a Jacobian of the
+// relative motion of the two points; its twin is marked skip and serves as
+// scratch for the cross terms of the block.
 #include "vorsim/object/ArticulatedSystem/ArticulatedSystem.hpp"
 
 namespace vorsim {
 
-// Placeholder until the contact stage: unit blocks, no Jacobians. The scheme
-// of the step is chosen here: a PD-controlled robot in contact steps with the
-// trapezoid.
-void ArticulatedSystem::preContactSolverUpdate1(const Mat<3, 1>& /*gravity*/, double /*dt*/) {
-  activeScheme = (contacts_.empty() || controlMode != PD_PLUS_FEEDFORWARD_TORQUE) ? integrationScheme : TRAPEZOID;
-  for (Contact& c : contacts_) c.delassus.setIdentity();
+namespace {
+
+using Vec3 = Eigen::Vector3d;
+using Mat3 = Eigen::Matrix3d;
+using Mat36 = Eigen::Matrix<double, 3, 6>;
+using ResponseMap = Eigen::Map<Eigen::Matrix<double, 3, Eigen::Dynamic>>;
+
+// M skew(r), column by column.
+inline Mat3 timesSkew(const Mat3& M, const Vec3& r) {
+  Mat3 out;
+  out.col(0) = r(2) * M.col(1) - r(1) * M.col(2);
+  out.col(1) = r(0) * M.col(2) - r(2) * M.col(0);
+  out.col(2) = r(1) * M.col(0) - r(0) * M.col(1);
+  return out;
 }
 
-// Placeholder until the contact stage: the robot does not move.
-void ArticulatedSystem::getContactPointVel(size_t /*contactIdx*/, Mat<3, 1>& vel) const { vel.setZero(); }
-void ArticulatedSystem::addContactPointVel(size_t /*contactIdx*/, Mat<3, 1>& /*vel*/) {}
-void ArticulatedSystem::subContactPointVel(size_t /*contactIdx*/, Mat<3, 1>& /*vel*/) {}
-void ArticulatedSystem::addContactPointVel2(size_t /*contactIdx*/, Mat<3, 1>& /*vel*/) {}
-void ArticulatedSystem::subContactPointVel2(size_t /*contactIdx*/, Mat<3, 1>& /*vel*/) {}
-// Placeholder until the contact stage: impulses are not applied.
-void ArticulatedSystem::updateGenVelWithImpulse(size_t /*contactIdx*/, const Mat<3, 1>& /*impulse*/) {}
+// Rows of spatial force moved from a child's origin to its parent's, r from
+// the parent's origin to the child's.
+inline void shiftForceRows(const Vec3& r, Mat36& F) {
+  for (int k = 0; k < 3; ++k) {
+    const Vec3 f = F.row(k).head<3>().transpose();
+    F.row(k).tail<3>() += r.cross(f).transpose();
+  }
+}
 
-void ArticulatedSystem::cleanContacts() { contacts_.clear(); }
+// Rows of spatial acceleration moved from a parent's origin to its child's.
+inline void shiftMotionRows(const Vec3& r, Mat36& A) {
+  for (int k = 0; k < 3; ++k) {
+    const Vec3 w = A.row(k).tail<3>().transpose();
+    A.row(k).head<3>() += w.cross(r).transpose();
+  }
+}
+
+inline void addColumn(const SparseJacobian& J, const VecDyn& u, Mat<3, 1>& vel, double sign) {
+  for (size_t k = 0; k < J.size; ++k) {
+    const double s = sign * u[J.idx[k]];
+    const double* col = J.v.v + 3 * k;
+    vel[0] += s * col[0];
+    vel[1] += s * col[1];
+    vel[2] += s * col[2];
+  }
+}
+
+}  // namespace
+
+bool ArticulatedSystem::isMergedOwner(const Contact& c) const {
+  return c.pairObjectIndex == indexInWorld_ && c.isObjectA && c.pairObjectBodyType == DYNAMIC &&
+         c.pairContactIndex < contacts_.size();
+}
+
+// ---------------------------------------------------------------- Jacobians --
+
+void ArticulatedSystem::preContactSolverUpdate1(const Mat<3, 1>& /*gravity*/, double /*dt*/) {
+  // A PD-controlled robot that has had contacts steps with the trapezoid until
+  // its coordinates are set anew.
+  activeScheme =
+      (contactJacobians.empty() || controlMode != PD_PLUS_FEEDFORWARD_TORQUE) ? integrationScheme : TRAPEZOID;
+  contactCount = contacts_.size();
+
+  // Storage for new contact entries: room for dof columns each, so that no
+  // later step with as many contacts allocates.
+  auto growJacobians = [this](std::vector<SparseJacobian>& list) {
+    if (list.size() >= contactCount) return;
+    const size_t old = list.size();
+    list.resize(contactCount);
+    for (size_t c = old; c < contactCount; ++c) list[c].resize(dof);
+  };
+  growJacobians(contactJacobians);
+  growJacobians(contactJacobiansLocal);
+  if (contactResponse.size() < contactCount) {
+    const size_t old = contactResponse.size();
+    contactResponse.resize(contactCount);
+    for (size_t c = old; c < contactCount; ++c) {
+      contactResponse[c].resize(3, dof);
+      contactResponse[c].setZero();
+    }
+  }
+
+  for (size_t c = 0; c < contactCount; ++c)
+    getSparseJacobian_internal(contacts_[c].localBodyIndex, contacts_[c].position, contactJacobians[c]);
+
+  // Pairs of this robot's own points become one Jacobian of their relative
+  // motion; both ride the same base, so the base columns go.
+  for (size_t c = 0; c < contactCount; ++c) {
+    Contact& ct = contacts_[c];
+    if (!isMergedOwner(ct)) continue;
+    const size_t q = ct.pairContactIndex;
+    jacoSub(contactJacobians[q], contactJacobians[c], jointType[0] == Joint::FLOATING);
+    ct.isSelfCollision = true;
+    contacts_[q].skip = true;
+  }
+
+  for (size_t c = 0; c < contactCount; ++c)
+    if (!contacts_[c].skip) rotateContactJacobian(c);
+}
+
+void ArticulatedSystem::rotateContactJacobian(size_t c) {
+  const Contact& ct = contacts_[c];
+  const SparseJacobian& J = contactJacobians[c];
+  SparseJacobian& L = contactJacobiansLocal[c];
+  L.resize(J.size);
+  const Mat<3, 3>& F = ct.frame;
+  size_t start = 0;
+  if (jointType[0] == Joint::FLOATING && !ct.isSelfCollision && J.size >= 6) {
+    // The base's linear columns are the frame's columns; its angular ones
+    // follow from r, the point relative to the base origin.
+    const double* r = J.v.v + 9;
+    for (size_t m = 0; m < 3; ++m) {
+      for (size_t k = 0; k < 3; ++k) L.v(k, m) = F(k, m);
+      L.idx[m] = m;
+    }
+    for (size_t k = 0; k < 3; ++k) {
+      const double f0 = F(k, 0), f1 = F(k, 1), f2 = F(k, 2);
+      L.v(k, 3) = r[1] * f2 - r[2] * f1;
+      L.v(k, 4) = r[2] * f0 - r[0] * f2;
+      L.v(k, 5) = r[0] * f1 - r[1] * f0;
+    }
+    for (size_t m = 3; m < 6; ++m) L.idx[m] = m;
+    start = 6;
+  }
+  for (size_t m = start; m < J.size; ++m) {
+    const double x = J.v(0, m), y = J.v(1, m), z = J.v(2, m);
+    for (size_t k = 0; k < 3; ++k) L.v(k, m) = F(k, 0) * x + F(k, 1) * y + F(k, 2) * z;
+    L.idx[m] = J.idx[m];
+  }
+}
+
+void ArticulatedSystem::jacoSub(const SparseJacobian& b, SparseJacobian& a, bool skipBase) {
+  if (b.size == 0) return;
+  if (a.size == 0) {
+    a.resize(b.size);
+    for (size_t m = 0; m < b.size; ++m) {
+      for (size_t k = 0; k < 3; ++k) a.v(k, m) = -b.v(k, m);
+      a.idx[m] = b.idx[m];
+    }
+    return;
+  }
+  // Copy a into the scratch by hand: assignment would give up its capacity.
+  SparseJacobian& t = jacobianScratch;
+  t.resize(a.size);
+  for (size_t m = 0; m < a.size; ++m) {
+    for (size_t k = 0; k < 3; ++k) t.v(k, m) = a.v(k, m);
+    t.idx[m] = a.idx[m];
+  }
+  if (a.capacity < a.size + b.size) {
+    // Never in a steady step: contact Jacobians have room for dof columns and
+    // the merge of two chains of one tree has at most dof.
+    SparseJacobian grown;
+    grown.resize(a.size + b.size);
+    a = grown;
+    a.capacity = grown.capacity;
+  }
+  const size_t none = size_t(-1);
+  size_t i = skipBase ? 6 : 0, j = skipBase ? 6 : 0, out = 0;
+  if (i > t.size) i = t.size;
+  if (j > b.size) j = b.size;
+  while (i < t.size || j < b.size) {
+    const size_t ti = i < t.size ? t.idx[i] : none;
+    const size_t bj = j < b.size ? b.idx[j] : none;
+    if (ti < bj) {
+      for (size_t k = 0; k < 3; ++k) a.v(k, out) = t.v(k, i);
+      a.idx[out++] = ti;
+      ++i;
+    } else if (bj < ti) {
+      for (size_t k = 0; k < 3; ++k) a.v(k, out) = -b.v(k, j);
+      a.idx[out++] = bj;
+      ++j;
+    } else {
+      const double d0 = t.v(0, i) - b.v(0, j), d1 = t.v(1, i) - b.v(1, j), d2 = t.v(2, i) - b.v(2, j);
+      a.v(0, out) = d0;
+      a.v(1, out) = d1;
+      a.v(2, out) = d2;
+      a.idx[out] = ti;
+      // A column that cancels exactly is dropped (a NaN is kept).
+      if (!(d0 == 0.0 && d1 == 0.0 && d2 == 0.0)) ++out;
+      ++i;
+      ++j;
+    }
+  }
+  a.size = out;
+}
+
+// ------------------------------------------------------- responses and blocks --
+
+void ArticulatedSystem::computeContactResponses() {
+  const size_t n = std::min(contactCount, contacts_.size());
+  if (n == 0 || contactResponse.size() < n) return;
+  for (size_t c = 0; c < n; ++c) sweepContact(c);
+
+  // Self-collisions: the response of the relative motion, and the block
+  // G = G_AA + G_BB - G_AB - G_BA with the cross term from the twin's response.
+  for (size_t c = 0; c < n; ++c) {
+    Contact& ct = contacts_[c];
+    if (!isMergedOwner(ct) || ct.pairContactIndex >= n) continue;
+    const size_t q = ct.pairContactIndex;
+    Contact& twin = contacts_[q];
+    ResponseMap Rc(contactResponse[c].v, 3, Eigen::Index(dof));
+    ResponseMap Rq(contactResponse[q].v, 3, Eigen::Index(dof));
+    Rc -= Rq;
+    ct.delassus.e() += twin.delassus.e();
+
+    Mat3 K = Mat3::Zero();
+    const Vec3 x = twin.position.e();
+    for (size_t j = ct.localBodyIndex; j != 0; j = parent[j]) {
+      const size_t g = gvIdx[j];
+      const Vec3 r = posW[j].e() - x;
+      switch (jointType[j]) {
+        case Joint::REVOLUTE:
+          K.noalias() += r.cross(axisW[j].e()) * Rq.col(Eigen::Index(g)).transpose();
+          break;
+        case Joint::PRISMATIC:
+          K.noalias() += axisW[j].e() * Rq.col(Eigen::Index(g)).transpose();
+          break;
+        case Joint::SPHERICAL: {
+          const Mat3 R = rotW[j].e();
+          for (int m = 0; m < 3; ++m) K.noalias() += r.cross(Vec3(R.col(m))) * Rq.col(Eigen::Index(g) + m).transpose();
+          break;
+        }
+        default:
+          break;
+      }
+    }
+    if (jointType[0] == Joint::FLOATING) {
+      const Vec3 r = posW[0].e() - x;
+      for (int m = 0; m < 3; ++m) {
+        K.noalias() += Vec3::Unit(m) * Rq.col(m).transpose();
+        K.noalias() += r.cross(Vec3::Unit(m)) * Rq.col(3 + m).transpose();
+      }
+    }
+    const Mat3 FK = ct.frame.e() * K;
+    ct.delassus.e() -= FK + FK.transpose();
+    twin.delassus.e() = K;
+  }
+  computeImpactVelocities();
+}
+
+void ArticulatedSystem::sweepContact(size_t c) {
+  Contact& ct = contacts_[c];
+  const size_t b = ct.localBodyIndex;
+  MatDyn& response = contactResponse[c];
+  response.setZero();
+  ResponseMap R(response.v, 3, Eigen::Index(dof));
+
+  // Row k: the spatial force of a unit impulse along contact axis k, about
+  // the body's origin.
+  const Mat3 F = ct.frame.e();
+  Mat36 F0;
+  F0.leftCols<3>() = F;
+  F0.rightCols<3>() = timesSkew(F, posW[b].e() - ct.position.e());
+  abaData[b].response = F0;
+
+  // Up the path: each joint takes its share of the impulse, and passes on the
+  // rest.
+  for (size_t j = b; j != 0; j = parent[j]) {
+    AbaData& d = abaData[j];
+    const Eigen::Index g = Eigen::Index(gvIdx[j]);
+    Mat36 pass;
+    if (jointType[j] == Joint::SPHERICAL) {
+      const AbaData3& d3 = abaData3[j];
+      const Mat3 T = d.response * d3.S * d3.Dinv;
+      R.middleCols<3>(g) = T;
+      pass.noalias() = d.response - T * d3.U.transpose();
+    } else if (jointType[j] == Joint::REVOLUTE || jointType[j] == Joint::PRISMATIC) {
+      const Vec3 t = (d.response * d.S) * d.Dinv;
+      R.col(g) = t;
+      pass.noalias() = d.response - t * d.U.transpose();
+    } else {
+      pass = d.response;
+    }
+    shiftForceRows(relPosW[j].e(), pass);
+    abaData[parent[j]].response = pass;
+  }
+
+  AbaData& root = abaData[0];
+  if (jointType[0] == Joint::FLOATING) {
+    const Mat36 Y = root.response * baseInertiaInverse.e();
+    root.response = Y;
+    R.leftCols<6>() = Y;
+  } else {
+    root.response.setZero();
+  }
+
+  // Down every body: accelerations per unit impulse.
+  for (size_t i = 1; i < nbody; ++i) {
+    AbaData& d = abaData[i];
+    Mat36 Yp = abaData[parent[i]].response;
+    shiftMotionRows(relPosW[i].e(), Yp);
+    const bool needed = i == b || !children[i].empty();
+    const Eigen::Index g = Eigen::Index(gvIdx[i]);
+    if (jointType[i] == Joint::SPHERICAL) {
+      const AbaData3& d3 = abaData3[i];
+      R.middleCols<3>(g) -= Yp * d3.UDinv;
+      if (needed) d.response.noalias() = Yp + R.middleCols<3>(g) * d3.S.transpose();
+    } else if (jointType[i] == Joint::REVOLUTE || jointType[i] == Joint::PRISMATIC) {
+      R.col(g) -= Yp * d.UDinv;
+      if (needed) d.response.noalias() = Yp + R.col(g) * d.S.transpose();
+    } else if (needed) {
+      d.response = Yp;
+    }
+  }
+
+  ct.delassus.e() = abaData[b].response * F0.transpose();
+}
+
+void ArticulatedSystem::computeImpactVelocities() {
+  const size_t n = std::min(contactCount, contacts_.size());
+  for (size_t c = 0; c < n; ++c) {
+    Contact& ct = contacts_[c];
+    // A twin's local Jacobian is not built: its part is in the merged record.
+    if (ct.skip) {
+      ct.impactVel = 0.0;
+      continue;
+    }
+    const SparseJacobian& J = contactJacobiansLocal[c];
+    double v = 0.0;
+    for (size_t k = 0; k < J.size; ++k) v += gv[J.idx[k]] * J.v(2, k);
+    ct.impactVel = v;
+  }
+}
+
+void ArticulatedSystem::getFullDelassusAndTauStar(double /*dt*/) {
+  const size_t n = std::min(contactCount, contacts_.size());
+  for (size_t c = 0; c < n; ++c) {
+    Contact& ct = contacts_[c];
+    if (ct.skip) continue;
+    rotateContactJacobian(c);
+    const SparseJacobian& J = contactJacobiansLocal[c];
+    MatDyn& response = contactResponse[c];
+    response.setZero();
+    for (size_t k = 0; k < J.size; ++k) {
+      const size_t g = J.idx[k];
+      for (size_t i = 0; i < dof; ++i) {
+        const double m = massMatrixInverse(i, g);
+        for (size_t r = 0; r < 3; ++r) response(r, i) += m * J.v(r, k);
+      }
+    }
+    ct.delassus.setZero();
+    for (size_t k = 0; k < J.size; ++k) {
+      const size_t g = J.idx[k];
+      for (size_t r = 0; r < 3; ++r)
+        for (size_t s = 0; s < 3; ++s) ct.delassus(r, s) += response(r, g) * J.v(s, k);
+    }
+  }
+  computeImpactVelocities();
+}
+
+// --------------------------------------------------------- solver interface --
+
+void ArticulatedSystem::getContactPointVel(size_t contactIdx, Mat<3, 1>& vel) const {
+  vel.setZero();
+  addColumn(contactJacobiansLocal[contactIdx], gvWork, vel, 1.0);
+}
+
+void ArticulatedSystem::addContactPointVel(size_t contactIdx, Mat<3, 1>& vel) {
+  addColumn(contactJacobiansLocal[contactIdx], gvWork, vel, 1.0);
+}
+
+void ArticulatedSystem::subContactPointVel(size_t contactIdx, Mat<3, 1>& vel) {
+  addColumn(contactJacobiansLocal[contactIdx], gvWork, vel, -1.0);
+}
+
+void ArticulatedSystem::addContactPointVel2(size_t contactIdx, Mat<3, 1>& vel) {
+  addColumn(contactJacobiansLocal[contactIdx], gv, vel, 1.0);
+}
+
+void ArticulatedSystem::subContactPointVel2(size_t contactIdx, Mat<3, 1>& vel) {
+  addColumn(contactJacobiansLocal[contactIdx], gv, vel, -1.0);
+}
+
+void ArticulatedSystem::updateGenVelWithImpulse(size_t contactIdx, const Mat<3, 1>& impulse) {
+  const MatDyn& response = contactResponse[contactIdx];
+  if (response.m == 0) return;
+  const double* col = response.v;
+  for (size_t i = 0; i < dof; ++i, col += 3)
+    gvWork[i] += col[0] * impulse[0] + col[1] * impulse[1] + col[2] * impulse[2];
+}
+
+void ArticulatedSystem::cleanContacts() {
+  contactJacobians.clear();
+  contacts_.clear();
+  contactCount = 0;
+}
 
 }  // namespace vorsim

@@ -132,6 +132,8 @@ void ArticulatedSystem::articulatedBodyAlgorithm(const Mat<3, 1>& gravity, doubl
   abaRoot(gravity);
   for (size_t b = 1; b < nbody; ++b) abaForwardBody(b);
   for (size_t i = 0; i < dof; ++i) gvWork[i] = gv[i] + dt * ga[i];
+  // The contacts' responses reuse the joint factors just computed.
+  computeContactResponses();
 }
 
 void ArticulatedSystem::computeGeneralizedForces() {
@@ -334,8 +336,6 @@ void ArticulatedSystem::preContactSolverUpdate2(const Mat<3, 1>& gravity, double
   articulatedBodyAlgorithm(gravity, dt);
   appendJointLimits(problems);
   gvFree = gvWork;
-  // Until the contact stage exists a robot's contacts carry no velocity.
-  for (Contact& c : contacts_) c.impactVel = 0.0;
 }
 
 void ArticulatedSystem::integrate(double dt, World& world) {

@@ -1,10 +1,318 @@
-// Constraints inside a robot: pins that close loops the tree cannot express.
-// Here pins are located on their bodies; their problems in the step (and joint
-// limits) come with the dynamics stage.
+// Constraints inside a robot: joint position and velocity limits, cone limits
+// of spherical joints, and pins that close loops the tree cannot express.
+//
+// A joint limit is a rank-5 problem that the solver hands back to its owner:
+// enforceJointLimits removes the joint's speed into the limit (an inelastic
+// stop, never a push) along the response of a unit impulse on that joint,
+// which one sweep over the articulated-body factors gives. A pin is a
+// bilateral point constraint that passes through the contact path as a pair
+// of this robot's own points.
+#include <cmath>
+
 #include "vorsim/VorSimMsg.hpp"
+#include "vorsim/contact/Single3DContactProblem.hpp"
 #include "vorsim/object/ArticulatedSystem/ArticulatedSystem.hpp"
 
 namespace vorsim {
+
+namespace {
+using Vec3 = Eigen::Vector3d;
+using Vec6 = Eigen::Matrix<double, 6, 1>;
+}  // namespace
+
+// ---------------------------------------------------------------- responses --
+
+double ArticulatedSystem::sweepLimit(size_t b, const Mat<3, 1>& n) {
+  VecDyn& L = limitResponse[b];
+  for (size_t i = 0; i < dof; ++i) L[i] = 0.0;
+  const size_t g = gvIdx[b];
+  const size_t p = parent[b];
+
+  // Seed: a unit generalized impulse on the joint of b (along n for a
+  // spherical joint). The joint takes Dinv of it and hands the rest of the
+  // articulated body's reaction to its parent.
+  Vec6 up;
+  if (jointType[b] == Joint::SPHERICAL) {
+    const AbaData3& d3 = abaData3[b];
+    const Vec3 z = d3.Dinv * n.e();
+    for (size_t k = 0; k < 3; ++k) L[g + k] = z(Eigen::Index(k));
+    up.noalias() = -(d3.U * z);
+  } else {
+    const AbaData& d = abaData[b];
+    L[g] = d.Dinv;
+    up = -d.UDinv;
+  }
+  shiftForceToParent(b, up);
+  abaData[p].scratch = up;
+
+  for (size_t j = p; j != 0; j = parent[j]) {
+    Vec6 f = abaData[j].scratch;
+    const size_t gj = gvIdx[j];
+    if (jointType[j] == Joint::SPHERICAL) {
+      const AbaData3& d3 = abaData3[j];
+      const Vec3 t = d3.Dinv * (d3.S.transpose() * f);
+      for (size_t k = 0; k < 3; ++k) L[gj + k] = t(Eigen::Index(k));
+      f -= d3.U * t;
+    } else if (jointType[j] == Joint::REVOLUTE || jointType[j] == Joint::PRISMATIC) {
+      const AbaData& d = abaData[j];
+      const double t = d.Dinv * d.S.dot(f);
+      L[gj] = t;
+      f -= t * d.U;
+    }
+    shiftForceToParent(j, f);
+    abaData[parent[j]].scratch = f;
+  }
+
+  AbaData& root = abaData[0];
+  if (jointType[0] == Joint::FLOATING) {
+    const Vec6 a = baseInertiaInverse.e() * root.scratch;
+    for (size_t k = 0; k < 6; ++k) L[k] = a(Eigen::Index(k));
+    root.scratch = a;
+  } else {
+    root.scratch.setZero();
+  }
+
+  // Down every body: the joints' reaction to their parents' accelerations.
+  for (size_t i = 1; i < nbody; ++i) {
+    Vec6 a = abaData[parent[i]].scratch;
+    shiftMotionFromParent(i, a);
+    const size_t gi = gvIdx[i];
+    if (jointType[i] == Joint::SPHERICAL) {
+      const AbaData3& d3 = abaData3[i];
+      const Vec3 t = d3.UDinv.transpose() * a;
+      Vec3 q;
+      for (size_t k = 0; k < 3; ++k) {
+        L[gi + k] -= t(Eigen::Index(k));
+        q(Eigen::Index(k)) = L[gi + k];
+      }
+      abaData[i].scratch.noalias() = a + d3.S * q;
+    } else if (jointType[i] == Joint::REVOLUTE || jointType[i] == Joint::PRISMATIC) {
+      AbaData& d = abaData[i];
+      L[gi] -= d.UDinv.dot(a);
+      d.scratch.noalias() = a + d.S * L[gi];
+    } else {
+      abaData[i].scratch = a;
+    }
+  }
+
+  if (jointType[b] == Joint::SPHERICAL) return n[0] * L[g] + n[1] * L[g + 1] + n[2] * L[g + 2];
+  return L[g];
+}
+
+// ------------------------------------------------------------ joint limits --
+
+void ArticulatedSystem::appendJointLimits(ContactProblemList& problems) {
+  if (nbody < 2) return;
+  for (size_t b = 1; b < nbody; ++b) {
+    const size_t g = gvIdx[b];
+    const double lo = jointLimits[g][0], hi = jointLimits[g][1];
+    double depth = 0.0, mu = 0.0;
+    Mat<3, 1> axis{0.0, 0.0, 0.0};
+
+    if (jointType[b] == Joint::REVOLUTE || jointType[b] == Joint::PRISMATIC) {
+      if (lo == hi) continue;  // no limit of any kind
+      const double q = gc[gcIdx[b]];
+      if (q < lo) {
+        depth = lo - q;
+        mu = 1.0;
+      } else if (q > hi) {
+        depth = q - hi;
+        mu = -1.0;
+      } else {
+        const double v = gvWork[g], L = velocityLimitOf[b];
+        if (!(v < -L || v > L)) continue;
+      }
+    } else if (jointType[b] == Joint::SPHERICAL) {
+      const double limit = lo;
+      if (!(limit > 0.0)) continue;
+      const size_t c = gcIdx[b];
+      const double w = std::max(-1.0, std::min(1.0, gc[c]));
+      const double angle = 2.0 * std::acos(w);
+      if (!(angle > limit)) continue;
+      depth = limit - angle;
+      const double x = gc[c + 1], y = gc[c + 2], z = gc[c + 3];
+      const double norm = std::sqrt(x * x + y * y + z * z);
+      // Past the limit the angle is above zero, so the vector part is not.
+      const Mat<3, 1> v{x / norm, y / norm, z / norm};
+      // The axis of a rotation is its own image under that rotation: this
+      // only expresses it in the joint's velocity coordinates.
+      for (size_t k = 0; k < 3; ++k) axis[k] = rotJ[b](0, k) * v[0] + rotJ[b](1, k) * v[1] + rotJ[b](2, k) * v[2];
+    } else {
+      continue;
+    }
+
+    contact::Single3DContactProblem& P = problems.emplace_back();
+    P.rank = 5;
+    P.objectA = this;
+    P.localIndexA = b;
+    P.position = posW[b];
+    P.depth = depth;
+    P.mu = mu;
+    P.basis[0] = axis;
+    P.warmStartKey = contact::WarmStartKey::owned(this, contact::WarmStartKey::JOINT_LIMIT, b);
+    limitWarmStart[b] = 0.0;
+    limitProblemLog.push_back(problems.size() - 1);
+
+    const double r = sweepLimit(b, axis);
+    P.rankOneDelassus = r;
+    P.delassusInverse(0, 0) = 1.0 / r;
+    // The solver reads the normal entry of every block; a limit's is its own.
+    P.delassus(2, 2) = r;
+  }
+}
+
+double ArticulatedSystem::enforceJointLimits(contact::Single3DContactProblem& P) {
+  const size_t b = P.localIndexA;
+  const size_t g = gvIdx[b];
+  const VecDyn& L = limitResponse[b];
+  double& warm = limitWarmStart[b];
+  double e = 0.0;
+
+  if (jointType[b] == Joint::SPHERICAL) {
+    const Mat<3, 1>& n = P.basis[0];
+    const double d = n[0] * gvWork[g] + n[1] * gvWork[g + 1] + n[2] * gvWork[g + 2];
+    double s;
+    if (d < 0.0) {
+      // Moving back into the cone: what a warm start added in excess is taken
+      // back (it held the joint with a negative impulse along n).
+      if (!(warm < 0.0)) return 0.0;
+      e = -d;
+      s = std::min(e * P.delassusInverse(0, 0), -warm);
+      e = s * P.rankOneDelassus;
+    } else {
+      e = P.targetNormalVel - d;
+      s = e * P.delassusInverse(0, 0);
+    }
+    warm = warm < 0.0 ? std::min(0.0, warm + s) : 0.0;
+    const double total = n[0] * P.impulse[0] + n[1] * P.impulse[1] + n[2] * P.impulse[2] + s;
+    P.impulse = {n[0] * total, n[1] * total, n[2] * total};
+    for (size_t i = 0; i < dof; ++i) gvWork[i] += s * L[i];
+    return e;
+  }
+  if (jointType[b] != Joint::REVOLUTE && jointType[b] != Joint::PRISMATIC) return 0.0;
+
+  const double v = gvWork[g];
+  double s;
+  if (P.depth > 0.0) {
+    if (v * P.mu > 0.0) {
+      // Moving away from the limit: only a warm start's excess is taken back.
+      if (!(warm * P.mu > 0.0)) return 0.0;
+      e = -v;
+      s = e * P.delassusInverse(0, 0);
+      if (std::abs(s) > std::abs(warm)) s = -warm;
+      e = s * P.rankOneDelassus;
+    } else {
+      e = -v;
+      s = e * P.delassusInverse(0, 0);
+    }
+  } else {
+    const double lim = velocityLimitOf[b];
+    if (v < -lim) {
+      e = -v - lim;
+    } else if (v > lim) {
+      e = lim - v;
+    } else if (warm != 0.0) {
+      // Within the limit: a warm start's excess moves the speed back to it.
+      e = (warm < 0.0 ? lim : -lim) - v;
+      s = e * P.delassusInverse(0, 0);
+      if (std::abs(s) > std::abs(warm)) s = -warm;
+      e = s * P.rankOneDelassus;
+      warm += s;
+      P.impulse[0] += s;
+      for (size_t i = 0; i < dof; ++i) gvWork[i] += s * L[i];
+      return e;
+    } else {
+      return 0.0;
+    }
+    s = e * P.delassusInverse(0, 0);
+  }
+  if (warm != 0.0) warm = (warm + s) * warm > 0.0 ? warm + s : 0.0;
+  P.impulse[0] += s;
+  for (size_t i = 0; i < dof; ++i) gvWork[i] += s * L[i];
+  return e;
+}
+
+void ArticulatedSystem::applyJointLimitImpulse(contact::Single3DContactProblem& P) {
+  const size_t b = P.localIndexA;
+  const size_t g = gvIdx[b];
+  const VecDyn& L = limitResponse[b];
+  double s = 0.0;
+  if (jointType[b] == Joint::SPHERICAL) {
+    // Only the part along this step's axis that holds the joint in its cone.
+    const Mat<3, 1>& n = P.basis[0];
+    s = std::min(0.0, n[0] * P.impulse[0] + n[1] * P.impulse[1] + n[2] * P.impulse[2]);
+    P.impulse = {n[0] * s, n[1] * s, n[2] * s};
+  } else if (jointType[b] == Joint::REVOLUTE || jointType[b] == Joint::PRISMATIC) {
+    s = P.impulse[0];
+    if (P.depth > 0.0) {
+      // A stop only pushes away from its limit.
+      if (!(s * P.mu > 0.0)) s = 0.0;
+    } else {
+      // A speed limit only brakes the side it is exceeded on.
+      const double v = gvWork[g], lim = velocityLimitOf[b];
+      if (!((v > lim && s < 0.0) || (v < -lim && s > 0.0))) s = 0.0;
+    }
+    P.impulse = {s, 0.0, 0.0};
+  } else {
+    P.impulse.setZero();
+  }
+  limitWarmStart[b] = s;
+  if (s != 0.0)
+    for (size_t i = 0; i < dof; ++i) gvWork[i] += s * L[i];
+}
+
+// -------------------------------------------------------------------- pins --
+
+void ArticulatedSystem::appendConstraints(ContactProblemList& problems) {
+  const bool fixedRoot = jointType[0] == Joint::FIXED;
+  for (size_t k = 0; k < pins.size(); ++k) {
+    PinConstraint& pin = pins[k];
+    getPosition(pin.pinBody1, pin.pinPos1, pin.pinPosW1);
+    getPosition(pin.pinBody2, pin.pinPos2, pin.pinPosW2);
+    Mat<3, 1> d{pin.pinPosW1[0] - pin.pinPosW2[0], pin.pinPosW1[1] - pin.pinPosW2[1],
+                pin.pinPosW1[2] - pin.pinPosW2[2]};
+    const double dist = d.norm();
+    Mat<3, 1> normal{0.0, 0.0, 1.0};
+    if (dist != 0.0) normal = {d[0] / dist, d[1] / dist, d[2] / dist};
+    Mat<3, 3> frame;
+    Contact::computeFrame(normal, frame);
+    const double depth = -10.0 * dist;
+    const bool sideA = !(pin.pinBody1 == 0 && fixedRoot);
+    const bool sideB = !(pin.pinBody2 == 0 && fixedRoot);
+    // A pin between two fixed points binds nothing.
+    if (!sideA && !sideB) continue;
+
+    auto record = [&](size_t body, bool isA, BodyType pairType, size_t pairIndex) {
+      Contact& c = contacts_.emplace_back();
+      c.frame = frame;
+      c.position = pin.pinPosW1;
+      c.normal = normal;
+      c.delassus.setZero();
+      c.impulse = nullptr;
+      c.impactVel = 0.0;
+      c.depth = depth;
+      c.localContactIndex = contacts_.size() - 1;
+      c.pairObjectIndex = indexInWorld_;
+      c.pairContactIndex = pairIndex;
+      c.contactProblemIndex = problems.size();
+      c.localBodyIndex = body;
+      c.isSelfCollision = false;
+      c.skip = false;
+      c.isObjectA = isA;
+      c.pairObjectBodyType = pairType;
+      c.colObjectA = c.colObjectB = nullptr;
+    };
+    if (sideA) record(pin.pinBody1, true, sideB ? DYNAMIC : STATIC, contacts_.size() + 1);
+    // Side B alone (never made by initializeConstraints, which puts the moving
+    // body first) owns the problem as an ordinary one-sided record.
+    if (sideB) record(pin.pinBody2, !sideA, sideA ? DYNAMIC : STATIC, sideA ? contacts_.size() - 1 : contacts_.size());
+
+    contact::Single3DContactProblem& P =
+        problems.emplace_back(MaterialPairProperties(), pin.pinPosW1[0], pin.pinPosW1[1], pin.pinPosW1[2], depth);
+    P.rank = 9;
+    P.warmStartKey = contact::WarmStartKey::owned(this, contact::WarmStartKey::PIN, k);
+  }
+}
 
 void ArticulatedSystem::addConstraints(const std::vector<PinConstraintDefinition>& definitions, const VecDyn& config) {
   pinDefinitions = definitions;

@@ -101,6 +101,12 @@ void ArticulatedSystem::sizeDynamicsTables() {
   record3.Dinv.setIdentity();
   abaData3.assign(nbody, record3);
   dampedMassValid = false;
+
+  limitResponse.resize(nbody);
+  for (VecDyn& r : limitResponse) r.setZero(dof);
+  limitWarmStart.assign(nbody, 0.0);
+  limitProblemLog.clear();
+  limitProblemLog.reserve(nbody);
 }
 
 void ArticulatedSystem::updateWorldInertia() {

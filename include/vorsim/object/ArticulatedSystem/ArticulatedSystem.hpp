@@ -183,6 +183,18 @@ class ArticulatedSystem : public Object {
   // Writes the object index into every geom of this system.
   void setGeomObjectIndex(size_t index) override;
   int getMaxSelfCollisionContacts() const override { return maxSelfCollisionContacts; }
+  // Position and velocity limits of one-dof joints and cone limits of
+  // spherical joints, one rank-5 problem per active joint, made after the
+  // articulated-body algorithm of the step.
+  void appendJointLimits(ContactProblemList& problems) override;
+  // Stops the joint's motion into its limit (or caps its speed) along the
+  // joint's impulse response; returns the velocity change asked for.
+  double enforceJointLimits(contact::Single3DContactProblem& problem) override;
+  // Applies the warm-start impulse of a joint limit, trimmed to what pushes
+  // the joint out of its limit.
+  void applyJointLimitImpulse(contact::Single3DContactProblem& problem) override;
+  // One bilateral problem per pin, before the contact Jacobians are built.
+  void appendConstraints(ContactProblemList& problems) override;
 
   // ------------------------------------------------------- building, geoms --
   // Every geom of body A ignores every geom of body B and the other way round.
@@ -328,6 +340,12 @@ class ArticulatedSystem : public Object {
   // bias taken from inverseDynamicsTau and impulseBias added. Both, and
   // massMatrixInverse, are the caller's to fill. No step calls it.
   void integrateWithoutContact(const Mat<3, 1>& gravity, double dt);
+  // The older dense route to the contact blocks: contactResponse, delassus and
+  // impactVel of every contact from massMatrixInverse (the caller fills it,
+  // with computeSparseInverse say) and the Jacobians of this step's
+  // preContactSolverUpdate1. Self-collision pairs take their block from the
+  // merged Jacobian directly. dt is not used. No step calls it.
+  void getFullDelassusAndTauStar(double dt);
 
   // ------------------------------------------------------------- pins --
   // Pins between bodies named by frame bodyName, anchored in the first frame,
@@ -488,6 +506,23 @@ class ArticulatedSystem : public Object {
   // are kept as storage, so applying loads every step allocates nothing.
   std::vector<SparseJacobian> externalForceJacobians;
 
+  // Contact side, indexed by contact. The three vectors only grow; entries
+  // past contactCount are storage.
+  size_t contactCount = 0;
+  std::vector<SparseJacobian> contactJacobians;       // world frame, compact base form
+  std::vector<SparseJacobian> contactJacobiansLocal;  // contact frame, base expanded
+  std::vector<MatDyn> contactResponse;                // 3 x dof: J_c M^-1, column by gv index
+  SparseJacobian jacobianScratch;
+
+  // Joint limits: the response of a unit impulse along each body's joint
+  // (valid in a step where the body has a limit problem), and the indices of
+  // this step's limit problems.
+  std::vector<VecDyn> limitResponse;
+  std::vector<size_t> limitProblemLog;
+  // Per body: the part of a joint limit's impulse that came from the warm
+  // start and may still be taken back in this step (0 without warm start).
+  std::vector<double> limitWarmStart;
+
   // Pins (loops closed inside the tree).
   std::vector<PinConstraint> pins;
   std::vector<PinConstraintDefinition> pinDefinitions;
@@ -509,8 +544,25 @@ class ArticulatedSystem : public Object {
   // Path handling of the file constructors: a missing file and an extension
   // other than "urdf" or "xml" are fatal.
   void setRobotFile(const std::string& filePath, const std::string& resPath);
-  // Empties this step's contacts.
+  // Empties this step's contacts and the contact Jacobians.
   void cleanContacts();
+  // a := a - b, column by column in index order; columns that cancel exactly
+  // are dropped, and with skipBase the six base columns of both vanish.
+  void jacoSub(const SparseJacobian& b, SparseJacobian& a, bool skipBase);
+  // contactJacobiansLocal[c] from contactJacobians[c] and the contact frame.
+  void rotateContactJacobian(size_t c);
+  // The contact stage of the articulated-body algorithm: response and block of
+  // every contact by one sweep each over the factors just computed, then the
+  // self-collision post-pass and the impact velocities.
+  void computeContactResponses();
+  void sweepContact(size_t c);
+  void computeImpactVelocities();
+  // Whether contact c is the owning side of a pair of this robot's own points
+  // (a self-collision or a pin).
+  bool isMergedOwner(const Contact& c) const;
+  // limitResponse[b] := M^-1 e along the joint of b (direction n for a
+  // spherical joint); returns the response along the constraint itself.
+  double sweepLimit(size_t b, const Mat<3, 1>& n);
   // The compact Jacobian of the contact path: the same joint columns as
   // getSparseJacobian, but for a floating base only the idx entries 0..5 and
   // column 3, which holds pointW - posW[0]; the reader builds the base part

@@ -1,0 +1,430 @@
+// Robots in contact: the contact blocks and responses against dense algebra
+// on the mass matrix, the solver's velocity reads and impulse writes, and
+// quadrupeds and arms in contact with the ground, boxes and themselves.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <fstream>
+#include <random>
+#include <set>
+#include <sstream>
+
+#include "test_helpers.hpp"
+#include "vorsim/World.hpp"
+#include "vorsim/contact/Single3DContactProblem.hpp"
+#include "vorsim/object/ArticulatedSystem/ArticulatedSystem.hpp"
+#include "vorsim/object/HeightMap.hpp"
+#include "vorsim/object/Primitives.hpp"
+#include "vorsim/object/TerrainGenerator.hpp"
+
+using namespace vorsim;
+
+namespace {
+
+const std::string kModels = std::string(VORSIM_TEST_DATA_DIR) + "/../../models/";
+const std::string kAnymal = kModels + "anymal_b/anymal.urdf";
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// A robot file's text with its root link fixed to the world at height z.
+std::string fixedBaseUrdf(const std::string& file, const std::string& rootLink, double z) {
+  std::string urdf = readFile(kModels + file);
+  const size_t end = urdf.find('>', urdf.find("<robot")) + 1;
+  return urdf.insert(end, "<link name=\"world\"/><joint name=\"fix\" type=\"fixed\"><origin xyz=\"0 0 " +
+                              std::to_string(z) + "\"/><parent link=\"world\"/><child link=\"" + rootLink +
+                              "\"/></joint>");
+}
+
+using MatX = Eigen::MatrixXd;
+
+// The dense 3 x dof point Jacobian of a world point on a body.
+MatX denseJacobian(const ArticulatedSystem& s, size_t body, const Mat<3, 1>& point) {
+  SparseJacobian J;
+  s.getSparseJacobian(body, point, J);
+  MatX D = MatX::Zero(3, Eigen::Index(s.dof));
+  for (size_t k = 0; k < J.size; ++k)
+    for (size_t r = 0; r < 3; ++r) D(Eigen::Index(r), Eigen::Index(J.idx[k])) = J.v(r, k);
+  return D;
+}
+
+// The matrix the contact path inverts: mass matrix with rotor inertia, plus
+// the implicit diagonal of damping and PD gains.
+MatX implicitMass(ArticulatedSystem& s) {
+  MatX M = s.getMassMatrix().e();
+  for (size_t i = 0; i < s.dof; ++i) M(Eigen::Index(i), Eigen::Index(i)) += s.dampedDiag[i];
+  return M;
+}
+
+Contact makeContact(const Mat<3, 1>& position, const Mat<3, 1>& normal, size_t body) {
+  Contact c;
+  c.position = position;
+  c.normal = normal;
+  Contact::computeFrame(normal, c.frame);
+  c.localBodyIndex = body;
+  c.isObjectA = true;
+  c.pairObjectIndex = 1000;  // some other object
+  c.pairObjectBodyType = STATIC;
+  return c;
+}
+
+void setPd(ArticulatedSystem& s, double kp, double kd) {
+  VecDyn p(s.dof), d(s.dof), v(s.dof);
+  for (size_t i = 0; i < s.dof; ++i) p[i] = kp, d[i] = kd, v[i] = 0.0;
+  s.setControlMode(ArticulatedSystem::PD_PLUS_FEEDFORWARD_TORQUE);
+  s.setPdGains(p, d);
+  s.setPdTarget(s.gc, v);
+}
+
+double relError(const MatX& a, const MatX& b) { return (a - b).norm() / std::max(1e-300, b.norm()); }
+
+// Random pose and velocity, rotor inertia and PD gains (so that the implicit
+// diagonal counts), contacts on several bodies with random normals, and one
+// pair of this robot's own points; every block, response, impact velocity,
+// velocity read and impulse write against J M^-1 J^T formed densely.
+void checkAgainstDenseAlgebra(World& world, ArticulatedSystem& s) {
+  std::mt19937 rng(7);
+  std::uniform_real_distribution<double> u(-1.0, 1.0);
+  VecDyn gc = s.gc, gv(s.dof), rotor(s.dof);
+  const bool floating = s.getRootJointType() == Joint::FLOATING;
+  const size_t firstJoint = floating ? 7 : 0;
+  if (floating) {
+    double q[4] = {1.0, 0.3 * u(rng), 0.3 * u(rng), 0.3 * u(rng)};
+    const double n = std::sqrt(q[0] * q[0] + q[1] * q[1] + q[2] * q[2] + q[3] * q[3]);
+    for (size_t k = 0; k < 4; ++k) gc[3 + k] = q[k] / n;
+  }
+  for (size_t i = firstJoint; i < s.gcDim; ++i) gc[i] += 0.4 * u(rng);
+  for (size_t i = 0; i < s.dof; ++i) gv[i] = u(rng), rotor[i] = 0.01 * (1.0 + u(rng));
+  s.setGeneralizedCoordinate(gc);
+  s.setGeneralizedVelocity(gv);
+  s.setRotorInertia(rotor);
+  setPd(s, 80.0, 3.0);
+
+  world.integrate1();  // no collisions: the robot's geoms are masked
+  auto& contacts = s.getContacts();
+  ASSERT_TRUE(contacts.empty());
+  const size_t nb = s.nbody;
+  const std::vector<size_t> bodies = {floating ? size_t(0) : size_t(1), nb / 3, nb / 2, nb - 1, nb - 2};
+  for (size_t b : bodies) {
+    Mat<3, 1> p;
+    s.getPosition(b, Mat<3, 1>{0.05 * u(rng), 0.05 * u(rng), 0.05 * u(rng)}, p);
+    Mat<3, 1> n{u(rng), u(rng), u(rng)};
+    n /= n.norm();
+    contacts.push_back(makeContact(p, n, b));
+  }
+  // A pair of the robot's own points: bodies on two branches (the last
+  // body and one from the first third), at the same world point.
+  const size_t b1 = nb - 1, b2 = nb / 3;
+  Mat<3, 1> pSelf;
+  s.getPosition(b1, Mat<3, 1>{0.02, -0.03, 0.01}, pSelf);
+  const size_t first = contacts.size();
+  Contact a = makeContact(pSelf, Mat<3, 1>{0.0, 0.6, 0.8}, b1);
+  a.pairObjectIndex = s.getIndexInWorld();
+  a.pairObjectBodyType = DYNAMIC;
+  a.pairContactIndex = first + 1;
+  Contact b = a;
+  b.localBodyIndex = b2;
+  b.isObjectA = false;
+  b.pairContactIndex = first;
+  contacts.push_back(a);
+  contacts.push_back(b);
+
+  const Mat<3, 1> gravity = world.getGravity();
+  const double dt = world.getTimeStep();
+  s.preContactSolverUpdate1(gravity, dt);
+  ContactProblemList problems;
+  s.preContactSolverUpdate2(gravity, dt, problems);
+  EXPECT_TRUE(contacts[first].isSelfCollision);
+  EXPECT_TRUE(contacts[first + 1].skip);
+  EXPECT_EQ(contacts[first + 1].impactVel, 0.0);
+
+  const MatX Minv = implicitMass(s).inverse();
+  const Eigen::VectorXd gvStart = s.gv.e(), gvWork = s.gvWork.e();
+  std::vector<MatX> expected(contacts.size());
+  for (size_t c = 0; c < contacts.size(); ++c) {
+    if (contacts[c].skip) continue;
+    SCOPED_TRACE("contact " + std::to_string(c) + " on body " + std::to_string(contacts[c].localBodyIndex));
+    MatX J = denseJacobian(s, contacts[c].localBodyIndex, contacts[c].position);
+    if (contacts[c].isSelfCollision) J -= denseJacobian(s, b2, contacts[c].position);
+    const MatX Jc = contacts[c].frame.e() * J;
+    const MatX G = Jc * Minv * Jc.transpose();
+    expected[c] = G;
+    EXPECT_LT(relError(contacts[c].delassus.e(), G), 1e-9) << contacts[c].delassus.e() << "\n\n" << G;
+    EXPECT_LT(relError(s.contactResponse[c].e(), Jc * Minv), 1e-9);
+    EXPECT_NEAR(contacts[c].impactVel, (Jc * gvStart)(2), 1e-9 * (1.0 + (Jc * gvStart).norm()));
+
+    Mat<3, 1> v;
+    s.getContactPointVel(c, v);
+    EXPECT_LT((v.e() - Jc * gvWork).norm(), 1e-12 * (1.0 + v.norm()));
+    Mat<3, 1> w{1.0, 2.0, 3.0};
+    s.addContactPointVel2(c, w);
+    EXPECT_LT((w.e() - Eigen::Vector3d(1, 2, 3) - Jc * gvStart).norm(), 1e-12 * (1.0 + w.norm()));
+    s.subContactPointVel(c, w);
+    s.addContactPointVel(c, w);
+    s.subContactPointVel2(c, w);
+    EXPECT_LT((w.e() - Eigen::Vector3d(1, 2, 3)).norm(), 1e-12);
+
+    // An impulse changes the working velocity by M^-1 J^T impulse.
+    const Mat<3, 1> impulse{0.3, -0.2, 0.7};
+    const Eigen::VectorXd before = s.gvWork.e();
+    s.updateGenVelWithImpulse(c, impulse);
+    const Eigen::VectorXd change = s.gvWork.e() - before;
+    EXPECT_LT((change - Minv * Jc.transpose() * impulse.e()).norm(), 1e-9 * change.norm());
+    s.gvWork.e() = before;
+  }
+
+  // The older dense route gives the same blocks.
+  s.computeSparseInverse(s.getMassMatrix(), s.massMatrixInverse);
+  s.getFullDelassusAndTauStar(dt);
+  for (size_t c = 0; c < contacts.size(); ++c) {
+    if (contacts[c].skip) continue;
+    EXPECT_LT(relError(contacts[c].delassus.e(), expected[c]), 1e-9) << "dense route, contact " << c;
+  }
+}
+
+// Anymal in its standing pose at height z (on its back with `back`).
+ArticulatedSystem* addStandingAnymal(World& world, double z, bool back, double kp, double kd) {
+  // Thighs overlap the base near the hips: the robot's own links are kept
+  // apart by group 2, whose mask leaves out group 2.
+  ArticulatedSystem* s = world.addArticulatedSystem(kAnymal, "", {}, 2, World::kAllBits & ~size_t(2));
+  VecDyn gc(s->gcDim), gv(s->dof);
+  const double q[19] = {
+      0,     0,    z,  back ? 0.0 : 1.0, back ? 1.0 : 0.0, 0, 0, 0.03, 0.4, -0.8, -0.03, 0.4, -0.8, 0.03, -0.4, 0.8,
+      -0.03, -0.4, 0.8};
+  for (size_t i = 0; i < 19; ++i) gc[i] = q[i];
+  for (size_t i = 0; i < s->dof; ++i) gv[i] = 0.0;
+  s->setGeneralizedCoordinate(gc);
+  s->setGeneralizedVelocity(gv);
+  setPd(*s, kp, kd);
+  return s;
+}
+
+double deepestPenetration(const ArticulatedSystem& s) {
+  double d = 0.0;
+  for (const Contact& c : s.getContacts()) d = std::max(d, -c.depth);
+  return d;
+}
+
+double largestSpeed(const ArticulatedSystem& s) {
+  double v = 0.0;
+  for (size_t i = 0; i < s.dof; ++i) v = std::max(v, std::abs(s.gv[i]));
+  return v;
+}
+
+}  // namespace
+
+TEST(RobotContacts, BlocksAndResponsesEqualDenseAlgebra) {
+  {
+    SCOPED_TRACE("floating quadruped");
+    World world;
+    ArticulatedSystem* s = world.addArticulatedSystem(kAnymal, "", {}, 1, 0);
+    checkAgainstDenseAlgebra(world, *s);
+  }
+  {
+    SCOPED_TRACE("fixed-base arm");
+    StdoutCapture quiet;  // the mimic joint is reported
+    World world;
+    ArticulatedSystem* s = world.addArticulatedSystem(fixedBaseUrdf("franka_panda/panda.urdf", "panda_link0", 0.0),
+                                                      kModels + "franka_panda", {}, 1, 0);
+    quiet.text();
+    checkAgainstDenseAlgebra(world, *s);
+  }
+}
+
+TEST(RobotContacts, QuadrupedStandsOnItsFeet) {
+  for (bool warm : {false, true}) {
+    SCOPED_TRACE(warm ? "warm start" : "cold start");
+    World world;
+    world.setTimeStep(0.001);
+    world.setWarmStart(warm);
+    world.addGround();
+    ArticulatedSystem* s = addStandingAnymal(world, 0.55, false, 200.0, 10.0);
+    for (int i = 0; i < 1000; ++i) world.integrate();
+    const double x0 = s->gc[0], y0 = s->gc[1], z0 = s->gc[2];
+    double deepest = 0.0;
+    size_t feet = 0;
+    for (int i = 0; i < 10000; ++i) {
+      world.integrate();
+      deepest = std::max(deepest, deepestPenetration(*s));
+      for (const Contact& c : s->getContacts()) {
+        const std::string& body = s->getBodyNames()[c.localBodyIndex];
+        EXPECT_NE(body.find("SHANK"), std::string::npos) << body;  // feet only
+      }
+      feet = std::max(feet, s->getContacts().size());
+    }
+    EXPECT_EQ(feet, 4u);
+    EXPECT_LT(deepest, 1e-3);
+    EXPECT_LT(std::hypot(s->gc[0] - x0, s->gc[1] - y0), 1e-3);
+    EXPECT_LT(std::abs(s->gc[2] - z0), 1e-3);
+    EXPECT_GT(s->gc[2], 0.4);  // standing, not kneeling
+    EXPECT_LT(largestSpeed(*s), 1e-3);
+  }
+}
+
+TEST(RobotContacts, QuadrupedStandsOnRoughTerrain) {
+  World world;
+  world.setTimeStep(0.001);
+  TerrainProperties terrain;
+  terrain.frequency = 0.8;
+  terrain.xSize = terrain.ySize = 4.0;
+  terrain.zScale = 0.3;
+  terrain.xSamples = terrain.ySamples = 80;
+  terrain.fractalOctaves = 3;
+  terrain.seed = 3;
+  HeightMap* map = world.addHeightMap(0.0, 0.0, terrain);
+  ArticulatedSystem* s = addStandingAnymal(world, map->getHeight(0, 0) + 0.55, false, 200.0, 10.0);
+  for (int i = 0; i < 1000; ++i) world.integrate();
+  const double x0 = s->gc[0], y0 = s->gc[1];
+  double deepest = 0.0;
+  for (int i = 0; i < 10000; ++i) {
+    world.integrate();
+    deepest = std::max(deepest, deepestPenetration(*s));
+  }
+  EXPECT_EQ(s->getContacts().size(), 4u);
+  EXPECT_LT(deepest, 2e-3);
+  EXPECT_GT(s->gc[2] - map->getHeight(s->gc[0], s->gc[1]), 0.35);  // on its feet
+  EXPECT_LT(std::hypot(s->gc[0] - x0, s->gc[1] - y0), 1e-3);
+  EXPECT_LT(largestSpeed(*s), 1e-3);
+}
+
+TEST(RobotContacts, QuadrupedRestsOnItsBackWithoutJitter) {
+  World world;
+  world.setTimeStep(0.001);
+  world.addGround();
+  ArticulatedSystem* s = addStandingAnymal(world, 0.3, true, 200.0, 10.0);
+  for (int i = 0; i < 2000; ++i) world.integrate();
+  const double z0 = s->gc[2];
+  double fastest = 0.0;
+  for (int i = 0; i < 3000; ++i) {
+    world.integrate();
+    fastest = std::max(fastest, largestSpeed(*s));
+  }
+  EXPECT_LT(fastest, 1e-3);
+  EXPECT_LT(std::abs(s->gc[2] - z0), 1e-3);
+  EXPECT_LT(deepestPenetration(*s), 1e-3);
+  EXPECT_GE(s->getContacts().size(), 1u);
+  // The base is what touches.
+  bool base = false;
+  for (const Contact& c : s->getContacts()) base = base || c.localBodyIndex == 0;
+  EXPECT_TRUE(base);
+}
+
+TEST(RobotContacts, ArmPressingOnABoxBalancesItsTorques) {
+  // The arm with a ball for a hand that encloses the fingers: a mesh hand
+  // meets a flat face at a hundred points, and the light fingers pressed
+  // between hand and box make a block the solver converges on slowly.
+  std::string urdf = fixedBaseUrdf("franka_panda/panda.urdf", "panda_link0", 0.0);
+  const auto replaceAll = [&urdf](const std::string& from, const std::string& to) {
+    for (size_t at = urdf.find(from); at != std::string::npos; at = urdf.find(from, at + to.size()))
+      urdf.replace(at, from.size(), to);
+  };
+  replaceAll("<mesh filename=\"package://meshes/collision/hand.obj\"/>", "<sphere radius=\"0.13\"/>");
+  replaceAll("<mesh filename=\"package://meshes/collision/finger.obj\"/>", "<sphere radius=\"0.005\"/>");
+  StdoutCapture quiet;
+  World world;
+  world.setTimeStep(0.001);
+  // Links overlap at the joints: group 2 does not meet itself.
+  ArticulatedSystem* arm =
+      world.addArticulatedSystem(urdf, kModels + "franka_panda", {}, 2, World::kAllBits & ~size_t(2));
+  quiet.text();
+  // A bent pose with the hand over a fixed box; the PD target has the
+  // shoulder lower than the box allows, so the arm presses on it.
+  VecDyn gc = arm->gc;
+  const double pose[9] = {0.0, 0.3, 0.0, -2.0, 0.0, 2.3, 0.8, 0.02, 0.02};
+  for (size_t i = 0; i < 9 && i < arm->gcDim; ++i) gc[i] = pose[i];
+  arm->setGeneralizedCoordinate(gc);
+  setPd(*arm, 300.0, 20.0);
+  Mat<3, 1> hand;
+  arm->getFramePosition(arm->getFrameIdxByName("panda_hand_joint"), hand);
+  auto* box = world.addBox(0.3, 0.3, 0.2, 1.0);
+  box->setBodyType(STATIC);
+  box->setPosition(hand[0], hand[1], hand[2] - 0.225);
+  VecDyn target = gc, zero(arm->dof);
+  for (size_t i = 0; i < arm->dof; ++i) zero[i] = 0.0;
+  target[1] += 0.2;
+  arm->setPdTarget(target, zero);
+  for (int i = 0; i < 3000; ++i) world.integrate();
+  ASSERT_GE(arm->getContacts().size(), 1u);
+  for (const Contact& c : arm->getContacts()) EXPECT_EQ(arm->getBodyNames()[c.localBodyIndex], "panda_link7");
+  // Quasi-static: what is left is the slow push out of the penetration.
+  EXPECT_LT(largestSpeed(*arm), 3e-3);
+
+  // At rest: M 0 + h = tau + J^T f.
+  const double dt = world.getTimeStep();
+  Eigen::VectorXd JTf = Eigen::VectorXd::Zero(Eigen::Index(arm->dof));
+  for (const Contact& c : arm->getContacts()) {
+    const Eigen::Vector3d f = (c.isObjectA ? 1.0 : -1.0) * c.frame.e().transpose() * c.impulse->e() / dt;
+    JTf += denseJacobian(*arm, c.localBodyIndex, c.position).transpose() * f;
+  }
+  const Eigen::VectorXd tau = arm->getActuation().e();
+  const Eigen::VectorXd h = arm->getNonlinearities(world.getGravity()).e();
+  const Eigen::VectorXd needed = h - tau;
+  EXPECT_GT(JTf.norm(), 1.0);  // the box carries a real load
+  EXPECT_LT((JTf - needed).norm(), 0.01 * needed.norm()) << JTf.transpose() << "\n" << needed.transpose();
+}
+
+namespace {
+Child link(const std::string& name, Joint::Type type, double mass) {
+  Child c;
+  c.bodyName = name;
+  c.name = name + "_joint";
+  c.type = type;
+  c.velocityLimit = 100.0;
+  c.mass = mass;
+  c.setInertia(Mat<3, 1>{0.01, 0.01, 0.01});
+  return c;
+}
+void addSphere(Child& c, double r, const Mat<3, 1>& at) {
+  c.collisionBodies.emplace_back(Shape::Sphere, Mat<4, 1>{r, 0, 0, 0}, at, Mat<3, 3>::getIdentity(), Mat<3, 1>{1, 1, 1},
+                                 c.bodyName + "/0", "", "", "");
+}
+}  // namespace
+
+TEST(RobotContacts, SelfCollisionAndIgnoringTheParent) {
+  // A floating base - upper - lower, in zero gravity: each body's sphere
+  // overlaps its parent's, and the lower one overlaps the base's too.
+  Child base = link("base", Joint::FLOATING, 1.0);
+  addSphere(base, 0.1, {0, 0, 0});
+  Child upper = link("upper", Joint::REVOLUTE, 1.0);
+  upper.axis = {1, 0, 0};
+  upper.pos = {0, 0, 0.15};
+  addSphere(upper, 0.1, {0, 0, 0});
+  Child lower = link("lower", Joint::REVOLUTE, 1.0);
+  lower.axis = {1, 0, 0};
+  lower.pos = {0, 0, -0.05};
+  addSphere(lower, 0.1, {0, 0.03, -0.12});
+  upper.child.push_back(lower);
+  base.child.push_back(upper);
+  base.pos = {0, 0, 1};
+
+  for (bool ignore : {false, true}) {
+    SCOPED_TRACE(ignore ? "parent ignored" : "all pairs");
+    World world;
+    world.setGravity(Mat<3, 1>{0, 0, 0});
+    ArticulatedSystemOption option;
+    option.ignoreParentCollision = ignore;
+    ArticulatedSystem* s = world.addArticulatedSystem(base, "", 1, World::kAllBits, option);
+    world.integrate1();
+    std::set<std::pair<size_t, size_t>> pairs;
+    for (const Contact& c : s->getContacts()) {
+      if (!c.isObjectA) continue;
+      EXPECT_EQ(c.pairObjectIndex, s->getIndexInWorld());
+      EXPECT_TRUE(c.isSelfCollision);
+      EXPECT_TRUE(s->getContacts()[c.pairContactIndex].skip);
+      const size_t other = s->getContacts()[c.pairContactIndex].localBodyIndex;
+      pairs.insert({std::min(c.localBodyIndex, other), std::max(c.localBodyIndex, other)});
+    }
+    std::set<std::pair<size_t, size_t>> expected = {{0, 2}};
+    if (!ignore) expected.insert({{0, 1}, {1, 2}});
+    EXPECT_EQ(pairs, expected);
+    world.integrate2();
+    // The overlap pushes the links apart: the lower link turns away.
+    for (int i = 0; i < 300; ++i) world.integrate();
+    EXPECT_GT(std::abs(s->gc[8]), 0.05);
+    EXPECT_TRUE(std::isfinite(s->gc[7]) && std::isfinite(s->gc[8]));
+  }
+}

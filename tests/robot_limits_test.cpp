@@ -1,0 +1,378 @@
+// Joint limits and pins of robots: stops, speed caps, cone limits, closed
+// loops, and the warm start of limit problems.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
+
+#include "test_helpers.hpp"
+#include "vorsim/World.hpp"
+#include "vorsim/contact/BisectionContactSolver.hpp"
+#include "vorsim/contact/Single3DContactProblem.hpp"
+#include "vorsim/object/ArticulatedSystem/ArticulatedSystem.hpp"
+#include "vorsim/object/LengthConstraint.hpp"
+#include "vorsim/object/Primitives.hpp"
+
+using namespace vorsim;
+
+namespace {
+
+Child body(const std::string& name, Joint::Type type, double mass, const Mat<3, 1>& com) {
+  Child c;
+  c.bodyName = name;
+  c.name = name + "_joint";
+  c.type = type;
+  c.velocityLimit = 100.0;
+  c.mass = mass;
+  c.com = com;
+  c.setInertia(Mat<3, 1>{0.01, 0.01, 0.01});
+  return c;
+}
+
+// A fixed base with one joint of the given type about x, its mass 0.5 m
+// below the joint.
+ArticulatedSystem* addPendulum(World& world, Joint::Type type, const Mat<2, 1>& limit, double velocityLimit) {
+  Child base = body("base", Joint::FIXED, 1.0, {0, 0, 0});
+  base.pos = {0, 0, 2};
+  Child arm = body("arm", type, 1.0, {0, 0, -0.5});
+  arm.axis = {1, 0, 0};
+  arm.limit = limit;
+  arm.velocityLimit = velocityLimit;
+  base.child.push_back(arm);
+  return world.addArticulatedSystem(base, "", 1, 0);
+}
+
+void setForce(ArticulatedSystem& s, double tau) {
+  VecDyn f(s.dof);
+  for (size_t i = 0; i < s.dof; ++i) f[i] = 0.0;
+  f[0] = tau;
+  s.setGeneralizedForce(f);
+}
+
+}  // namespace
+
+TEST(JointLimits, PendulumStopsAtItsLimitAndLeavesIt) {
+  for (bool warm : {false, true}) {
+    SCOPED_TRACE(warm ? "warm start" : "cold start");
+    World world;
+    world.setTimeStep(0.001);
+    world.setWarmStart(warm);
+    ArticulatedSystem* s = addPendulum(world, Joint::REVOLUTE, {-1.0, 0.2}, 100.0);
+    // Swings up into the upper stop at about 0.5 rad/s; the stop is
+    // inelastic, so gravity then takes it back down and up again to rest
+    // against the stop at the top of each swing.
+    s->setGeneralizedVelocity({1.0});
+    double highest = 0.0, lowest = 0.0;
+    for (int i = 0; i < 3000; ++i) {
+      world.integrate();
+      highest = std::max(highest, s->gc[0]);
+      lowest = std::min(lowest, s->gc[0]);
+    }
+    EXPECT_GT(highest, 0.2);  // it got there
+    EXPECT_LT(highest - 0.2, 1e-3);
+    EXPECT_LT(lowest, -0.15);  // and did not stick
+
+    // Held against the stop by a torque well above gravity's, then pushed
+    // away: the stop holds and never pulls.
+    s->setGeneralizedCoordinate({0.2});
+    s->setGeneralizedVelocity({0.0});
+    for (int i = 0; i < 500; ++i) {
+      setForce(*s, 20.0);
+      world.integrate();
+      highest = std::max(highest, s->gc[0]);
+    }
+    EXPECT_LT(highest - 0.2, 1e-3);
+    EXPECT_LT(std::abs(s->gv[0]), 1e-9);
+    // Started from the last step's impulse, the held stop is solved at once.
+    const int loops = world.getContactSolver().getLoopCounter();
+    if (warm) {
+      EXPECT_EQ(loops, 1);
+    } else {
+      EXPECT_GT(loops, 1);
+    }
+    for (int i = 0; i < 100; ++i) {
+      setForce(*s, -20.0);
+      world.integrate();
+    }
+    EXPECT_LT(s->gc[0], 0.0);
+    EXPECT_LT(s->gv[0], -1.0);
+  }
+}
+
+TEST(JointLimits, VelocityLimitCapsTheSpeed) {
+  World world;
+  world.setGravity(Mat<3, 1>{0, 0, 0});
+  ArticulatedSystem* s = addPendulum(world, Joint::REVOLUTE, {-100.0, 100.0}, 2.0);
+  double fastest = 0.0;
+  for (int i = 0; i < 2000; ++i) {
+    setForce(*s, 5.0);
+    world.integrate();
+    fastest = std::max(fastest, std::abs(s->gv[0]));
+  }
+  EXPECT_NEAR(fastest, 2.0, 1e-9);
+  EXPECT_NEAR(s->gv[0], 2.0, 1e-9);
+  // Without a position limit there is no speed limit either.
+  World free;
+  free.setGravity(Mat<3, 1>{0, 0, 0});
+  ArticulatedSystem* u = addPendulum(free, Joint::REVOLUTE, {0.0, 0.0}, 2.0);
+  for (int i = 0; i < 2000; ++i) {
+    setForce(*u, 5.0);
+    free.integrate();
+  }
+  EXPECT_GT(u->gv[0], 5.0);
+}
+
+TEST(JointLimits, ConeLimitHoldsASphericalJoint) {
+  World world;
+  world.setTimeStep(0.001);
+  world.setGravity(Mat<3, 1>{0, 0, 0});
+  ArticulatedSystem* s = addPendulum(world, Joint::SPHERICAL, {0.4, 0.0}, 100.0);
+  // A torque about an oblique axis drives the joint into the cone's wall.
+  double widest = 0.0;
+  for (int i = 0; i < 2000; ++i) {
+    VecDyn f(3);
+    f[0] = 0.12, f[1] = 0.16, f[2] = 0.0;
+    s->setGeneralizedForce(f);
+    world.integrate();
+    widest = std::max(widest, 2.0 * std::acos(std::min(1.0, std::abs(s->gc[0]))));
+  }
+  EXPECT_GT(widest, 0.4);
+  EXPECT_LT(widest - 0.4, 1.5e-3);
+  // The rotation is about the pushed axis, and at rest.
+  const double norm = std::hypot(s->gc[1], s->gc[2]);
+  EXPECT_NEAR(s->gc[1] / norm, 0.6, 1e-3);
+  EXPECT_NEAR(s->gc[2] / norm, 0.8, 1e-3);
+  EXPECT_LT(std::sqrt(s->gv[0] * s->gv[0] + s->gv[1] * s->gv[1] + s->gv[2] * s->gv[2]), 1e-2);
+}
+
+TEST(Pins, FourBarLinkageStaysClosed) {
+  // Ground A = (0, 0, 0) and D = (0, 1, 0); crank 1 down from A, the coupler
+  // from its end along y, crank 2 down from D. The pin joins the coupler's
+  // end to crank 2's end: a parallelogram with one degree of freedom.
+  Child base = body("ground", Joint::FIXED, 1.0, {0, 0, 0});
+  base.pos = {0, 0, 2};
+  Child crank1 = body("crank1", Joint::REVOLUTE, 1.0, {0, 0, -0.5});
+  crank1.axis = {1, 0, 0};
+  Child coupler = body("coupler", Joint::REVOLUTE, 1.0, {0, 0.5, 0});
+  coupler.axis = {1, 0, 0};
+  coupler.pos = {0, 0, -1};
+  Child crank2 = body("crank2", Joint::REVOLUTE, 1.0, {0, 0, -0.5});
+  crank2.axis = {1, 0, 0};
+  crank2.pos = {0, 1, 0};
+  crank1.child.push_back(coupler);
+  base.child.push_back(crank1);
+  base.child.push_back(crank2);
+
+  World world;
+  world.setTimeStep(0.001);
+  ArticulatedSystem* s = world.addArticulatedSystem(base, "", 1, 0);
+  ASSERT_EQ(s->nbody, 4u);
+  // Swung out by 0.6 rad: the coupler turns back to stay level.
+  VecDyn gc(3);
+  gc[0] = 0.6, gc[1] = -0.6, gc[2] = 0.6;
+  s->addConstraints({PinConstraintDefinition{"coupler", "crank2", Mat<3, 1>{0, 1, 0}}}, gc);
+  s->initializeConstraints();
+  ASSERT_EQ(s->getPins().size(), 1u);
+  EXPECT_EQ(s->getPins()[0].pinBody1, 2u);  // the first body named
+  EXPECT_EQ(s->getPins()[0].pinBody2, 3u);
+
+  double worst = 0.0, lowest = 0.0;
+  for (int i = 0; i < 10000; ++i) {
+    world.integrate();
+    const PinConstraint& pin = s->getPins()[0];
+    Mat<3, 1> p1, p2;
+    s->getPosition(pin.pinBody1, pin.pinPos1, p1);
+    s->getPosition(pin.pinBody2, pin.pinPos2, p2);
+    worst = std::max(worst, (p1.e() - p2.e()).norm());
+    lowest = std::min(lowest, s->gc[0]);
+  }
+  EXPECT_LT(worst, 1e-4);
+  EXPECT_LT(lowest, -0.5);  // it swings through to the other side
+  // The loop moves as a parallelogram.
+  EXPECT_NEAR(s->gc[2], s->gc[0], 1e-3);
+  EXPECT_NEAR(s->gc[1], -s->gc[0], 1e-3);
+}
+
+namespace {
+
+// A robot that is one free body of mass 2 at `at`, without geoms.
+ArticulatedSystem* addFreeBody(World& world, const Mat<3, 1>& at) {
+  Child root = body("block", Joint::FLOATING, 2.0, {0, 0, 0});
+  ArticulatedSystem* s = world.addArticulatedSystem(root, "", 1, 0);
+  s->setBasePos(at);
+  return s;
+}
+
+SingleBodyObject* addAnchor(World& world, const Mat<3, 1>& at) {
+  auto* anchor = world.addSphere(0.05, 1.0, "default", 1, 0);
+  anchor->setBodyType(STATIC);
+  anchor->setPosition(at);
+  return anchor;
+}
+
+double baseDistance(const ArticulatedSystem& s, const Mat<3, 1>& to) {
+  return std::sqrt(std::pow(s.gc[0] - to[0], 2) + std::pow(s.gc[1] - to[1], 2) + std::pow(s.gc[2] - to[2], 2));
+}
+
+}  // namespace
+
+TEST(RobotWires, StiffWireHoldsARobotPendulumLikeABody) {
+  // The same pendulum, once a robot and once a ball: the wire's drift from its
+  // length comes from the wire's own correction, and a robot stepped like a
+  // body (semi-implicit Euler) drifts exactly as much.
+  const Mat<3, 1> top{0, 0, 3};
+  double worst[2] = {0.0, 0.0}, leftmost = 1.0;
+  for (int robot = 0; robot < 2; ++robot) {
+    World world;
+    world.setTimeStep(0.001);
+    auto* anchor = addAnchor(world, top);
+    Object* end;
+    std::function<Eigen::Vector3d()> position;
+    if (robot) {
+      ArticulatedSystem* s = addFreeBody(world, {0.6, 0, 2.2});
+      s->setIntegrationScheme(ArticulatedSystem::SEMI_IMPLICIT_EULER);
+      end = s;
+      position = [s] { return Eigen::Vector3d(s->gc[0], s->gc[1], s->gc[2]); };
+    } else {
+      auto* ball = world.addSphere(0.05, 2.0, "default", 1, 0);
+      ball->setPosition(0.6, 0, 2.2);
+      end = ball;
+      position = [ball] { return Eigen::Vector3d(ball->getPosition().e()); };
+    }
+    world.addStiffWire(anchor, 0, {0, 0, 0}, end, 0, {0, 0, 0}, 1.0);
+    for (int i = 0; i < 10000; ++i) {
+      world.integrate();
+      worst[robot] = std::max(worst[robot], std::abs((position() - top.e()).norm() - 1.0));
+      if (robot) leftmost = std::min(leftmost, position()[0]);
+    }
+  }
+  EXPECT_LT(worst[1], 5e-3);
+  EXPECT_NEAR(worst[1], worst[0], 1e-3 * worst[0]);
+  EXPECT_LT(leftmost, -0.55);  // it swings through to the other side
+}
+
+TEST(RobotWires, CompliantWireStretchesByWeightOverStiffness) {
+  World world;
+  world.setTimeStep(0.001);
+  const Mat<3, 1> top{0, 0, 3};
+  auto* anchor = addAnchor(world, top);
+  ArticulatedSystem* s = addFreeBody(world, {0, 0, 2});
+  VecDyn damping(6);
+  for (size_t i = 0; i < 6; ++i) damping[i] = i < 3 ? 20.0 : 0.0;
+  s->setJointDamping(damping);
+  world.addCompliantWire(anchor, 0, {0, 0, 0}, s, 0, {0, 0, 0}, 1.0, 1000.0);
+  for (int i = 0; i < 5000; ++i) world.integrate();
+  EXPECT_NEAR(baseDistance(*s, top) - 1.0, 2.0 * 9.81 / 1000.0, 1e-6);
+}
+
+TEST(RobotWires, CustomTensionActsExactly) {
+  World world;
+  world.setGravity(Mat<3, 1>{0, 0, 0});
+  const Mat<3, 1> top{0, 0, 3};
+  auto* anchor = addAnchor(world, top);
+  ArticulatedSystem* s = addFreeBody(world, {0, 0.6, 2.2});
+  auto* wire = world.addCustomWire(anchor, 0, {0, 0, 0}, s, 0, {0, 0, 0}, 1.0);
+  wire->setTension(5.0);
+  world.integrate();
+  // 5 N toward the anchor for one step on 2 kg.
+  const double dv = 5.0 * world.getTimeStep() / 2.0;
+  EXPECT_NEAR(s->gv[0], 0.0, 1e-15);
+  EXPECT_NEAR(s->gv[1], -0.6 * dv, 1e-15);
+  EXPECT_NEAR(s->gv[2], 0.8 * dv, 1e-15);
+}
+
+TEST(JointLimits, LimitResponsesAreColumnsOfTheInverseMass) {
+  // A floating base carrying a prismatic, a revolute and a spherical joint in
+  // a chain, and a revolute side branch, every joint past its limit: each
+  // limit's response is M^-1 times the unit impulse on its joint, and its
+  // inverse inertia the matching entry, with the implicit PD diagonal in M.
+  Child root = body("root", Joint::FLOATING, 3.0, {0.1, 0, 0});
+  Child slider = body("slider", Joint::PRISMATIC, 1.0, {0, 0.1, -0.2});
+  slider.axis = {0, 0, 1};
+  slider.pos = {0.2, 0, 0};
+  slider.limit = {0.1, 0.3};
+  Child hinge = body("hinge", Joint::REVOLUTE, 0.7, {0, 0, -0.3});
+  hinge.axis = {0, 1, 0};
+  hinge.pos = {0, 0, -0.2};
+  hinge.limit = {-0.5, -0.2};
+  Child ball = body("ball", Joint::SPHERICAL, 0.4, {0.05, 0, -0.2});
+  ball.pos = {0, 0, -0.4};
+  ball.limit = {0.2, 0.0};
+  Child side = body("side", Joint::REVOLUTE, 0.5, {0, 0.2, 0});
+  side.axis = {1, 0, 0};
+  side.pos = {-0.2, 0, 0};
+  side.limit = {0.3, 0.4};
+  hinge.child.push_back(ball);
+  slider.child.push_back(hinge);
+  root.child.push_back(slider);
+  root.child.push_back(side);
+  World world;
+  ArticulatedSystem* s = world.addArticulatedSystem(root, "", 1, 0);
+  ASSERT_EQ(s->dof, 12u);
+  VecDyn gc = s->gc;
+  gc[7] = 0.0;  // below the slider's range
+  gc[8] = 0.1;  // above the hinge's
+  const double angle = 0.5, axis[3] = {0.6, 0.0, 0.8};
+  gc[9] = std::cos(angle / 2);
+  for (size_t k = 0; k < 3; ++k) gc[10 + k] = std::sin(angle / 2) * axis[k];
+  gc[13] = 0.0;  // below the side branch's range
+  s->setGeneralizedCoordinate(gc);
+  VecDyn p(s->dof), d(s->dof), v(s->dof);
+  for (size_t i = 0; i < s->dof; ++i) p[i] = 40.0, d[i] = 2.0, v[i] = 0.0;
+  s->setControlMode(ArticulatedSystem::PD_PLUS_FEEDFORWARD_TORQUE);
+  s->setPdGains(p, d);
+  s->setPdTarget(gc, v);
+  world.integrate1();
+  ContactProblemList problems;
+  s->preContactSolverUpdate2(world.getGravity(), world.getTimeStep(), problems);
+  ASSERT_EQ(problems.size(), 4u);
+  Eigen::MatrixXd M = s->getMassMatrix().e();
+  for (size_t i = 0; i < s->dof; ++i) M(Eigen::Index(i), Eigen::Index(i)) += s->dampedDiag[i];
+  const Eigen::MatrixXd Minv = M.inverse();
+  for (const auto& P : problems) {
+    const size_t b = P.localIndexA, g = s->gvIdx[b];
+    SCOPED_TRACE(s->getBodyNames()[b]);
+    Eigen::VectorXd e = Eigen::VectorXd::Zero(Eigen::Index(s->dof));
+    if (s->jointType[b] == Joint::SPHERICAL) {
+      for (size_t k = 0; k < 3; ++k) e(Eigen::Index(g + k)) = P.basis[0][k];
+      EXPECT_NEAR(P.basis[0][0], 0.6, 1e-12);
+      EXPECT_NEAR(P.basis[0][2], 0.8, 1e-12);
+      EXPECT_NEAR(P.depth, 0.2 - 0.5, 1e-12);
+    } else {
+      e(Eigen::Index(g)) = 1.0;
+    }
+    const Eigen::VectorXd expected = Minv * e;
+    EXPECT_LT((s->limitResponse[b].e() - expected).norm(), 1e-9 * expected.norm());
+    EXPECT_NEAR(P.rankOneDelassus, e.dot(expected), 1e-9 * e.dot(expected));
+    EXPECT_NEAR(P.delassusInverse(0, 0) * P.rankOneDelassus, 1.0, 1e-12);
+    EXPECT_EQ(P.rank, 5);
+  }
+  EXPECT_EQ(problems[0].mu, 1.0);   // the slider, below its range
+  EXPECT_EQ(problems[1].mu, -1.0);  // the hinge, above its range
+  EXPECT_NEAR(problems[0].depth, 0.1, 1e-12);
+  EXPECT_NEAR(problems[1].depth, 0.3, 1e-12);
+}
+
+TEST(Pins, APinOnTheFixedBaseHoldsALink) {
+  // A pendulum pinned at its tip to a point of the fixed base, named first:
+  // the moving body owns the pin, and the pendulum stays where it was put.
+  Child base = body("ground", Joint::FIXED, 1.0, {0, 0, 0});
+  base.pos = {0, 0, 2};
+  Child arm = body("arm", Joint::REVOLUTE, 1.0, {0, 0, -0.5});
+  arm.axis = {1, 0, 0};
+  base.child.push_back(arm);
+  World world;
+  world.setTimeStep(0.001);
+  ArticulatedSystem* s = world.addArticulatedSystem(base, "", 1, 0);
+  VecDyn gc(1);
+  gc[0] = 0.8;
+  const double y = std::sin(0.8), z = -std::cos(0.8);
+  s->addConstraints({PinConstraintDefinition{"ground", "arm", Mat<3, 1>{0, y, z}}}, gc);
+  s->initializeConstraints();
+  ASSERT_EQ(s->getPins().size(), 1u);
+  EXPECT_EQ(s->getPins()[0].pinBody1, 1u);
+  EXPECT_EQ(s->getPins()[0].pinBody2, 0u);
+  for (int i = 0; i < 2000; ++i) world.integrate();
+  EXPECT_NEAR(s->gc[0], 0.8, 1e-3);  // gravity alone would swing it down
+  EXPECT_EQ(s->getContacts().size(), 1u);
+}
