@@ -282,8 +282,20 @@ class MujocoEngine : public Engine {
       << "\" jacobian=\"" << jacobianName(s_.jacobian) << "\" iterations=\"" << s_.iterations << "\" tolerance=\""
       << s_.tolerance << "\">\n";
     if (!s_.warmstart) x << "    <flag warmstart=\"disable\"/>\n";
-    x << "  </option>\n  <worldbody>\n";
-    x << "    <geom name=\"ground\" type=\"plane\" size=\"0 0 1\"/>\n";
+    x << "  </option>\n";
+    const TerrainDesc& g = scene.terrain;
+    double low = 0.0, high = 0.0;
+    if (!g.grid.empty()) {
+      low = *std::min_element(g.grid.begin(), g.grid.end());
+      high = *std::max_element(g.grid.begin(), g.grid.end());
+      x << "  <asset><hfield name=\"terrain\" nrow=\"" << g.ny << "\" ncol=\"" << g.nx << "\" size=\"" << 0.5 * g.sx
+        << ' ' << 0.5 * g.sy << ' ' << std::max(high - low, 1e-6) << " 0.5\"/></asset>\n";
+    }
+    x << "  <worldbody>\n";
+    if (g.grid.empty())
+      x << "    <geom name=\"ground\" type=\"plane\" size=\"0 0 1\"/>\n";
+    else
+      x << "    <geom name=\"ground\" type=\"hfield\" hfield=\"terrain\" pos=\"0 0 " << low << "\"/>\n";
     for (const WallDesc& w : scene.walls)
       x << "    <geom type=\"box\" pos=\"" << w.pos[0] << ' ' << w.pos[1] << ' ' << w.pos[2] << "\" size=\""
         << 0.5 * w.dims[0] << ' ' << 0.5 * w.dims[1] << ' ' << 0.5 * w.dims[2] << "\"/>\n";
@@ -298,6 +310,24 @@ class MujocoEngine : public Engine {
     model_ = loadFromText("robots.xml", x.str(), error, sizeof error);
     if (!model_) throw std::runtime_error(std::string("MuJoCo could not load the robots: ") + error);
     data_ = mj_makeData(model_);
+    if (!g.grid.empty()) {
+      // Row r of MuJoCo's field lies at y = -sy/2 + r sy/(nrow-1); elevations
+      // are data times the field's height, above the geom's position.
+      const double range = std::max(high - low, 1e-6);
+      for (size_t k = 0; k < g.grid.size(); ++k) model_->hfield_data[k] = float((g.grid[k] - low) / range);
+      mj_forward(model_, data_);
+      // The field must come back under vertical rays at the sample points
+      // (to float precision: MuJoCo keeps elevations as floats).
+      for (size_t r = 5; r < g.ny; r += 37)
+        for (size_t c = 7; c < g.nx; c += 41) {
+          if (std::hypot(g.x(c), g.y(r)) < 1.5) continue;  // the robot stands there
+          const mjtNum from[3] = {g.x(c), g.y(r), high + 1.0}, down[3] = {0, 0, -1};
+          int hit = -1;
+          const mjtNum d = mj_ray(model_, data_, from, down, nullptr, 1, -1, &hit);
+          if (hit != 0 || std::abs(high + 1.0 - d - g.grid[r * g.nx + c]) > 1e-5 * std::max(1.0, range))
+            throw std::runtime_error("MuJoCo's height field does not reproduce the scene's grid");
+        }
+    }
 
     // Collision bits: the world's geoms are type 1 and meet every robot; copy
     // k is type 2^(k+1) and meets all types but its own.

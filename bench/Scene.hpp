@@ -68,6 +68,16 @@ struct RobotDesc {
   std::vector<std::array<double, 4>> placements;
 };
 
+// A height field in place of the ground plane: grid[r * nx + c] is the height
+// at x = -sx/2 + c sx/(nx-1), y = -sy/2 + r sy/(ny-1), centred at the origin.
+struct TerrainDesc {
+  size_t nx = 0, ny = 0;
+  double sx = 0, sy = 0;
+  std::vector<double> grid;
+  double x(size_t c) const { return -0.5 * sx + sx * double(c) / double(nx - 1); }
+  double y(size_t r) const { return -0.5 * sy + sy * double(r) / double(ny - 1); }
+};
+
 struct SceneDesc {
   std::string key;    // "a" .. "e"
   std::string title;  // one line for the table
@@ -82,6 +92,7 @@ struct SceneDesc {
   int steps = 1000;                   // steps of one run, all of them timed in some window
   std::vector<TimingWindow> windows;  // the first one is the headline number
   int contactWindowBegin = 0;         // contacts per step are averaged over [this, steps)
+  TerrainDesc terrain;                // used when grid is not empty (and ground is false)
   bool hasRobot = false;              // the scene is the robot alone
   RobotDesc robot;
 };

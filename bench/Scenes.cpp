@@ -11,6 +11,8 @@
 #include <vector>
 
 #include "Scene.hpp"
+#include "vorsim/World.hpp"
+#include "vorsim/object/HeightMap.hpp"
 
 namespace vorsim_bench {
 
@@ -468,10 +470,45 @@ SceneDesc quadrupedBin() {
   return s;
 }
 
+// The quadruped standing on generated rough terrain: 8 m x 8 m, 161 x 161
+// samples (5 cm), bumps of some 10 cm. The heights are the library's terrain
+// generator's, read back through the height map's own query at the sample
+// points, so that both engines get the same numbers.
+SceneDesc quadrupedOnTerrain() {
+  SceneDesc s =
+      quadrupedScene("i", "quadruped (ANYmal B) standing on generated rough terrain, PD control", 0.0, 5000, 1000);
+  s.ground = false;
+  vorsim::TerrainProperties p;
+  p.frequency = 0.4;
+  p.xSize = p.ySize = 8.0;
+  p.zScale = 0.15;
+  p.xSamples = p.ySamples = 161;
+  p.fractalOctaves = 3;
+  p.seed = 7;
+  TerrainDesc& t = s.terrain;
+  t.nx = p.xSamples;
+  t.ny = p.ySamples;
+  t.sx = p.xSize;
+  t.sy = p.ySize;
+  vorsim::World world;
+  const vorsim::HeightMap* map = world.addHeightMap(0.0, 0.0, p);
+  for (size_t r = 0; r < t.ny; ++r)
+    for (size_t c = 0; c < t.nx; ++c) t.grid.push_back(map->getHeight(t.x(c), t.y(r)));
+  // Standing height above the highest point under the robot: no foot starts
+  // inside the terrain.
+  double top = -INFINITY;
+  for (size_t r = 0; r < t.ny; ++r)
+    for (size_t c = 0; c < t.nx; ++c)
+      if (std::abs(t.x(c)) < 0.6 && std::abs(t.y(r)) < 0.5) top = std::max(top, t.grid[r * t.nx + c]);
+  s.robot.placements[0][2] = top + 0.5;
+  return s;
+}
+
 std::vector<SceneDesc> robotScenes() {
   return {quadrupedScene("f", "quadruped (ANYmal B) standing on the ground, PD control", 0.0, 5000, 1000),
           quadrupedScene("g", "quadruped (ANYmal B) dropped from 0.5 m, settling, PD control", 0.5, 3000, 2000),
           quadrupedBin(),
+          quadrupedOnTerrain(),
           robotScene("j", "floating quadruped (ANYmal B) in the air, PD control",
                      {"anymal_b/anymal.urdf", true, 1.0, 50.0, 1.0, 0.4}),
           robotScene("k", "fixed-base arm (Panda) swinging under gravity",

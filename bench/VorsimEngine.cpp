@@ -5,11 +5,13 @@
 #include <cstdio>
 #include <fstream>
 #include <sstream>
+#include <stdexcept>
 #include <vector>
 
 #include "Engines.hpp"
 #include "vorsim/World.hpp"
 #include "vorsim/object/ArticulatedSystem/ArticulatedSystem.hpp"
+#include "vorsim/object/HeightMap.hpp"
 #include "vorsim/object/Primitives.hpp"
 
 namespace vorsim_bench {
@@ -48,6 +50,15 @@ class VorsimEngine : public Engine {
     world_.setDefaultMaterial(scene.friction, scene.restitution, scene.restitutionThreshold);
     world_.setMaterialPairProp("mat", "mat", scene.friction, scene.restitution, scene.restitutionThreshold);
     if (scene.ground) world_.addGround(0.0, "mat");
+    if (!scene.terrain.grid.empty()) {
+      const TerrainDesc& g = scene.terrain;
+      const vorsim::HeightMap* map = world_.addHeightMap(g.nx, g.ny, g.sx, g.sy, 0.0, 0.0, g.grid, "mat");
+      // The grid must come back at its own sample points.
+      for (size_t r = 0; r < g.ny; r += 37)
+        for (size_t c = 0; c < g.nx; c += 41)
+          if (std::abs(map->getHeight(g.x(c), g.y(r)) - g.grid[r * g.nx + c]) > 1e-12)
+            throw std::runtime_error("vorsim's height map does not reproduce the scene's grid");
+    }
     for (const WallDesc& w : scene.walls) {
       auto* box = world_.addBox(w.dims[0], w.dims[1], w.dims[2], 1.0, "mat");
       box->setPosition(w.pos[0], w.pos[1], w.pos[2]);
