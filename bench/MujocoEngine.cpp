@@ -10,6 +10,8 @@
 
 #include <mujoco/mujoco.h>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -69,6 +71,7 @@ class MujocoEngine : public Engine {
   }
 
   void build(const SceneDesc& scene) override {
+    if (scene.hasRobot && scene.robot.contact) return buildRobotsInContact(scene);
     if (scene.hasRobot) return buildRobot(scene);
     n_ = scene.bodies.size();
     dampRatio_ = restitutionDampRatio(scene.restitution);
@@ -109,11 +112,16 @@ class MujocoEngine : public Engine {
   void step() override {
     // PD control as applied generalized forces, from the state of the start
     // of the step.
-    for (const PdJoint& j : pd_) data_->qfrc_applied[j.dof] = -kp_ * data_->qpos[j.qpos] - kd_ * data_->qvel[j.dof];
+    for (const PdJoint& j : pd_)
+      data_->qfrc_applied[j.dof] = -kp_ * (data_->qpos[j.qpos] - j.target) - kd_ * data_->qvel[j.dof];
     mj_step(model_, data_);
   }
 
   void position(size_t i, double out[3]) const override {
+    if (!bases_.empty()) {
+      for (int k = 0; k < 3; ++k) out[k] = data_->qpos[bases_[i] + k];
+      return;
+    }
     if (robot_) {
       // The centre of mass of the state after the step (mj_step leaves the
       // one of its start).
@@ -131,6 +139,11 @@ class MujocoEngine : public Engine {
     for (int k = 0; k < 3; ++k) out[k] = data_->qvel[dofAdr_[i] + k];
   }
   int contactCount() const override { return data_->ncon; }
+  double deepestPenetration() const override {
+    double deepest = 0.0;
+    for (int c = 0; c < data_->ncon; ++c) deepest = std::max(deepest, -data_->contact[c].dist);
+    return deepest;
+  }
   double energy() const override {
     if (!robot_) return NAN;
     // Energies are computed only while the flag is on; it stays off for the
@@ -217,10 +230,155 @@ class MujocoEngine : public Engine {
       } else if (model_->jnt_type[j] == mjJNT_HINGE || model_->jnt_type[j] == mjJNT_SLIDE) {
         data_->qpos[q] =
             robotJointStart(r, names, mj_id2name(model_, mjOBJ_JOINT, j), model_->jnt_type[j] == mjJNT_SLIDE);
-        if (r.kp > 0.0 || r.kd > 0.0) pd_.push_back({q, model_->jnt_dofadr[j]});
+        if (r.kp > 0.0 || r.kd > 0.0) pd_.push_back({q, model_->jnt_dofadr[j], 0.0});
       }
     }
     mj_forward(model_, data_);
+  }
+
+  // Robots in contact: the robot file as MuJoCo's URDF import reads it, with
+  // its collision shapes (the same 40 boxes, cylinders and spheres vorsim
+  // builds), written back as MJCF; its body tree is copied once per
+  // placement with prefixed names, next to the ground plane and the walls.
+  // Each copy collides with everything but itself (contype/conaffinity bits
+  // of its own), as in vorsim; every geom has the scene's friction.
+  void buildRobotsInContact(const SceneDesc& scene) {
+    const RobotDesc& r = scene.robot;
+    robot_ = true;
+    kp_ = r.kp;
+    kd_ = r.kd;
+    std::ifstream in(robotFile(r));
+    std::stringstream buffer;
+    buffer << in.rdbuf();
+    std::string text = withoutMasslessInertials(withoutElements(buffer.str(), "visual"));
+    const std::string root = rootLink(text);
+    const size_t end = text.find('>', text.find("<robot")) + 1;
+    text.insert(end,
+                "<mujoco><compiler fusestatic=\"false\" inertiafromgeom=\"false\" discardvisual=\"true\"/></mujoco>"
+                "<link name=\"world\"/><joint name=\"base_joint\" type=\"floating\"><parent link=\"world\"/>"
+                "<child link=\"" +
+                    root + "\"/></joint>");
+    char error[1000] = "";
+    mjModel* single = loadFromText("robot.urdf", text, error, sizeof error);
+    if (!single) throw std::runtime_error(std::string("MuJoCo could not load the robot: ") + error);
+    const std::string saved = std::string(std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") +
+                              "/vorsim_bench_robot_" + std::to_string(::getpid()) + ".xml";
+    mj_saveLastXML(saved.c_str(), single, error, sizeof error);
+    mj_deleteModel(single);
+    std::ifstream savedIn(saved);
+    std::stringstream mjcf;
+    mjcf << savedIn.rdbuf();
+    std::remove(saved.c_str());
+    const std::string model = mjcf.str();
+    const size_t treeBegin = model.find('>', model.find("<worldbody")) + 1;
+    const std::string tree = model.substr(treeBegin, model.find("</worldbody>") - treeBegin);
+
+    std::ostringstream x;
+    x.precision(17);
+    x << "<mujoco model=\"robots\">\n  <compiler angle=\"radian\" autolimits=\"true\"/>\n";
+    x << "  <size nconmax=\"2000\" njmax=\"8000\" nstack=\"60000000\"/>\n";
+    x << "  <option timestep=\"" << scene.dt << "\" gravity=\"0 0 " << scene.gravity << "\" integrator=\""
+      << integratorName(s_.integrator) << "\" solver=\"" << solverName(s_.solver) << "\" cone=\"" << coneName(s_.cone)
+      << "\" jacobian=\"" << jacobianName(s_.jacobian) << "\" iterations=\"" << s_.iterations << "\" tolerance=\""
+      << s_.tolerance << "\">\n";
+    if (!s_.warmstart) x << "    <flag warmstart=\"disable\"/>\n";
+    x << "  </option>\n";
+    const TerrainDesc& g = scene.terrain;
+    double low = 0.0, high = 0.0;
+    if (!g.grid.empty()) {
+      low = *std::min_element(g.grid.begin(), g.grid.end());
+      high = *std::max_element(g.grid.begin(), g.grid.end());
+      x << "  <asset><hfield name=\"terrain\" nrow=\"" << g.ny << "\" ncol=\"" << g.nx << "\" size=\"" << 0.5 * g.sx
+        << ' ' << 0.5 * g.sy << ' ' << std::max(high - low, 1e-6) << " 0.5\"/></asset>\n";
+    }
+    x << "  <worldbody>\n";
+    if (g.grid.empty())
+      x << "    <geom name=\"ground\" type=\"plane\" size=\"0 0 1\"/>\n";
+    else
+      x << "    <geom name=\"ground\" type=\"hfield\" hfield=\"terrain\" pos=\"0 0 " << low << "\"/>\n";
+    for (const WallDesc& w : scene.walls)
+      x << "    <geom type=\"box\" pos=\"" << w.pos[0] << ' ' << w.pos[1] << ' ' << w.pos[2] << "\" size=\""
+        << 0.5 * w.dims[0] << ' ' << 0.5 * w.dims[1] << ' ' << 0.5 * w.dims[2] << "\"/>\n";
+    for (size_t k = 0; k < r.placements.size(); ++k) {
+      std::string copy = tree;
+      const std::string prefix = "name=\"r" + std::to_string(k) + "_";
+      for (size_t at = copy.find("name=\""); at != std::string::npos; at = copy.find("name=\"", at + prefix.size()))
+        copy.replace(at, 6, prefix);
+      x << copy;
+    }
+    x << "  </worldbody>\n</mujoco>\n";
+    model_ = loadFromText("robots.xml", x.str(), error, sizeof error);
+    if (!model_) throw std::runtime_error(std::string("MuJoCo could not load the robots: ") + error);
+    data_ = mj_makeData(model_);
+    if (!g.grid.empty()) {
+      // Row r of MuJoCo's field lies at y = -sy/2 + r sy/(nrow-1); elevations
+      // are data times the field's height, above the geom's position.
+      const double range = std::max(high - low, 1e-6);
+      for (size_t k = 0; k < g.grid.size(); ++k) model_->hfield_data[k] = float((g.grid[k] - low) / range);
+      mj_forward(model_, data_);
+      // The field must come back under vertical rays at the sample points
+      // (to float precision: MuJoCo keeps elevations as floats).
+      for (size_t r = 5; r < g.ny; r += 37)
+        for (size_t c = 7; c < g.nx; c += 41) {
+          if (std::hypot(g.x(c), g.y(r)) < 1.5) continue;  // the robot stands there
+          const mjtNum from[3] = {g.x(c), g.y(r), high + 1.0}, down[3] = {0, 0, -1};
+          int hit = -1;
+          const mjtNum d = mj_ray(model_, data_, from, down, nullptr, 1, -1, &hit);
+          if (hit != 0 || std::abs(high + 1.0 - d - g.grid[r * g.nx + c]) > 1e-5 * std::max(1.0, range))
+            throw std::runtime_error("MuJoCo's height field does not reproduce the scene's grid");
+        }
+    }
+
+    // Collision bits: the world's geoms are type 1 and meet every robot; copy
+    // k is type 2^(k+1) and meets all types but its own.
+    const int all = (1 << (int(r.placements.size()) + 1)) - 1;
+    for (int g = 0; g < model_->ngeom; ++g) {
+      model_->geom_friction[3 * g] = scene.friction;
+      const int body = model_->geom_bodyid[g];
+      if (body == 0) {
+        model_->geom_contype[g] = 1;
+        model_->geom_conaffinity[g] = all;
+        continue;
+      }
+      const int copy = rootIndex(model_->body_rootid[body]);
+      model_->geom_contype[g] = 1 << (copy + 1);
+      model_->geom_conaffinity[g] = all & ~(1 << (copy + 1));
+    }
+    for (int j = 0; j < model_->njnt; ++j) {
+      const int q = model_->jnt_qposadr[j];
+      const int copy = rootIndex(model_->body_rootid[model_->jnt_bodyid[j]]);
+      if (model_->jnt_type[j] == mjJNT_FREE) {
+        const auto& at = r.placements[size_t(copy)];
+        const double pose[7] = {at[0], at[1], at[2], std::cos(at[3] / 2), 0.0, 0.0, std::sin(at[3] / 2)};
+        for (int k = 0; k < 7; ++k) data_->qpos[q + k] = pose[k];
+        bases_.push_back(q);
+      } else if (model_->jnt_type[j] == mjJNT_HINGE) {
+        std::string name = mj_id2name(model_, mjOBJ_JOINT, j);
+        name = name.substr(name.find('_') + 1);
+        data_->qpos[q] = robotJointStart(r, {name}, name, false);
+        pd_.push_back({q, model_->jnt_dofadr[j], data_->qpos[q]});
+      }
+    }
+    mj_forward(model_, data_);
+  }
+
+  // Copy number of the robot whose root body is `rootBody` (copies are laid
+  // out one after the other, in placement order).
+  int rootIndex(int rootBody) {
+    auto at = std::find(roots_.begin(), roots_.end(), rootBody);
+    if (at != roots_.end()) return int(at - roots_.begin());
+    roots_.push_back(rootBody);
+    return int(roots_.size()) - 1;
+  }
+
+  static mjModel* loadFromText(const char* file, const std::string& text, char* error, int errorSize) {
+    auto vfs = std::make_unique<mjVFS>();
+    mj_defaultVFS(vfs.get());
+    if (mj_makeEmptyFileVFS(vfs.get(), file, int(text.size())) != 0) throw std::runtime_error("MuJoCo VFS full");
+    std::memcpy(vfs->filedata[mj_findFileVFS(vfs.get(), file)], text.data(), text.size());
+    mjModel* m = mj_loadXML(file, vfs.get(), error, errorSize);
+    mj_deleteVFS(vfs.get());
+    return m;
   }
 
   static std::string withoutElements(std::string text, const std::string& tag) {
@@ -310,6 +468,7 @@ class MujocoEngine : public Engine {
 
   struct PdJoint {
     int qpos, dof;
+    double target;
   };
   MujocoSettings s_;
   mjModel* model_ = nullptr;
@@ -320,6 +479,7 @@ class MujocoEngine : public Engine {
   size_t n_ = 0;
   double dampRatio_ = 1.0;
   std::vector<int> qposAdr_, dofAdr_;
+  std::vector<int> bases_, roots_;  // robots in contact: free-joint qpos addresses, root bodies
 };
 
 }  // namespace

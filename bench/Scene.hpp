@@ -6,6 +6,7 @@
 #ifndef VORSIM_BENCH_SCENE_HPP
 #define VORSIM_BENCH_SCENE_HPP
 
+#include <array>
 #include <cmath>
 #include <memory>
 #include <string>
@@ -44,11 +45,37 @@ struct TimingWindow {
 // +-jointStart, the sign alternating over the joint names in alphabetical
 // order (the same in every engine, whatever order it keeps its joints in).
 struct RobotDesc {
+  RobotDesc() = default;
+  RobotDesc(std::string file_, bool floating_, double baseHeight_, double kp_, double kd_, double jointStart_)
+      : file(std::move(file_)),
+        floating(floating_),
+        baseHeight(baseHeight_),
+        kp(kp_),
+        kd(kd_),
+        jointStart(jointStart_) {}
+
   std::string file;  // relative to models/
   bool floating = true;
   double baseHeight = 1.0;    // initial base height (free) or the base's height (fixed)
   double kp = 0.0, kd = 0.0;  // PD gains of every joint; 0 leaves the joints free
   double jointStart = 0.0;
+  // Contact scenes: the robots touch the ground, the walls and each other but
+  // not themselves; every joint starts at and is held toward `pose` (by
+  // joint name), and one copy stands at each placement (x, y, base height,
+  // yaw), at rest.
+  bool contact = false;
+  std::vector<std::pair<std::string, double>> pose;
+  std::vector<std::array<double, 4>> placements;
+};
+
+// A height field in place of the ground plane: grid[r * nx + c] is the height
+// at x = -sx/2 + c sx/(nx-1), y = -sy/2 + r sy/(ny-1), centred at the origin.
+struct TerrainDesc {
+  size_t nx = 0, ny = 0;
+  double sx = 0, sy = 0;
+  std::vector<double> grid;
+  double x(size_t c) const { return -0.5 * sx + sx * double(c) / double(nx - 1); }
+  double y(size_t r) const { return -0.5 * sy + sy * double(r) / double(ny - 1); }
 };
 
 struct SceneDesc {
@@ -65,6 +92,7 @@ struct SceneDesc {
   int steps = 1000;                   // steps of one run, all of them timed in some window
   std::vector<TimingWindow> windows;  // the first one is the headline number
   int contactWindowBegin = 0;         // contacts per step are averaged over [this, steps)
+  TerrainDesc terrain;                // used when grid is not empty (and ground is false)
   bool hasRobot = false;              // the scene is the robot alone
   RobotDesc robot;
 };
@@ -80,9 +108,13 @@ class Engine {
   virtual void build(const SceneDesc& scene) = 0;
   virtual void step() = 0;
   // State of free body i (the index in SceneDesc::bodies) after the last step.
-  // In a robot scene, index 0 is the robot's centre of mass.
+  // In a contact-free robot scene, index 0 is the robot's centre of mass; in a
+  // robot contact scene, index k is the base of the k-th robot.
   virtual void position(size_t i, double out[3]) const = 0;
   virtual void velocity(size_t i, double out[3]) const = 0;
+  // The deepest penetration of the last step's contacts (m); NaN where the
+  // engine does not tell.
+  virtual double deepestPenetration() const { return NAN; }
   // Contact points the engine worked with in the last step, as it counts them.
   virtual int contactCount() const = 0;
   // Iterations (sweeps) the contact solver made in the last step, or a
@@ -96,7 +128,8 @@ class Engine {
   virtual std::string warnings() const { return {}; }
 };
 
-// The five contact scenes a to e, then the robot scenes f to i.
+// The five contact scenes a to e, the robot contact scenes f to h, then the
+// contact-free robot scenes j to m.
 std::vector<SceneDesc> makeScenes();
 
 // The physical error figure of a scene, computed from the bodies' states only,
@@ -122,8 +155,8 @@ std::string robotFile(const RobotDesc& robot);
 // The text of a robot file with its root link fixed to a "world" link at
 // height z (what both engines read for a fixed base).
 std::string fixedBaseText(const std::string& urdf, const std::string& rootLink, double z);
-// Initial coordinate of the joint called `name` among `names` (all movable
-// joints of the robot).
+// Initial coordinate (and PD target) of the joint called `name` among `names`
+// (all movable joints of the robot).
 double robotJointStart(const RobotDesc& robot, std::vector<std::string> names, const std::string& name, bool prismatic);
 
 }  // namespace vorsim_bench

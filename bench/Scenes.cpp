@@ -2,6 +2,7 @@
 // positions and velocities only, so it is computed the same way for every
 // engine and does not depend on how an engine reports its contacts.
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdint>
 #include <limits>
@@ -10,6 +11,8 @@
 #include <vector>
 
 #include "Scene.hpp"
+#include "vorsim/World.hpp"
+#include "vorsim/object/HeightMap.hpp"
 
 namespace vorsim_bench {
 
@@ -421,14 +424,98 @@ SceneDesc robotScene(const std::string& key, const std::string& title, const Rob
   return s;
 }
 
+// ANYmal B's standing pose, PD holding it; the same gains as the tests.
+RobotDesc standingQuadruped() {
+  RobotDesc r{"anymal_b/anymal.urdf", true, 0.5, 200.0, 10.0, 0.0};
+  r.contact = true;
+  const char* legs[4] = {"LF", "RF", "LH", "RH"};
+  for (int l = 0; l < 4; ++l) {
+    const double front = l < 2 ? 1.0 : -1.0, left = l % 2 == 0 ? 1.0 : -1.0;
+    r.pose.push_back({std::string(legs[l]) + "_HAA", 0.03 * left});
+    r.pose.push_back({std::string(legs[l]) + "_HFE", 0.4 * front});
+    r.pose.push_back({std::string(legs[l]) + "_KFE", -0.8 * front});
+  }
+  return r;
+}
+
+SceneDesc quadrupedScene(const std::string& key, const std::string& title, double dropHeight, int steps,
+                         int settledFrom) {
+  SceneDesc s;
+  s.key = key;
+  s.title = title;
+  s.friction = 0.8;
+  s.hasRobot = true;
+  s.robot = standingQuadruped();
+  s.robot.placements = {{0.0, 0.0, 0.5 + dropHeight, 0.0}};
+  s.steps = steps;
+  s.windows = {{"whole run", 0, steps}, {"settled", settledFrom, steps}};
+  s.contactWindowBegin = settledFrom;
+  return s;
+}
+
+// Eight quadrupeds dropped in two layers into a 3 m x 2.4 m bin.
+SceneDesc quadrupedBin() {
+  SceneDesc s = quadrupedScene("h", "8 quadrupeds (ANYmal B) piled into a bin, PD control", 0.0, 4000, 2000);
+  s.robot.placements.clear();
+  for (int k = 0; k < 8; ++k) {
+    const int layer = k / 4, c = k % 4;
+    const double x = (c % 2 ? 0.55 : -0.55) + (layer ? 0.3 : 0.0), y = (c / 2 ? 0.5 : -0.5) + (layer ? 0.2 : 0.0);
+    s.robot.placements.push_back({x, y, 0.55 + 0.8 * layer, layer ? 0.3 : 0.0});
+  }
+  const double lx = 3.0, ly = 2.4, h = 0.5, w = 0.1;
+  s.walls = {{{w, ly + 2 * w, h}, {-(lx + w) / 2, 0, h / 2}},
+             {{w, ly + 2 * w, h}, {(lx + w) / 2, 0, h / 2}},
+             {{lx, w, h}, {0, -(ly + w) / 2, h / 2}},
+             {{lx, w, h}, {0, (ly + w) / 2, h / 2}}};
+  return s;
+}
+
+// The quadruped standing on generated rough terrain: 8 m x 8 m, 161 x 161
+// samples (5 cm), bumps of some 10 cm. The heights are the library's terrain
+// generator's, read back through the height map's own query at the sample
+// points, so that both engines get the same numbers.
+SceneDesc quadrupedOnTerrain() {
+  SceneDesc s =
+      quadrupedScene("i", "quadruped (ANYmal B) standing on generated rough terrain, PD control", 0.0, 5000, 1000);
+  s.ground = false;
+  vorsim::TerrainProperties p;
+  p.frequency = 0.4;
+  p.xSize = p.ySize = 8.0;
+  p.zScale = 0.15;
+  p.xSamples = p.ySamples = 161;
+  p.fractalOctaves = 3;
+  p.seed = 7;
+  TerrainDesc& t = s.terrain;
+  t.nx = p.xSamples;
+  t.ny = p.ySamples;
+  t.sx = p.xSize;
+  t.sy = p.ySize;
+  vorsim::World world;
+  const vorsim::HeightMap* map = world.addHeightMap(0.0, 0.0, p);
+  for (size_t r = 0; r < t.ny; ++r)
+    for (size_t c = 0; c < t.nx; ++c) t.grid.push_back(map->getHeight(t.x(c), t.y(r)));
+  // Standing height above the highest point under the robot: no foot starts
+  // inside the terrain.
+  double top = -INFINITY;
+  for (size_t r = 0; r < t.ny; ++r)
+    for (size_t c = 0; c < t.nx; ++c)
+      if (std::abs(t.x(c)) < 0.6 && std::abs(t.y(r)) < 0.5) top = std::max(top, t.grid[r * t.nx + c]);
+  s.robot.placements[0][2] = top + 0.5;
+  return s;
+}
+
 std::vector<SceneDesc> robotScenes() {
-  return {robotScene("f", "floating quadruped (ANYmal B) in the air, PD control",
+  return {quadrupedScene("f", "quadruped (ANYmal B) standing on the ground, PD control", 0.0, 5000, 1000),
+          quadrupedScene("g", "quadruped (ANYmal B) dropped from 0.5 m, settling, PD control", 0.5, 3000, 2000),
+          quadrupedBin(),
+          quadrupedOnTerrain(),
+          robotScene("j", "floating quadruped (ANYmal B) in the air, PD control",
                      {"anymal_b/anymal.urdf", true, 1.0, 50.0, 1.0, 0.4}),
-          robotScene("g", "fixed-base arm (Panda) swinging under gravity",
+          robotScene("k", "fixed-base arm (Panda) swinging under gravity",
                      {"franka_panda/panda.urdf", false, 0.0, 0.0, 0.0, 0.5}),
-          robotScene("h", "floating quadruped (Minitaur) in the air, PD control",
+          robotScene("l", "floating quadruped (Minitaur) in the air, PD control",
                      {"minitaur/minitaur.urdf", true, 1.0, 5.0, 0.1, 0.4}),
-          robotScene("i", "floating humanoid in the air, PD control",
+          robotScene("m", "floating humanoid in the air, PD control",
                      {"humanoid_mjcf_port/humanoid.urdf", true, 1.5, 100.0, 2.0, 0.3})};
 }
 
@@ -455,6 +542,38 @@ class BallisticMonitor : public Monitor {
   double dt_, g_;
   double start_[3] = {0, 0, 0};
   double worst_ = 0.0;
+};
+
+// Robots standing in contact: how far each base moves once settled, and how
+// deep the contacts go. The figure is the largest base drift in the settled
+// window (mm); penetration and the final base heights are details.
+class StandingMonitor : public Monitor {
+ public:
+  StandingMonitor(size_t robots, int settledFrom) : from_(settledFrom), start_(robots), last_(robots) {}
+  void observe(const Engine& e, int step) override {
+    for (size_t k = 0; k < start_.size(); ++k) {
+      e.position(k, last_[k].data());
+      if (step == from_) start_[k] = last_[k];
+      if (step >= from_) drift_ = std::max(drift_, dist(last_[k].data(), start_[k].data()));
+    }
+    const double p = e.deepestPenetration();
+    if (step >= from_ && std::isfinite(p)) settledPenetration_ = std::max(settledPenetration_, p);
+    if (std::isfinite(p)) penetration_ = std::max(penetration_, p);
+    if (!std::isfinite(last_[0][2])) drift_ = NAN;
+  }
+  PhysicsResult result() const override {
+    PhysicsResult r{"largest base drift once settled (mm)", 1e3 * drift_, {}};
+    r.details = {{"settled_penetration_mm", 1e3 * settledPenetration_}, {"penetration_mm", 1e3 * penetration_}};
+    double lowest = INFINITY;
+    for (const auto& p : last_) lowest = std::min(lowest, p[2]);
+    r.details.push_back({"lowest_final_base_height_m", lowest});
+    return r;
+  }
+
+ private:
+  int from_;
+  std::vector<std::array<double, 3>> start_, last_;
+  double drift_ = 0.0, penetration_ = 0.0, settledPenetration_ = 0.0;
 };
 
 // An undamped arm without control keeps its energy: the largest change.
@@ -485,6 +604,9 @@ std::string fixedBaseText(const std::string& urdf, const std::string& rootLink, 
 
 double robotJointStart(const RobotDesc& robot, std::vector<std::string> names, const std::string& name,
                        bool prismatic) {
+  for (const auto& [joint, value] : robot.pose)
+    if (joint == name) return value;
+  if (robot.contact) return 0.0;
   std::sort(names.begin(), names.end());
   const size_t rank = size_t(std::find(names.begin(), names.end(), name) - names.begin());
   const double sign = rank % 2 == 0 ? 1.0 : -1.0;
@@ -499,6 +621,8 @@ std::vector<SceneDesc> makeScenes() {
 
 std::unique_ptr<Monitor> makeMonitor(const SceneDesc& s) {
   const int last = s.steps - 1;
+  if (s.hasRobot && s.robot.contact)
+    return std::make_unique<StandingMonitor>(s.robot.placements.size(), s.windows.back().begin);
   if (s.hasRobot && s.robot.floating) return std::make_unique<BallisticMonitor>(s.dt, s.gravity);
   if (s.hasRobot) return std::make_unique<EnergyMonitor>();
   if (s.key == "a") return std::make_unique<RestingMonitor>(s.bodies[0].radius, s.windows[0].begin);

@@ -1,14 +1,17 @@
 // vorsim built from a scene description, with the solver settings of a
 // configuration (the library's defaults, or the faster one).
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
+#include <stdexcept>
 #include <vector>
 
 #include "Engines.hpp"
 #include "vorsim/World.hpp"
 #include "vorsim/object/ArticulatedSystem/ArticulatedSystem.hpp"
+#include "vorsim/object/HeightMap.hpp"
 #include "vorsim/object/Primitives.hpp"
 
 namespace vorsim_bench {
@@ -32,7 +35,12 @@ class VorsimEngine : public Engine {
   }
 
   void build(const SceneDesc& scene) override {
+    if (scene.hasRobot && scene.robot.contact) return buildRobotsInContact(scene);
     if (scene.hasRobot) return buildRobot(scene);
+    buildBodies(scene);
+  }
+
+  void buildBodies(const SceneDesc& scene) {
     world_.setTimeStep(scene.dt);
     world_.setContactSolverParam(1.0, 1.0, 1.0, settings_.maxIter, settings_.threshold);
     world_.setERP(settings_.erp, world_.getContactSolver().erp2);
@@ -42,6 +50,15 @@ class VorsimEngine : public Engine {
     world_.setDefaultMaterial(scene.friction, scene.restitution, scene.restitutionThreshold);
     world_.setMaterialPairProp("mat", "mat", scene.friction, scene.restitution, scene.restitutionThreshold);
     if (scene.ground) world_.addGround(0.0, "mat");
+    if (!scene.terrain.grid.empty()) {
+      const TerrainDesc& g = scene.terrain;
+      const vorsim::HeightMap* map = world_.addHeightMap(g.nx, g.ny, g.sx, g.sy, 0.0, 0.0, g.grid, "mat");
+      // The grid must come back at its own sample points.
+      for (size_t r = 0; r < g.ny; r += 37)
+        for (size_t c = 0; c < g.nx; c += 41)
+          if (std::abs(map->getHeight(g.x(c), g.y(r)) - g.grid[r * g.nx + c]) > 1e-12)
+            throw std::runtime_error("vorsim's height map does not reproduce the scene's grid");
+    }
     for (const WallDesc& w : scene.walls) {
       auto* box = world_.addBox(w.dims[0], w.dims[1], w.dims[2], 1.0, "mat");
       box->setPosition(w.pos[0], w.pos[1], w.pos[2]);
@@ -62,6 +79,10 @@ class VorsimEngine : public Engine {
   void step() override { world_.integrate(); }
 
   void position(size_t i, double out[3]) const override {
+    if (!robots_.empty()) {
+      for (size_t k = 0; k < 3; ++k) out[k] = robots_[i]->gc[k];
+      return;
+    }
     if (robot_) {
       // The centre of mass of the whole robot.
       double m = 0.0;
@@ -83,6 +104,12 @@ class VorsimEngine : public Engine {
     }
     const auto& v = bodies_[i]->getLinearVelocity();
     for (size_t k = 0; k < 3; ++k) out[k] = v[k];
+  }
+  double deepestPenetration() const override {
+    double deepest = 0.0;
+    for (const vorsim::ArticulatedSystem* o : robots_)
+      for (const vorsim::Contact& c : o->getContacts()) deepest = std::max(deepest, -c.depth);
+    return deepest;
   }
   int contactCount() const override { return int(world_.getContactProblem().size()); }
   double energy() const override { return robot_ ? robot_->getEnergy(world_.getGravity()) : NAN; }
@@ -132,10 +159,43 @@ class VorsimEngine : public Engine {
     }
   }
 
+  // Robots on the ground, among walls and each other: the scene's bodies
+  // and walls, then each copy of the robot in a collision group of its own
+  // whose mask leaves that group out (a robot's links overlap at the hips),
+  // standing in its pose with PD holding it.
+  void buildRobotsInContact(const SceneDesc& scene) {
+    buildBodies(scene);
+    const RobotDesc& r = scene.robot;
+    for (size_t k = 0; k < r.placements.size(); ++k) {
+      const size_t group = size_t(1) << (k + 1);
+      vorsim::ArticulatedSystem* s =
+          world_.addArticulatedSystem(robotFile(r), "", {}, group, vorsim::World::kAllBits & ~group);
+      const auto& at = r.placements[k];
+      vorsim::VecDyn gc(s->gcDim), zero(s->dof), kp(s->dof), kd(s->dof);
+      gc.setZero();
+      zero.setZero();
+      gc[0] = at[0];
+      gc[1] = at[1];
+      gc[2] = at[2];
+      gc[3] = std::cos(at[3] / 2);
+      gc[6] = std::sin(at[3] / 2);
+      for (size_t b = 1; b < s->nbody; ++b)
+        gc[s->gcIdx[b]] = robotJointStart(r, s->movableJointNames, s->movableJointNames[b], false);
+      for (size_t i = 0; i < s->dof; ++i) kp[i] = i < 6 ? 0.0 : r.kp, kd[i] = i < 6 ? 0.0 : r.kd;
+      s->setGeneralizedCoordinate(gc);
+      s->setGeneralizedVelocity(zero);
+      s->setControlMode(vorsim::ArticulatedSystem::PD_PLUS_FEEDFORWARD_TORQUE);
+      s->setPdGains(kp, kd);
+      s->setPdTarget(gc, zero);
+      robots_.push_back(s);
+    }
+  }
+
   VorsimSettings settings_;
   vorsim::World world_;
   std::vector<vorsim::SingleBodyObject*> bodies_;
   vorsim::ArticulatedSystem* robot_ = nullptr;
+  std::vector<vorsim::ArticulatedSystem*> robots_;
 };
 
 }  // namespace

@@ -1,9 +1,10 @@
-// The showcase: a walled bin on the ground, some 600 spheres, boxes, capsules
-// and cylinders of two materials poured into it, stepped for a few simulated
-// seconds. It prints a progress bar and a summary, and writes the trajectory
-// (see trajectory.hpp and docs/trajectory-format.md) for later playback.
+// The showcase: a walled bin on the ground, four quadrupeds standing in it
+// under PD control, and some 600 spheres, boxes, capsules and cylinders of two
+// materials poured over them, stepped for a few simulated seconds. It prints a
+// progress bar and a summary, and writes the trajectory (see trajectory.hpp
+// and docs/trajectory-format.md) for later playback.
 //
-//   vorsim_demo [--bodies N] [--seconds S] [--dt DT] [--out FILE]
+//   vorsim_demo [--bodies N] [--robots N] [--seconds S] [--dt DT] [--out FILE]
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,13 +19,19 @@
 
 #include "trajectory.hpp"
 #include "vorsim/World.hpp"
+#include "vorsim/object/ArticulatedSystem/ArticulatedSystem.hpp"
 #include "vorsim/object/Primitives.hpp"
+
+#ifndef VORSIM_MODELS_DIR
+#define VORSIM_MODELS_DIR "models"
+#endif
 
 namespace {
 
 struct Options {
   int bodies = 600;
-  double seconds = 3.0;
+  int robots = 4;
+  double seconds = 4.0;
   double dt = 0.001;
   std::string out = "demo_trajectory.vtrj";
 };
@@ -35,6 +42,8 @@ bool parse(int argc, char** argv, Options& o) {
     const bool hasValue = i + 1 < argc;
     if (a == "--bodies" && hasValue) {
       o.bodies = std::atoi(argv[++i]);
+    } else if (a == "--robots" && hasValue) {
+      o.robots = std::atoi(argv[++i]);
     } else if (a == "--seconds" && hasValue) {
       o.seconds = std::atof(argv[++i]);
     } else if (a == "--dt" && hasValue) {
@@ -42,12 +51,12 @@ bool parse(int argc, char** argv, Options& o) {
     } else if (a == "--out" && hasValue) {
       o.out = argv[++i];
     } else {
-      std::fprintf(stderr, "usage: %s [--bodies N] [--seconds S] [--dt DT] [--out FILE]\n", argv[0]);
+      std::fprintf(stderr, "usage: %s [--bodies N] [--robots N] [--seconds S] [--dt DT] [--out FILE]\n", argv[0]);
       return false;
     }
   }
-  if (o.bodies < 1 || o.seconds <= 0 || o.dt <= 0) {
-    std::fprintf(stderr, "bodies, seconds and dt must be positive\n");
+  if (o.bodies < 0 || o.robots < 0 || o.robots > 4 || o.seconds <= 0 || o.dt <= 0) {
+    std::fprintf(stderr, "bodies must not be negative, robots 0 to 4, seconds and dt positive\n");
     return false;
   }
   return true;
@@ -109,15 +118,22 @@ int main(int argc, char** argv) {
   world.setMaterialPairProp("rubber", "rubber", 1.0, 0.4, 0.3);
   world.setMaterialPairProp("steel", "steel", 0.3, 0.1, 0.3);
   world.setMaterialPairProp("rubber", "steel", 0.6, 0.3, 0.3);
+  // The robots' shapes carry the material "default" of their description:
+  // their feet grip the floor, the loose bodies slide off their backs.
+  world.setMaterialPairProp("floor", "default", 0.8, 0.0, 0.3);
+  world.setMaterialPairProp("rubber", "default", 0.6, 0.2, 0.3);
+  world.setMaterialPairProp("steel", "default", 0.3, 0.1, 0.3);
 
   std::vector<trajectory::BodyInfo> table;
   std::vector<vorsim::SingleBodyObject*> bodies;  // what the trajectory records
+  std::vector<size_t> bodyEntry;                  // each one's entry in the table
   world.addGround(0.0, "floor");
   table.push_back({vorsim::GROUND, 0, {0, 0, 0}});
   bodies.push_back(static_cast<vorsim::SingleBodyObject*>(world.getObjList().back()));
+  bodyEntry.push_back(table.size() - 1);
 
-  // The bin: 2 m x 2 m inside, walls 0.1 m thick and 0.6 m high.
-  const double inner = 2.0, wall = 0.1, wallHeight = 0.6;
+  // The bin: 3 m x 3 m inside, walls 0.1 m thick and 0.6 m high.
+  const double inner = 3.0, wall = 0.1, wallHeight = 0.6;
   for (int side = 0; side < 4; ++side) {
     const bool alongY = side < 2;
     const double sign = side % 2 ? 1.0 : -1.0, offset = sign * (inner + wall) / 2;
@@ -127,9 +143,43 @@ int main(int argc, char** argv) {
     w->setBodyType(vorsim::STATIC);
     table.push_back({vorsim::BOX, 0, {lx, ly, wallHeight}});
     bodies.push_back(w);
+    bodyEntry.push_back(table.size() - 1);
   }
 
-  // The pour: a jittered column of mixed shapes above the bin.
+  // The quadrupeds, one per quarter of the bin, a few centimetres above the
+  // floor in their standing pose, PD holding it. Each robot has a collision
+  // group of its own whose mask leaves that group out: its links, which
+  // overlap at the hips, do not collide with each other, but with the other
+  // robots and everything else they do.
+  const std::string robotFile = std::string(VORSIM_MODELS_DIR) + "/anymal_b/anymal.urdf";
+  const double standing[12] = {0.03, 0.4, -0.8, -0.03, 0.4, -0.8, 0.03, -0.4, 0.8, -0.03, -0.4, 0.8};
+  std::vector<vorsim::ArticulatedSystem*> robots;
+  std::vector<size_t> robotFirstEntry;
+  for (int r = 0; r < opt.robots; ++r) {
+    const size_t group = size_t(1) << (r + 1);
+    auto* robot = world.addArticulatedSystem(robotFile, "", {}, group, vorsim::World::kAllBits & ~group);
+    const double yaw = r % 2 ? M_PI / 2 : 0.0;
+    vorsim::VecDyn gc(robot->gcDim), gv(robot->dof), kp(robot->dof), kd(robot->dof);
+    gc.setZero();
+    gv.setZero();
+    gc[0] = r % 2 ? 0.75 : -0.75;
+    gc[1] = r / 2 ? 0.75 : -0.75;
+    gc[2] = 0.6;
+    gc[3] = std::cos(yaw / 2);
+    gc[6] = std::sin(yaw / 2);
+    for (int j = 0; j < 12; ++j) gc[size_t(7 + j)] = standing[j];
+    for (size_t j = 0; j < robot->dof; ++j) kp[j] = j < 6 ? 0.0 : 300.0, kd[j] = j < 6 ? 0.0 : 10.0;
+    robot->setGeneralizedCoordinate(gc);
+    robot->setGeneralizedVelocity(gv);
+    robot->setControlMode(vorsim::ArticulatedSystem::PD_PLUS_FEEDFORWARD_TORQUE);
+    robot->setPdGains(kp, kd);
+    robot->setPdTarget(gc, gv);
+    robots.push_back(robot);
+    robotFirstEntry.push_back(table.size());
+    trajectory::appendRobot(*robot, r, 3, table);
+  }
+
+  // The pour: a jittered column of mixed shapes above the bin and the robots.
   Random rng(20261121);
   const int perLayer = 100;
   for (int i = 0; i < opt.bodies; ++i) {
@@ -158,14 +208,15 @@ int main(int argc, char** argv) {
         info = {vorsim::CYLINDER, info.material, {0.06, 0.1, 0}};
         break;
     }
-    const double x = -0.81 + 0.18 * (k % 10) + rng.uniform(-0.02, 0.02);
-    const double y = -0.81 + 0.18 * (k / 10) + rng.uniform(-0.02, 0.02);
-    b->setPosition(x, y, 0.3 + 0.2 * layer + rng.uniform(0.0, 0.03));
+    const double x = -1.26 + 0.28 * (k % 10) + rng.uniform(-0.03, 0.03);
+    const double y = -1.26 + 0.28 * (k / 10) + rng.uniform(-0.03, 0.03);
+    b->setPosition(x, y, 1.0 + 0.2 * layer + rng.uniform(0.0, 0.03));
     const Eigen::Vector3d axis(rng.uniform(-1, 1), rng.uniform(-1, 1), rng.uniform(-1, 1));
     b->setOrientation(Eigen::Quaterniond(Eigen::AngleAxisd(rng.uniform(0, M_PI), axis.normalized())));
     b->setVelocity(rng.uniform(-0.3, 0.3), rng.uniform(-0.3, 0.3), -1.0, 0, 0, 0);
     table.push_back(info);
     bodies.push_back(b);
+    bodyEntry.push_back(table.size() - 1);
   }
 
   const double frameInterval = 1.0 / 60.0;
@@ -174,13 +225,11 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "cannot write %s\n", opt.out.c_str());
     return 1;
   }
-  std::vector<trajectory::Pose> poses(bodies.size());
+  std::vector<trajectory::Pose> poses(table.size());
   auto record = [&]() {
-    for (size_t i = 0; i < bodies.size(); ++i) {
-      const auto& p = bodies[i]->getPosition();
-      const auto& q = bodies[i]->getQuaternion();
-      poses[i] = {{float(p[0]), float(p[1]), float(p[2])}, {float(q[0]), float(q[1]), float(q[2]), float(q[3])}};
-    }
+    for (size_t i = 0; i < bodies.size(); ++i)
+      poses[bodyEntry[i]] = trajectory::makePose(bodies[i]->getPosition(), bodies[i]->getQuaternion());
+    for (size_t r = 0; r < robots.size(); ++r) trajectory::robotPoses(*robots[r], poses, robotFirstEntry[r]);
     writer.frame(world.getWorldTime(), poses);
   };
   auto energy = [&]() {
@@ -192,13 +241,14 @@ int main(int argc, char** argv) {
 
   const int steps = int(std::lround(opt.seconds / opt.dt));
   const int frameEvery = std::max(1, int(std::lround(frameInterval / opt.dt)));
-  std::printf("vorsim demo: %d bodies in a bin, %.2f s at dt = %g s (%d steps)\n", opt.bodies, opt.seconds, opt.dt,
-              steps);
+  std::printf("vorsim demo: %d quadrupeds (%s) and %d bodies in a bin, %.2f s at dt = %g s (%d steps)\n", opt.robots,
+              robotFile.c_str(), opt.bodies, opt.seconds, opt.dt, steps);
   const double energyStart = energy();
   record();
 
   ProgressBar bar(steps);
-  double contactSum = 0, sweepSum = 0, penetration = 0, settledPenetration = 0, noCylinderPenetration = 0;
+  double contactSum = 0, sweepSum = 0, penetration = 0, robotPenetration = 0, settledPenetration = 0,
+         noCylinderPenetration = 0;
   size_t contactMax = 0;
   int sweepMax = 0;
   double stepSeconds = 0;
@@ -218,6 +268,8 @@ int main(int argc, char** argv) {
     for (const vorsim::Object* o : objects) {
       for (const vorsim::Contact& c : o->getContacts()) {
         deepest = std::max(deepest, -c.depth);
+        if (o->getObjectType() == vorsim::ARTICULATED_SYSTEM && world.getWorldTime() > opt.seconds - 1.0)
+          robotPenetration = std::max(robotPenetration, -c.depth);
         if (o->getObjectType() != vorsim::CYLINDER && objects[c.pairObjectIndex]->getObjectType() != vorsim::CYLINDER)
           noCylinderPenetration = std::max(noCylinderPenetration, -c.depth);
       }
@@ -235,12 +287,20 @@ int main(int argc, char** argv) {
               1e3 * stepSeconds / steps, opt.seconds / stepSeconds);
   std::printf("  contacts per step      %.1f on average, %zu at most\n", contactSum / steps, contactMax);
   std::printf("  solver sweeps per step %.1f on average, %d at most\n", sweepSum / steps, sweepMax);
-  std::printf("  mechanical energy      %.2f J at the start, %.2f J at the end\n", energyStart, energyEnd);
+  std::printf("  loose bodies' energy   %.2f J at the start, %.2f J at the end\n", energyStart, energyEnd);
   std::printf("  largest penetration    %.2f mm over the run, %.2f mm in the last second;\n", 1e3 * penetration,
               1e3 * settledPenetration);
   std::printf("                         %.2f mm over the run in contacts without a cylinder\n",
               1e3 * noCylinderPenetration);
-  std::printf("  trajectory             %s (%zu bodies, %d frames)\n", opt.out.c_str(), bodies.size(),
+  if (!robots.empty())
+    std::printf("                         %.2f mm in the last second in the robots' contacts\n",
+                1e3 * robotPenetration);
+  for (size_t r = 0; r < robots.size(); ++r) {
+    const auto& gc = robots[r]->getGeneralizedCoordinate();
+    std::printf("  robot %zu base            at (%.3f, %.3f), %.3f m high (stood at 0.6 m), %zu contacts\n", r, gc[0],
+                gc[1], gc[2], robots[r]->getContacts().size());
+  }
+  std::printf("  trajectory             %s (%zu shapes, %d frames)\n", opt.out.c_str(), table.size(),
               steps / frameEvery + 1);
   return 0;
 }

@@ -1,12 +1,21 @@
 // The demo's trajectory files read back as they were written.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdio>
 #include <fstream>
 
 #include "../examples/trajectory.hpp"
+#include "test_helpers.hpp"
 #include "vorsim/World.hpp"
 #include "vorsim/object/Primitives.hpp"
+
+namespace {
+std::string readAll(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+}  // namespace
 
 TEST(Trajectory, RoundTripAndTruncation) {
   const std::string path = testing::TempDir() + "vorsim_trajectory_test.vtrj";
@@ -47,12 +56,69 @@ TEST(Trajectory, RoundTripAndTruncation) {
       EXPECT_EQ(std::memcmp(&rec.frames[f][k], &written[f][k], sizeof(trajectory::Pose)), 0);
 
   // A file cut in the middle of a frame is refused.
-  std::ifstream in(path, std::ios::binary);
-  std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const std::string bytes = readAll(path);
   std::ofstream(path, std::ios::binary).write(bytes.data(), std::streamsize(bytes.size() - 10));
   trajectory::Recording cut;
   EXPECT_FALSE(trajectory::read(path, cut));
   std::ofstream(path, std::ios::binary) << "not a trajectory";
   EXPECT_FALSE(trajectory::read(path, cut));
+  std::remove(path.c_str());
+}
+
+// A robot is recorded as its collision shapes, each with the pose of the body
+// that carries it times the shape's offset; the owner field survives the trip,
+// and a file of the first version (no owner field) is still read.
+TEST(Trajectory, RobotsAsTheirShapesAndTheFirstVersion) {
+  const std::string path = testing::TempDir() + "vorsim_trajectory_robot.vtrj";
+  vorsim::World world;
+  // Anymal: boxes, spheres and cylinders, many turned against their links.
+  auto* robot = world.addArticulatedSystem(std::string(VORSIM_TEST_DATA_DIR) + "/../../models/anymal_b/anymal.urdf");
+  vorsim::VecDyn gc(robot->gcDim);
+  for (size_t i = 0; i < robot->gcDim; ++i) gc[i] = 0.3 + 0.2 * double(i);
+  const double n = std::sqrt(gc[3] * gc[3] + gc[4] * gc[4] + gc[5] * gc[5] + gc[6] * gc[6]);
+  for (size_t i = 3; i < 7; ++i) gc[i] /= n;
+  robot->setGeneralizedCoordinate(gc);
+  std::vector<trajectory::BodyInfo> table = {{vorsim::SPHERE, 1, {0.1, 0, 0}}};
+  trajectory::appendRobot(*robot, 0, 3, table);
+  const auto& shapes = robot->getVisColOb();
+  ASSERT_EQ(shapes.size(), 40u);
+  ASSERT_EQ(table.size(), 1 + shapes.size());
+  std::vector<trajectory::Pose> poses(table.size());
+  trajectory::robotPoses(*robot, poses, 1);
+  {
+    trajectory::Writer writer(path, table, 0.02);
+    writer.frame(0.0, poses);
+  }
+  trajectory::Recording rec;
+  ASSERT_TRUE(trajectory::read(path, rec));
+  ASSERT_EQ(rec.bodies.size(), table.size());
+  EXPECT_EQ(rec.bodies[0].owner, -1);
+  for (size_t k = 0; k < shapes.size(); ++k) {
+    const trajectory::BodyInfo& b = rec.bodies[1 + k];
+    EXPECT_EQ(b.owner, 0);
+    EXPECT_EQ(b.material, 3);
+    // The recorded pose maps the shape's offset from its body's frame.
+    vorsim::Mat<3, 1> expected;
+    robot->getPosition(shapes[k].localIdx, shapes[k].offset, expected);
+    for (int i = 0; i < 3; ++i) EXPECT_NEAR(rec.frames[0][1 + k].position[i], expected[size_t(i)], 1e-6);
+    vorsim::Mat<3, 3> bodyRot;
+    robot->getOrientation(shapes[k].localIdx, bodyRot);
+    const Eigen::Matrix3d R = bodyRot.e() * shapes[k].rot.e();
+    const float* q = rec.frames[0][1 + k].quaternion;
+    const Eigen::Quaterniond read(q[0], q[1], q[2], q[3]);
+    EXPECT_TRUE(read.toRotationMatrix().isApprox(R, 1e-6));
+  }
+
+  // The same table as a first-version file: no owner field after each size.
+  std::string v1 = readAll(path).substr(0, 24);
+  v1[8] = 1;
+  for (const trajectory::BodyInfo& b : table) v1.append(reinterpret_cast<const char*>(&b), 32);
+  std::ofstream(path, std::ios::binary).write(v1.data(), std::streamsize(v1.size()));
+  trajectory::Recording old;
+  ASSERT_TRUE(trajectory::read(path, old));
+  ASSERT_EQ(old.bodies.size(), table.size());
+  EXPECT_EQ(old.bodies.back().owner, -1);
+  EXPECT_EQ(old.bodies.back().type, table.back().type);
+  EXPECT_EQ(old.frames.size(), 0u);
   std::remove(path.c_str());
 }
