@@ -469,7 +469,7 @@ TEST(WorldExport, RoundTripStepsBitForBit) {
     codedDiff = std::max(codedDiff, std::abs(gcA[i] - gcB[i]));
     codedMoved = std::max(codedMoved, std::abs(gcA[i] - q[i]));
   }
-  EXPECT_GT(codedMoved, 1.0);
+  EXPECT_GT(codedMoved, 0.3);  // 0.43 rad: its joints now meet their limits and the ground
   EXPECT_LT(codedDiff, 1e-11);  // 4.5e-14 measured
 }
 

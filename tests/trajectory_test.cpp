@@ -48,7 +48,10 @@ TEST(Trajectory, RoundTripAndTruncation) {
   ASSERT_TRUE(trajectory::read(path, rec));
   EXPECT_DOUBLE_EQ(rec.frameInterval, 0.01);
   ASSERT_EQ(rec.bodies.size(), 2u);
-  EXPECT_EQ(std::memcmp(&rec.bodies[1], &table[1], sizeof(trajectory::BodyInfo)), 0);
+  EXPECT_EQ(rec.bodies[1].type, table[1].type);
+  EXPECT_EQ(rec.bodies[1].material, table[1].material);
+  EXPECT_EQ(rec.bodies[1].owner, -1);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(rec.bodies[1].size[i], table[1].size[i]);
   ASSERT_EQ(rec.frames.size(), 5u);
   EXPECT_DOUBLE_EQ(rec.times[4], 8 * world.getTimeStep());
   for (size_t f = 0; f < 5; ++f)
