@@ -275,7 +275,7 @@ class MujocoEngine : public Engine {
 
     std::ostringstream x;
     x.precision(17);
-    x << "<mujoco model=\"robots\">\n  <compiler angle=\"radian\" autolimits=\"true\"/>\n";
+    x << "<mujoco model=\"robots\">\n  <compiler angle=\"radian\" autolimits=\"true\" inertiafromgeom=\"false\"/>\n";
     x << "  <size nconmax=\"2000\" njmax=\"8000\" nstack=\"60000000\"/>\n";
     x << "  <option timestep=\"" << scene.dt << "\" gravity=\"0 0 " << scene.gravity << "\" integrator=\""
       << integratorName(s_.integrator) << "\" solver=\"" << solverName(s_.solver) << "\" cone=\"" << coneName(s_.cone)
@@ -360,6 +360,35 @@ class MujocoEngine : public Engine {
       }
     }
     mj_forward(model_, data_);
+    static std::string printed;
+    if (printed.find(scene.key) == std::string::npos) printRobots(), printed += scene.key;
+  }
+
+  // Mass, centre of mass, inertia and collision shapes of the robots as MuJoCo
+  // holds them, printed once per scene next to vorsim's print of the same.
+  void printRobots() const {
+    double mass = 0.0, com[3] = {0, 0, 0}, trace = 0.0;
+    for (int b = 1; b < model_->nbody; ++b) {
+      mass += model_->body_mass[b];
+      for (int k = 0; k < 3; ++k) com[k] += model_->body_mass[b] * data_->xipos[3 * b + k];
+    }
+    for (double& c : com) c /= mass;
+    for (int b = 1; b < model_->nbody; ++b) {
+      double r2 = 0.0;
+      for (int k = 0; k < 3; ++k) r2 += std::pow(data_->xipos[3 * b + k] - com[k], 2);
+      trace += model_->body_inertia[3 * b] + model_->body_inertia[3 * b + 1] + model_->body_inertia[3 * b + 2] +
+               2.0 * model_->body_mass[b] * r2;
+    }
+    int count[3] = {0, 0, 0};  // boxes, cylinders, spheres of the robots
+    for (int g = 0; g < model_->ngeom; ++g) {
+      if (model_->geom_bodyid[g] == 0) continue;
+      const int type = model_->geom_type[g];
+      count[0] += type == mjGEOM_BOX, count[1] += type == mjGEOM_CYLINDER, count[2] += type == mjGEOM_SPHERE;
+    }
+    std::fprintf(stderr,
+                 "\n  MuJoCo robots: mass %.6f kg, centre of mass (%.5f, %.5f, %.5f) m, inertia trace about it %.6f "
+                 "kg m^2, %d boxes, %d cylinders, %d spheres\n",
+                 mass, com[0], com[1], com[2], trace, count[0], count[1], count[2]);
   }
 
   // Copy number of the robot whose root body is `rootBody` (copies are laid

@@ -189,6 +189,35 @@ class VorsimEngine : public Engine {
       s->setPdTarget(gc, zero);
       robots_.push_back(s);
     }
+    static std::string printed;
+    if (printed.find(scene.key) == std::string::npos) printRobots(), printed += scene.key;
+  }
+
+  // Mass, centre of mass, inertia and collision shapes of the robots as vorsim
+  // holds them, printed once per scene next to MuJoCo's print of the same.
+  void printRobots() const {
+    double mass = 0.0, com[3] = {0, 0, 0}, trace = 0.0;
+    for (const vorsim::ArticulatedSystem* s : robots_)
+      for (size_t b = 0; b < s->nbody; ++b) {
+        mass += s->massOf[b];
+        for (size_t k = 0; k < 3; ++k) com[k] += s->massOf[b] * s->comW[b][k];
+      }
+    for (double& c : com) c /= mass;
+    int count[3] = {0, 0, 0};  // boxes, cylinders, spheres
+    for (const vorsim::ArticulatedSystem* s : robots_) {
+      for (size_t b = 0; b < s->nbody; ++b) {
+        double r2 = 0.0;
+        for (size_t k = 0; k < 3; ++k) r2 += std::pow(s->comW[b][k] - com[k], 2);
+        trace += s->inertiaB[b](0, 0) + s->inertiaB[b](1, 1) + s->inertiaB[b](2, 2) + 2.0 * s->massOf[b] * r2;
+      }
+      for (const vorsim::VisObject& v : s->getVisColOb())
+        count[0] += v.shape == vorsim::Shape::Box, count[1] += v.shape == vorsim::Shape::Cylinder,
+            count[2] += v.shape == vorsim::Shape::Sphere;
+    }
+    std::fprintf(stderr,
+                 "\n  vorsim robots: mass %.6f kg, centre of mass (%.5f, %.5f, %.5f) m, inertia trace about it %.6f "
+                 "kg m^2, %d boxes, %d cylinders, %d spheres\n",
+                 mass, com[0], com[1], com[2], trace, count[0], count[1], count[2]);
   }
 
   VorsimSettings settings_;
