@@ -189,10 +189,8 @@ class MujocoEngine : public Engine {
     robot_ = true;
     kp_ = r.kp;
     kd_ = r.kd;
-    std::ifstream in(robotFile(r));
-    std::stringstream buffer;
-    buffer << in.rdbuf();
-    std::string text = withoutMasslessInertials(withoutElements(withoutElements(buffer.str(), "visual"), "collision"));
+    std::string text =
+        withoutMasslessInertials(withoutElements(withoutElements(fileText(robotFile(r)), "visual"), "collision"));
     const std::string root = rootLink(text);
     const size_t end = text.find('>', text.find("<robot")) + 1;
     text.insert(end,
@@ -203,14 +201,8 @@ class MujocoEngine : public Engine {
                     std::to_string(r.floating ? 0.0 : r.baseHeight) + "\"/><parent link=\"world\"/><child link=\"" +
                     root + "\"/></joint>");
 
-    auto vfs = std::make_unique<mjVFS>();
-    mj_defaultVFS(vfs.get());
-    const char* file = "robot.urdf";
-    if (mj_makeEmptyFileVFS(vfs.get(), file, int(text.size())) != 0) throw std::runtime_error("MuJoCo VFS full");
-    std::memcpy(vfs->filedata[mj_findFileVFS(vfs.get(), file)], text.data(), text.size());
     char error[1000] = "";
-    model_ = mj_loadXML(file, vfs.get(), error, sizeof error);
-    mj_deleteVFS(vfs.get());
+    model_ = loadFromText("robot.urdf", text, error, sizeof error);
     if (!model_) throw std::runtime_error(std::string("MuJoCo could not load the robot: ") + error);
     model_->opt.timestep = scene.dt;
     model_->opt.gravity[0] = model_->opt.gravity[1] = 0.0;
@@ -247,10 +239,7 @@ class MujocoEngine : public Engine {
     robot_ = true;
     kp_ = r.kp;
     kd_ = r.kd;
-    std::ifstream in(robotFile(r));
-    std::stringstream buffer;
-    buffer << in.rdbuf();
-    std::string text = withoutMasslessInertials(withoutElements(buffer.str(), "visual"));
+    std::string text = withoutMasslessInertials(withoutElements(fileText(robotFile(r)), "visual"));
     const std::string root = rootLink(text);
     const size_t end = text.find('>', text.find("<robot")) + 1;
     text.insert(end,
@@ -265,11 +254,8 @@ class MujocoEngine : public Engine {
                               "/vorsim_bench_robot_" + std::to_string(::getpid()) + ".xml";
     mj_saveLastXML(saved.c_str(), single, error, sizeof error);
     mj_deleteModel(single);
-    std::ifstream savedIn(saved);
-    std::stringstream mjcf;
-    mjcf << savedIn.rdbuf();
+    const std::string model = fileText(saved);
     std::remove(saved.c_str());
-    const std::string model = mjcf.str();
     const size_t treeBegin = model.find('>', model.find("<worldbody")) + 1;
     const std::string tree = model.substr(treeBegin, model.find("</worldbody>") - treeBegin);
 
@@ -398,6 +384,13 @@ class MujocoEngine : public Engine {
     if (at != roots_.end()) return int(at - roots_.begin());
     roots_.push_back(rootBody);
     return int(roots_.size()) - 1;
+  }
+
+  static std::string fileText(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream buffer;
+    buffer << in.rdbuf();
+    return buffer.str();
   }
 
   static mjModel* loadFromText(const char* file, const std::string& text, char* error, int errorSize) {

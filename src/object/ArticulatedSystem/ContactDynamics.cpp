@@ -8,25 +8,19 @@
 // has two records. The owning one (isObjectA) is merged into a Jacobian of the
 // relative motion of the two points; its twin is marked skip and serves as
 // scratch for the cross terms of the block.
+#include "skewProducts.hpp"
 #include "vorsim/object/ArticulatedSystem/ArticulatedSystem.hpp"
 
 namespace vorsim {
 
 namespace {
 
+using internal::timesSkew;
+
 using Vec3 = Eigen::Vector3d;
 using Mat3 = Eigen::Matrix3d;
 using Mat36 = Eigen::Matrix<double, 3, 6>;
 using ResponseMap = Eigen::Map<Eigen::Matrix<double, 3, Eigen::Dynamic>>;
-
-// M skew(r), column by column.
-inline Mat3 timesSkew(const Mat3& M, const Vec3& r) {
-  Mat3 out;
-  out.col(0) = r(2) * M.col(1) - r(1) * M.col(2);
-  out.col(1) = r(0) * M.col(2) - r(2) * M.col(0);
-  out.col(2) = r(1) * M.col(0) - r(0) * M.col(1);
-  return out;
-}
 
 // Rows of spatial force moved from a child's origin to its parent's, r from
 // the parent's origin to the child's.

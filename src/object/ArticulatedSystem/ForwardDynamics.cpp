@@ -9,6 +9,7 @@
 // classical accelerations (those of the body origin). It runs in a freely
 // falling frame: the root of a fixed base accelerates at -gravity, and a
 // floating base gets gravity back only in its final acceleration.
+#include "skewProducts.hpp"
 #include "vorsim/VorSimMsg.hpp"
 #include "vorsim/World.hpp"
 #include "vorsim/object/ArticulatedSystem/ArticulatedSystem.hpp"
@@ -16,6 +17,9 @@
 namespace vorsim {
 
 namespace {
+
+using internal::skewTimes;
+using internal::timesSkew;
 
 using Vec3 = Eigen::Vector3d;
 using Vec6 = Eigen::Matrix<double, 6, 1>;
@@ -41,24 +45,6 @@ inline Vec6 motionColumn(const Vec3& linear, const Vec3& angular) {
   Vec6 s;
   s << linear, angular;
   return s;
-}
-
-// M skew(r), column by column.
-inline Mat3 timesSkew(const Mat3& M, const Vec3& r) {
-  Mat3 out;
-  out.col(0) = r(2) * M.col(1) - r(1) * M.col(2);
-  out.col(1) = r(0) * M.col(2) - r(2) * M.col(0);
-  out.col(2) = r(1) * M.col(0) - r(0) * M.col(1);
-  return out;
-}
-
-// skew(r) M, row by row.
-inline Mat3 skewTimes(const Vec3& r, const Mat3& M) {
-  Mat3 out;
-  out.row(0) = r(1) * M.row(2) - r(2) * M.row(1);
-  out.row(1) = r(2) * M.row(0) - r(0) * M.row(2);
-  out.row(2) = r(0) * M.row(1) - r(1) * M.row(0);
-  return out;
 }
 
 // The inverse of a symmetric positive definite 6x6 matrix by its Cholesky
