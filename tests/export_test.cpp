@@ -21,6 +21,7 @@
 #include "vorsim/object/Primitives.hpp"
 
 using namespace vorsim;
+using vorsim_test::fatalOf;
 
 namespace {
 
@@ -34,18 +35,6 @@ std::string readFile(const std::string& path) {
   return s.str();
 }
 
-template <typename F>
-std::string fatalOf(F f) {
-  ThrowOnFatal guard;
-  StdoutCapture out;
-  try {
-    f();
-  } catch (const vorsim_test::FatalError&) {
-    return out.text();
-  }
-  ADD_FAILURE() << "no fatal message";
-  return out.text();
-}
 
 Mat<3, 3> rotation(double w, double x, double y, double z) {
   Mat<4, 1> q{w, x, y, z};
