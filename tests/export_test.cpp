@@ -173,10 +173,6 @@ TEST(XmlWriter, BuildsChainsAndSaves) {
   EXPECT_EQ(back.getChildren("a")[1].getAttributeMust<Vec3>("v")[2], 1e-20);
   EXPECT_EQ(back.getChildren("b")[0].getChildren("c")[0].getAttributeMust<Vec3>("e")[2], 0.125);
 
-  const std::string bad = testing::TempDir() + "no_such_dir/x.xml";
-  EXPECT_NE(
-      fatalOf([&] { writer.saveFile(bad); }).find("failed to save file: " + bad + ". Make sure the directory exists"),
-      std::string::npos);
 }
 
 // ------------------------------------------------------------------- world --

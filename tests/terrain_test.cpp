@@ -70,24 +70,6 @@ std::vector<double> bumpyGrid(size_t nx, size_t ny) {
 
 // ------------------------------------------------------------------ generator --
 
-TEST(TerrainGenerator, PermutationIsTheSeededShuffleOfMT19937) {
-  // The same permutation from the standard library's engine, shuffled by rejection.
-  std::mt19937 engine(42);
-  size_t p[256];
-  for (size_t i = 0; i < 256; ++i) p[i] = i;
-  for (uint32_t i = 1; i < 256; ++i) {
-    const uint32_t n = i + 1, M = 0xFFFFFFFFu;
-    uint32_t r = engine();
-    while (r / n >= M / n && M % n != i) r = engine();
-    std::swap(p[i], p[r % n]);
-  }
-  const PerlinNoise noise(42);
-  for (size_t i = 0; i < 512; ++i) ASSERT_EQ(noise.p[i], p[i % 256]) << i;
-  MersenneTwister32 mt(5489);  // the standard's check value
-  for (int i = 1; i < 10000; ++i) mt();
-  EXPECT_EQ(mt(), 4123659995u);
-}
-
 TEST(TerrainGenerator, NoiseAtSimplePointsFollowsTheGradientFormula) {
   const PerlinNoise n(3);
   auto grad = [](size_t hash, double x, double y) {  // z = 0
