@@ -411,6 +411,8 @@ TEST(WorldFile, BadInputEndsInLocatedMessages) {
       {"<heightmap text=\"nowhere.txt\"/>", "the node 'heightmap': Could not find the height map file: nowhere.txt"},
       {"<heightmap x_sample=\"2\" y_sample=\"2\" x_size=\"1\" y_size=\"1\" height=\"1 2 3\"/>",
        "the height map has 3 heights; x_sample * y_sample is 4"},
+      {"<heightmap x_sample=\"2.5\" y_sample=\"2\" x_size=\"1\" y_size=\"1\" height=\"1 2 3 4\"/>",
+       "the attribute 'x_sample' must be a positive whole number"},
       {"<mesh file_name=\"nowhere.obj\" mass=\"1\"/>", "Could not find the mesh file: nowhere.obj"},
       {"<articulated_system/>", "urdf_path must be defined for \"articulated_system\""},
       {"<articulated_system urdf_path=\"nowhere.urdf\"/>", "Could not find URDF file: nowhere.urdf"},
@@ -525,11 +527,13 @@ TEST(WorldFile, UnderAReturningCallbackBadPartsAreLeftOut) {
   // A client whose fatal callback returns gets the rest of the world; the
   // faulty wires are not made.
   const std::string path = writeTemp("returning.xml", R"(<vorsim><objects>
-  <sphere name="a" mass="1" radius="0.1"/><box name="b" mass="1" dim="1 1 1"/></objects>
+  <sphere name="a" mass="1" radius="0.1"/><box name="b" mass="1" dim="1 1 1"/>
+  <articulated_system name="p" urdf_path=")" + kWorldDir + R"(pendulum.urdf"/></objects>
   <wire type="stiff" length="1"><object name="a" frame="f"/><object name="b"/></wire>
   <wire type="stiff" length="1"><object name="a" local_index="3"/><object name="b"/></wire>
   <wire type="stiff" length="1"><object name="nobody"/><object name="b"/></wire>
   <wire type="stiff" length="1" name="good"><object name="a"/><object name="b"/></wire>
+  <wire type="stiff" length="1"><object name="p" frame="nowhere"/><object name="b"/></wire>
 </vorsim>)");
   VorSimMsg::setFatalCallback([] {});
   std::unique_ptr<World> world;
@@ -541,7 +545,8 @@ TEST(WorldFile, UnderAReturningCallbackBadPartsAreLeftOut) {
   }
   VorSimMsg::resetFatalCallback();
   EXPECT_NE(out.find("The keyword 'frame' only for an articulated system."), std::string::npos);
-  EXPECT_EQ(world->getObjList().size(), 2u);
+  EXPECT_NE(out.find("the articulated system \"p\" has no frame named \"nowhere\""), std::string::npos);
+  EXPECT_EQ(world->getObjList().size(), 3u);
   ASSERT_EQ(world->getWires().size(), 1u);
   EXPECT_EQ(world->getWires()[0]->getName(), "good");
 }
@@ -568,7 +573,7 @@ TEST(WorldFile, DampingAndGyroscopicModes) {
   <box name="a" mass="1" dim="1 1 1" linear_damping="0.25" angular_damping="0.1 0.2 0.3"/>
   <sphere name="b" mass="1" radius="1" linearDamping="2" angularDamping="1 1 1" gyroscopicMode="implicit_world"/>
   <capsule name="c" mass="1" radius="0.1" height="1" gyroscopic_mode="explicit"/>
-  <cylinder name="d" mass="1" radius="0.1" height="1" gyroscopic_mode="implicit_body"/>
+  <cylinder name="d" mass="1" dim="0.1 1" gyroscopic_mode="implicit_body"/>
   <heavy name="e"/>
   <heavy name="f" linear_damping="0" gyroscopic_mode="explicit"/>
 </objects>
@@ -594,6 +599,9 @@ TEST(WorldFile, DampingAndGyroscopicModes) {
     ASSERT_TRUE(world.exportToXml(testing::TempDir(), "vorsim_world_damped_back.xml"));
   }
   World back(testing::TempDir() + "vorsim_world_damped_back.xml");
+  const auto* d = find<Cylinder>(world, "d");  // its size given as one "dim"
+  EXPECT_EQ(d->getRadius(), 0.1);
+  EXPECT_EQ(d->getHeight(), 1.0);
   for (World* w : {&world, &back})
     for (const Expected& x : expected) {
       auto* body = find<SingleBodyObject>(*w, x.name);
