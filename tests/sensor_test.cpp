@@ -100,20 +100,16 @@ double rayGround(const Eigen::Vector3d& start, const Eigen::Vector3d& dir, doubl
 class RecordReader {
  public:
   explicit RecordReader(const char* data) : p_(data) {}
-  uint32_t u32() {
-    uint32_t v = 0;
-    for (int k = 0; k < 4; ++k) v |= uint32_t(uint8_t(p_[k])) << (8 * k);
-    p_ += 4;
+  template <typename T>  // an unsigned integer of sizeof(T) bytes
+  T unsignedInt() {
+    T v = 0;
+    for (size_t k = 0; k < sizeof(T); ++k) v |= T(uint8_t(p_[k])) << (8 * k);
+    p_ += sizeof(T);
     return v;
   }
-  uint64_t u64() {
-    uint64_t v = 0;
-    for (int k = 0; k < 8; ++k) v |= uint64_t(uint8_t(p_[k])) << (8 * k);
-    p_ += 8;
-    return v;
-  }
+  uint32_t u32() { return unsignedInt<uint32_t>(); }
   double f64() {
-    const uint64_t bits = u64();
+    const uint64_t bits = unsignedInt<uint64_t>();
     double d;
     std::memcpy(&d, &bits, 8);
     return d;
