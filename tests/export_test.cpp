@@ -35,7 +35,6 @@ std::string readFile(const std::string& path) {
   return s.str();
 }
 
-
 Mat<3, 3> rotation(double w, double x, double y, double z) {
   Mat<4, 1> q{w, x, y, z};
   q /= q.norm();
@@ -172,7 +171,6 @@ TEST(XmlWriter, BuildsChainsAndSaves) {
   using Vec3 = Mat<3, 1>;
   EXPECT_EQ(back.getChildren("a")[1].getAttributeMust<Vec3>("v")[2], 1e-20);
   EXPECT_EQ(back.getChildren("b")[0].getChildren("c")[0].getAttributeMust<Vec3>("e")[2], 0.125);
-
 }
 
 // ------------------------------------------------------------------- world --
@@ -454,7 +452,7 @@ TEST(WorldExport, RoundTripStepsBitForBit) {
     codedDiff = std::max(codedDiff, std::abs(gcA[i] - gcB[i]));
     codedMoved = std::max(codedMoved, std::abs(gcA[i] - q[i]));
   }
-  EXPECT_GT(codedMoved, 0.3);  // 0.43 rad: its joints now meet their limits and the ground
+  EXPECT_GT(codedMoved, 0.3);   // 0.43 rad: its joints now meet their limits and the ground
   EXPECT_LT(codedDiff, 1e-11);  // 4.5e-14 measured
 }
 

@@ -134,8 +134,8 @@ class RecordReader {
 
 // type, name, width, height, clip near and far, field of view, noise type,
 // mean and deviation, format. (A braced list reads its fields in order.)
-using CameraRecord =
-    std::tuple<uint32_t, std::string, uint32_t, uint32_t, double, double, double, uint32_t, double, double, std::string>;
+using CameraRecord = std::tuple<uint32_t, std::string, uint32_t, uint32_t, double, double, double, uint32_t, double,
+                                double, std::string>;
 
 CameraRecord readCamera(RecordReader& in) {
   return CameraRecord{in.u32(), in.text(), in.u32(), in.u32(), in.f64(), in.f64(),
@@ -733,7 +733,6 @@ TEST(SensorLookup, ByNameAndKind) {
   EXPECT_EQ(cameras[0]->getName(), "base:a");
   EXPECT_EQ(cameras[1]->getName(), "base:b");
   EXPECT_TRUE(robot->getSensorsOfType(Sensor::IMU).empty());
-
 
   // Misuse of a sensor at run time.
   SpinningLidar::SpinningLidarProperties prop;

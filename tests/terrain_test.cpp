@@ -317,8 +317,8 @@ TEST(HeightMap, BadInputIsAFatalMessage) {
   const std::string channel = "a PNG height map must have a single grey channel (no colour, palette or alpha)";
   for (const std::string& f : {rgb, alpha})
     EXPECT_TRUE(says(fatalOf([&] { HeightMap(0, 0, f, 1, 1, 1, 0); }), f + ": " + channel)) << f;
-  EXPECT_TRUE(says(fatalOf([&] { HeightMap(0, 0, nibble, 1, 1, 1, 0); }),
-                   "PNG height map only support bit depth of 8 or 16"));
+  EXPECT_TRUE(
+      says(fatalOf([&] { HeightMap(0, 0, nibble, 1, 1, 1, 0); }), "PNG height map only support bit depth of 8 or 16"));
   // A damaged file: the image data is cut off.
   std::vector<uint8_t> noisy(64 * 64);
   for (size_t k = 0; k < noisy.size(); ++k) noisy[k] = uint8_t((k * 2654435761u) >> 13);
@@ -375,8 +375,8 @@ TEST(HeightMap, UpdatesReplaceTheHeightsThatCollisionSees) {
   EXPECT_TRUE(says(fatalOf([&] { map->update(0, 0, 6, 6, std::vector<double>(399)); }),
                    "Height map update needs 400 heights (20 by 20), got 399"));
   p.xSamples = 21;
-  EXPECT_TRUE(says(fatalOf([&] { map->update(0, 0, p); }),
-                   "Height map update needs the map's 20 by 20 samples, got 21 by 20"));
+  EXPECT_TRUE(
+      says(fatalOf([&] { map->update(0, 0, p); }), "Height map update needs the map's 20 by 20 samples, got 21 by 20"));
   EXPECT_EQ(map->getHeight(-2.0, 2.9), 0.25);
 
   // A new size is stored for the queries while collision keeps its grid: said aloud.

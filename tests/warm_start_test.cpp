@@ -38,7 +38,6 @@ Single3DContactProblem& addContact(ProblemList& list, double mu, JacobianBody* A
   return P;
 }
 
-
 }  // namespace
 
 TEST(WarmStartSolver, StartingFromTheSolutionTakesOneSweepAndKeepsIt) {
@@ -306,8 +305,9 @@ TEST(WarmStartWorld, ToleranceIsANumberOfAtLeastZero) {
   World world;
   world.setWarmStartTolerance(0.0);
   for (double bad : {-0.001, double(NAN)})
-    EXPECT_NE(vorsim_test::fatalOf([&] { world.setWarmStartTolerance(bad); })
-                  .find("The warm start tolerance must be zero or positive, not "),
+    EXPECT_NE(vorsim_test::fatalOf([&] {
+                world.setWarmStartTolerance(bad);
+              }).find("The warm start tolerance must be zero or positive, not "),
               std::string::npos)
         << bad;
   EXPECT_EQ(world.getWarmStartTolerance(), 0.0);

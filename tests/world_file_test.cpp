@@ -34,7 +34,6 @@ std::string writeTemp(const std::string& name, const std::string& text) {
   return path;
 }
 
-
 // The fatal message of reading a world file with this text.
 std::string fatalOfWorld(const std::string& text, const std::unordered_map<std::string, std::string>& params = {}) {
   const std::string path = writeTemp("bad.xml", text);
