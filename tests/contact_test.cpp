@@ -1,5 +1,7 @@
-// Bodies in contact: resting, sticking and sliding by friction, bouncing,
-// pushing; contact records and collision filters; repeatability.
+// Bodies in contact: resting, sticking and sliding by friction; contact
+// records and collision filters; repeatability. The rules of a single contact
+// step (restitution, kinematic partners, static friction) are in
+// contact_rules_test.cpp.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -68,85 +70,6 @@ TEST(Contact, BoxOnSlopeSticksOrSlidesByCoulomb) {
     EXPECT_NEAR(scene.box->getLinearVelocity()[0] - v0, expected, 0.02 * expected) << "theta " << theta;
     EXPECT_LT(std::abs(scene.box->getLinearVelocity()[1]), 1e-3 * scene.box->getLinearVelocity()[0]);
   }
-}
-
-TEST(Contact, StaticFrictionLetsASphereRollWithoutSlipping) {
-  // On a 45 degree slope a sphere rolls without slipping if the contact can
-  // carry a friction ratio of 2/7. The dynamic coefficient (0.2) cannot; the
-  // static one (0.4) can, and it applies while the contact point is at rest.
-  auto acceleration = [](double mu, double staticMu) {
-    World world;
-    world.setTimeStep(0.001);
-    world.setGravity(Mat<3, 1>{kG * std::sqrt(0.5), 0.0, -kG * std::sqrt(0.5)});
-    world.setMaterialPairProp("floor", "ball", mu, 0.0, 0.01, staticMu, 0.01);
-    world.addGround(0.0, "floor");
-    auto* s = world.addSphere(0.1, 1.0, "ball");
-    s->setPosition(0, 0, 0.0999);
-    for (int i = 0; i < 1000; ++i) world.integrate();
-    // Rolling without slipping: the contact point does not move.
-    const double slip = s->getLinearVelocity()[0] - 0.1 * s->getAngularVelocity()[1];
-    return std::make_pair(s->getLinearVelocity()[0] / world.getWorldTime(), slip);
-  };
-  const double g45 = kG * std::sin(M_PI / 4);
-  const auto rolling = acceleration(0.2, 0.4);
-  EXPECT_NEAR(rolling.first, 5.0 / 7.0 * g45, 0.01 * g45);
-  EXPECT_LT(std::abs(rolling.second), 1e-3);
-  const auto slipping = acceleration(0.2, 0.2);
-  EXPECT_NEAR(slipping.first, g45 * (1.0 - 0.2), 0.01 * g45);
-  EXPECT_GT(slipping.second, 1.0);
-}
-
-TEST(Contact, SlidingBoxStopsAtTheCoulombDistance) {
-  for (const double mu : {0.3, 0.8}) {
-    SlopeScene scene(0.0, mu, mu);
-    const double v0 = 3.0;
-    scene.box->setVelocity(v0, 0, 0, 0, 0, 0);
-    for (int i = 0; i < 3000 && (i < 10 || scene.box->getLinearVelocity().norm() > 1e-6); ++i) scene.world.integrate();
-    const double expected = v0 * v0 / (2 * mu * kG);
-    EXPECT_NEAR(scene.box->getPosition()[0], expected, 0.02 * expected) << "mu " << mu;
-    EXPECT_LT(std::abs(scene.box->getPosition()[1]), 0.01 * expected);
-  }
-}
-
-TEST(Contact, RestitutionAndItsThreshold) {
-  auto dropHeight = [](double restitution, double threshold, double h0) {
-    World world;
-    world.setTimeStep(0.0005);
-    world.setMaterialPairProp("floor", "ball", 0.5, restitution, threshold);
-    world.addGround(0.0, "floor");
-    auto* s = world.addSphere(0.05, 0.2, "ball");
-    s->setPosition(0, 0, 0.05 + h0);
-    bool bounced = false;
-    double apex = 0.0;
-    for (int i = 0; i < 20000 && !(apex > 0 && s->getLinearVelocity()[2] < 0 && s->getContacts().empty()); ++i) {
-      world.integrate();
-      bounced = bounced || !s->getContacts().empty();
-      if (bounced && s->getLinearVelocity()[2] > 0) apex = std::max(apex, s->getPosition()[2] - 0.05);
-    }
-    return apex;
-  };
-  EXPECT_NEAR(dropHeight(0.8, 0.01, 1.0), 0.64, 0.03 * 0.64);
-  // An impact slower than the threshold does not bounce back noticeably.
-  EXPECT_LT(dropHeight(0.8, 5.0, 0.2), 2e-3);
-}
-
-TEST(Contact, KinematicBoxPushesDynamicBox) {
-  World world;
-  world.setTimeStep(0.001);
-  world.setDefaultMaterial(0.5, 0.0, 0.01);
-  world.addGround();
-  auto* pusher = world.addBox(0.2, 1.0, 0.4, 1.0);
-  pusher->setPosition(-0.3, 0, 0.2);
-  pusher->setBodyType(KINEMATIC);
-  pusher->setVelocity(0.5, 0, 0, 0, 0, 0);
-  auto* block = world.addBox(0.2, 0.2, 0.2, 1.0);
-  block->setPosition(0.0, 0, 0.1);
-  for (int i = 0; i < 2000; ++i) world.integrate();
-  // The pusher keeps its velocity; the block is carried in front of it.
-  EXPECT_DOUBLE_EQ(pusher->getLinearVelocity()[0], 0.5);
-  EXPECT_NEAR(pusher->getPosition()[0], 0.7, 1e-9);
-  EXPECT_NEAR(block->getPosition()[0] - pusher->getPosition()[0], 0.2, 0.005);
-  EXPECT_NEAR(block->getLinearVelocity()[0], 0.5, 0.05);
 }
 
 TEST(Contact, RecordsAndProblemsPerBodyType) {

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <random>
 
+#include "test_helpers.hpp"
 #include "vorsim/World.hpp"
 #include "vorsim/contact/BisectionContactSolver.hpp"
 #include "vorsim/object/Primitives.hpp"
@@ -17,28 +18,14 @@ using Eigen::Vector3d;
 
 namespace {
 
-// A point with inverse mass matrix L L^T in the contact frame.
-class PointBody : public SingleBodyObject {
- public:
-  PointBody(const Matrix3d& L, const Vector3d& contactVel) : SingleBodyObject(UNRECOGNIZED), L_(L), v_(contactVel) {}
-  Vector3d vel() const { return v_; }
-  void getContactPointVel(size_t, Mat<3, 1>& v) const override { v = Mat<3, 1>(v_); }
-  void addContactPointVel(size_t, Mat<3, 1>& v) override { v += Mat<3, 1>(v_); }
-  void subContactPointVel(size_t, Mat<3, 1>& v) override { v -= Mat<3, 1>(v_); }
-  void updateGenVelWithImpulse(size_t, const Mat<3, 1>& p) override { v_ += L_ * L_.transpose() * p.e(); }
-
- private:
-  Matrix3d L_;
-  Vector3d v_;
-};
-
 struct OneContact {
   Vector3d impulse, velocity;  // after one sweep
   int rank;
 };
 
 OneContact solveOne(const Matrix3d& L, const Vector3d& v, double mu, bool exact) {
-  PointBody body(L, v);
+  // A point with inverse mass matrix L L^T in the contact frame.
+  vorsim_test::JacobianBody body({L}, L.inverse() * v);
   BisectionContactSolver::ProblemList list;
   Single3DContactProblem& P = list.emplace_back(MaterialPairProperties{mu}, 0.0, 0.0, 0.0, 0.0);
   P.delassus = Matrix3d(L * L.transpose());
@@ -46,7 +33,7 @@ OneContact solveOne(const Matrix3d& L, const Vector3d& v, double mu, bool exact)
   BisectionContactSolver solver;
   solver.maxIter = 1, solver.erp2 = 0.0, solver.exactCoulomb = exact;
   solver.solve(list);
-  return {list[0].impulse.e(), body.vel(), list[0].rank};
+  return {list[0].impulse.e(), body.contactVel(0), list[0].rank};
 }
 
 }  // namespace

@@ -21,6 +21,7 @@
 #include "vorsim/object/Primitives.hpp"
 
 using namespace vorsim;
+using vorsim_test::fatalOf;
 
 namespace {
 
@@ -32,19 +33,6 @@ std::string readFile(const std::string& path) {
   std::stringstream s;
   s << f.rdbuf();
   return s.str();
-}
-
-template <typename F>
-std::string fatalOf(F f) {
-  ThrowOnFatal guard;
-  StdoutCapture out;
-  try {
-    f();
-  } catch (const vorsim_test::FatalError&) {
-    return out.text();
-  }
-  ADD_FAILURE() << "no fatal message";
-  return out.text();
 }
 
 Mat<3, 3> rotation(double w, double x, double y, double z) {
@@ -183,11 +171,6 @@ TEST(XmlWriter, BuildsChainsAndSaves) {
   using Vec3 = Mat<3, 1>;
   EXPECT_EQ(back.getChildren("a")[1].getAttributeMust<Vec3>("v")[2], 1e-20);
   EXPECT_EQ(back.getChildren("b")[0].getChildren("c")[0].getAttributeMust<Vec3>("e")[2], 0.125);
-
-  const std::string bad = testing::TempDir() + "no_such_dir/x.xml";
-  EXPECT_NE(
-      fatalOf([&] { writer.saveFile(bad); }).find("failed to save file: " + bad + ". Make sure the directory exists"),
-      std::string::npos);
 }
 
 // ------------------------------------------------------------------- world --
@@ -469,7 +452,7 @@ TEST(WorldExport, RoundTripStepsBitForBit) {
     codedDiff = std::max(codedDiff, std::abs(gcA[i] - gcB[i]));
     codedMoved = std::max(codedMoved, std::abs(gcA[i] - q[i]));
   }
-  EXPECT_GT(codedMoved, 0.3);  // 0.43 rad: its joints now meet their limits and the ground
+  EXPECT_GT(codedMoved, 0.3);   // 0.43 rad: its joints now meet their limits and the ground
   EXPECT_LT(codedDiff, 1e-11);  // 4.5e-14 measured
 }
 

@@ -158,23 +158,6 @@ TEST(MeshMassProperties, ClosedMeshesMatchTheSolidsTheyBound) {
   EXPECT_EQ(Mesh::massPropertiesOfClosedMesh(tri, one, 1.0, I, com), 0.0);
 }
 
-TEST(MeshDynamics, AMeshCubeRestsLikeABox) {
-  World world;
-  world.setTimeStep(0.001);
-  world.addGround();
-  const double edge = 0.2;
-  auto* box = world.addBox(edge, edge, edge, 1.0);
-  box->setPosition(0, 0, 0.3);
-  auto* cube = world.addMesh(kMeshDir + "cube.obj", 1.0, boxInertia(1.0, edge, edge, edge), Mat<3, 1>{0, 0, 0}, edge);
-  cube->setPosition(1.0, 0, 0.3);
-  for (int i = 0; i < 2000; ++i) world.integrate();
-  EXPECT_EQ(cube->getObjectType(), MESH);
-  EXPECT_NEAR(cube->getPosition()[2], box->getPosition()[2], 1e-3);
-  EXPECT_NEAR(cube->getPosition()[2], edge / 2, 2e-3);
-  EXPECT_LT(cube->getLinearVelocity().norm(), 1e-3);
-  EXPECT_NEAR(cube->getPosition()[0], 1.0, 1e-3);
-}
-
 TEST(MeshDynamics, AMeshBallRollsDownASlopeLikeASphere) {
   World world;
   world.setTimeStep(0.001);

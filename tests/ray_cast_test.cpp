@@ -125,6 +125,37 @@ void place(dGeomID g, const Eigen::Vector3d& p, const Eigen::Matrix3d& R) {
   dGeomSetRotation(g, m);
 }
 
+struct Ray {
+  Eigen::Vector3d start, dir;
+  size_t mask = World::kAllBits, owner = size_t(-1);
+};
+
+// Casts every ray alone and then again within one batch: the closest hits
+// agree in object and, to the bit, in position. The hits of the single casts.
+std::vector<std::pair<Object*, Eigen::Vector3d>> castAloneAndBatched(World& world, const std::vector<Ray>& rays,
+                                                                     double reach) {
+  std::vector<std::pair<Object*, Eigen::Vector3d>> single;
+  for (const Ray& r : rays) {
+    const auto& list = world.rayTest(r.start, r.dir, reach, true, r.owner, 0, r.mask);
+    single.emplace_back(list.size ? list[0].object : nullptr,
+                        list.size ? Eigen::Vector3d(list[0].position.e()) : Eigen::Vector3d::Zero());
+  }
+  World::RayBatch batch(world);
+  for (size_t i = 0; i < rays.size(); ++i) {
+    const Ray& r = rays[i];
+    const auto& list = world.rayTest(r.start, r.dir, reach, true, r.owner, 0, r.mask);
+    EXPECT_EQ(list.size ? list[0].object : nullptr, single[i].first) << "ray " << i;
+    if (list.size && list[0].object == single[i].first) {
+      EXPECT_EQ(Eigen::Vector3d(list[0].position.e()), single[i].second) << "ray " << i;
+    }
+  }
+  return single;
+}
+
+int hitCount(const std::vector<std::pair<Object*, Eigen::Vector3d>>& hits) {
+  return int(std::count_if(hits.begin(), hits.end(), [](const auto& h) { return h.first != nullptr; }));
+}
+
 }  // namespace
 
 TEST(RayCast, PrimitivesAgreeWithTheCollisionLibrary) {
@@ -250,40 +281,20 @@ TEST(RayCast, BatchSnapshotMatchesSingleQueriesAndHoldsStill) {
     bodies.push_back(b);
   }
   bodies[0]->setPosition(9.0, 9.0, 1.0);  // with nothing above it
-  struct Ray {
-    Eigen::Vector3d start, dir;
-    size_t mask, owner;
-  };
   std::vector<Ray> rays;
   for (int i = 0; i < 3000; ++i)
     rays.push_back({Eigen::Vector3d(u(rng), u(rng), 2.5 + 0.3 * u(rng)), randomUnit(rng),
                     i % 7 == 0 ? size_t(2) : World::kAllBits,
                     i % 11 == 0 ? bodies[size_t(i) % 60]->getIndexInWorld() : size_t(-1)});
-  std::vector<std::pair<Object*, Eigen::Vector3d>> single;
-  int hits = 0;
-  for (const Ray& r : rays) {
-    const auto& list = world.rayTest(r.start, r.dir, 15.0, true, r.owner, 0, r.mask);
-    single.emplace_back(list.size ? list[0].object : nullptr,
-                        list.size ? Eigen::Vector3d(list[0].position.e()) : Eigen::Vector3d::Zero());
-    hits += int(list.size);
-  }
-  EXPECT_GT(hits, 1000);
+  const auto single = castAloneAndBatched(world, rays, 15.0);
+  EXPECT_GT(hitCount(single), 1000);
+  // Mask 2 sees the boxes alone; an owner never sees itself.
+  for (size_t i = 0; i < rays.size(); i += 7)
+    if (single[i].first) {
+      EXPECT_TRUE(dynamic_cast<Box*>(single[i].first)) << i;
+    }
   {
     World::RayBatch batch(world);
-    for (size_t i = 0; i < rays.size(); ++i) {
-      const Ray& r = rays[i];
-      const auto& list = world.rayTest(r.start, r.dir, 15.0, true, r.owner, 0, r.mask);
-      ASSERT_EQ(list.size ? list[0].object : nullptr, single[i].first) << "ray " << i;
-      if (list.size) {
-        EXPECT_EQ(Eigen::Vector3d(list[0].position.e()), single[i].second) << "ray " << i;
-      }
-    }
-    // Mask 2 sees the boxes alone; an owner never sees itself.
-    for (size_t i = 0; i < rays.size(); i += 7)
-      if (single[i].first) {
-        EXPECT_TRUE(dynamic_cast<Box*>(single[i].first)) << i;
-      }
-
     // Within the batch the scene holds still: a body moved now is seen where
     // it was, also by a nested batch.
     const auto& down =
@@ -346,32 +357,17 @@ TEST(RayCast, BatchFindsSmallBodiesScatteredInSpace) {
     bodies.push_back(b);
   }
   std::uniform_real_distribution<double> jitter(-0.15, 0.15);
-  std::vector<std::pair<Eigen::Vector3d, Eigen::Vector3d>> rays;
+  std::vector<Ray> rays;
   for (int i = 0; i < 4000; ++i) {
     const SingleBodyObject* target = bodies[size_t(i) % bodies.size()];
     const Eigen::Vector3d aim =
         Eigen::Vector3d(target->getPosition().e()) + Eigen::Vector3d(jitter(rng), jitter(rng), jitter(rng));
     const Eigen::Vector3d start = 35.0 * randomUnit(rng);
-    rays.emplace_back(start, (aim - start).normalized());
+    rays.push_back({start, (aim - start).normalized()});
   }
-  std::vector<std::pair<Object*, Eigen::Vector3d>> single;
-  int hits = 0;
-  for (const auto& r : rays) {
-    const auto& list = world.rayTest(r.first, r.second, 80.0, true);
-    single.emplace_back(list.size ? list[0].object : nullptr,
-                        list.size ? Eigen::Vector3d(list[0].position.e()) : Eigen::Vector3d::Zero());
-    hits += int(list.size);
-  }
+  const int hits = hitCount(castAloneAndBatched(world, rays, 80.0));
   EXPECT_GT(hits, 2000);
   EXPECT_LT(hits, 4000);
-  World::RayBatch batch(world);
-  for (size_t i = 0; i < rays.size(); ++i) {
-    const auto& list = world.rayTest(rays[i].first, rays[i].second, 80.0, true);
-    ASSERT_EQ(list.size ? list[0].object : nullptr, single[i].first) << "ray " << i;
-    if (list.size) {
-      EXPECT_EQ(Eigen::Vector3d(list[0].position.e()), single[i].second) << "ray " << i;
-    }
-  }
 }
 
 TEST(RayCast, AGrazingRayTouchesTheHighestVertex) {

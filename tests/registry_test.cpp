@@ -261,19 +261,3 @@ TEST(Registry, SelfCollisionKeepsAsManyPointsAsTheObjectAllows) {
     }
   }
 }
-
-TEST(Registry, RemovingAWireKeepsTheOthers) {
-  World world;
-  Sphere* a = world.addSphere(0.1, 1.0);
-  Sphere* b = world.addSphere(0.1, 1.0);
-  const Eigen::Vector3d o = Eigen::Vector3d::Zero();
-  LengthConstraint* w[3];
-  for (auto& wire : w) wire = world.addStiffWire(a, 0, o, b, 0, o, 1.0);
-  world.removeObject(w[1]);
-  ASSERT_EQ(world.getWires().size(), 2u);
-  EXPECT_EQ(world.getWires()[0].get(), w[0]);
-  EXPECT_EQ(world.getWires()[1].get(), w[2]);
-  world.removeObject(w[2]);
-  ASSERT_EQ(world.getWires().size(), 1u);
-  EXPECT_EQ(world.getWires()[0].get(), w[0]);
-}

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "test_helpers.hpp"
 #include "vorsim/contact/BisectionContactSolver.hpp"
 #include "vorsim/object/SingleBodyObject.hpp"
 
@@ -16,24 +17,10 @@ using namespace vorsim::contact;
 
 namespace {
 
-// Unit inverse mass: contact k has velocity jac[k] u and an impulse p adds jac[k]^T p to u.
-class MatrixBody : public SingleBodyObject {
- public:
-  MatrixBody(const MatrixXd& J, VectorXd vel) : SingleBodyObject(UNRECOGNIZED), u(std::move(vel)), jac{J} {}
-  Vector3d contactVel(size_t k) const { return jac[k] * u; }
-  void getContactPointVel(size_t k, Mat<3, 1>& v) const override { v = Mat<3, 1>(contactVel(k)); }
-  void addContactPointVel(size_t k, Mat<3, 1>& v) override { v += Mat<3, 1>(contactVel(k)); }
-  void subContactPointVel(size_t k, Mat<3, 1>& v) override { v -= Mat<3, 1>(contactVel(k)); }
-  void updateGenVelWithImpulse(size_t k, const Mat<3, 1>& p) override { u += jac[k].transpose() * p.e(); }
-  VectorXd u;
-  std::vector<MatrixXd> jac;
-};
+using MatrixBody = vorsim_test::JacobianBody;
+using vorsim_test::randomMatrix;
 
-MatrixXd randomMatrix(std::mt19937& rng, int rows, int cols) {
-  std::uniform_real_distribution<double> d(-1.0, 1.0);
-  return MatrixXd::NullaryExpr(rows, cols, [&] { return d(rng); });
-}
-MatrixBody point(const Matrix3d& L, const Vector3d& contactVel) { return MatrixBody(L, L.inverse() * contactVel); }
+MatrixBody point(const Matrix3d& L, const Vector3d& contactVel) { return MatrixBody({L}, L.inverse() * contactVel); }
 
 using ProblemList = BisectionContactSolver::ProblemList;
 Single3DContactProblem& addProblem(ProblemList& list, double mu, MatrixBody* A, double depth = 0.0, size_t ia = 0,
@@ -85,7 +72,7 @@ TEST(ContactSolver, FrictionlessSingularAndBilateralBlocks) {
       if (dofs == 2 && mu >= 0.0 && mu < 1.0) continue;   // (frictionless rank 2 projects v onto G's range first)
       MatrixXd J = randomMatrix(rng, 3, dofs);
       J.row(2) = J.row(2).cwiseAbs() + MatrixXd::Constant(1, dofs, 0.5);  // approaching
-      MatrixBody body(J, VectorXd::Constant(dofs, -0.3));
+      MatrixBody body({J}, VectorXd::Constant(dofs, -0.3));
       ProblemList list;
       Single3DContactProblem& P = addProblem(list, mu < 0.0 ? 0.8 : mu, &body, -0.01);
       P.rank = mu < 0.0 ? int(-mu) : 3, P.delassusInverse = Matrix3d::Constant(NAN);  // set for full blocks only
@@ -169,7 +156,7 @@ TEST(ContactSolver, CoupledFrictionlessContactsSweepInAlternatingOrderToTheLcpSo
     const Vector3d n0 = (0.6 * randomMatrix(rng, 3, 1) + Vector3d::UnitZ()).normalized();
     const Vector3d vt = randomMatrix(rng, 3, 1), vb = randomMatrix(rng, 3, 1);
     const Matrix3d frame = Quaterniond::FromTwoVectors(Vector3d::UnitZ(), n0).matrix().transpose();
-    MatrixBody top(frame, vt), bottom(frame, vb);
+    MatrixBody top({frame}, vt), bottom({frame}, vb);
     bottom.jac.push_back(Matrix3d::Identity());
     ProblemList list;
     addProblem(list, 0.0, &top, 0.0, 0, &bottom, 0);

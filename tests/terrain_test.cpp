@@ -17,7 +17,7 @@
 #include "vorsim/object/Primitives.hpp"
 
 using namespace vorsim;
-using vorsim_test::FatalError;
+using vorsim_test::fatalOf;
 
 namespace {
 
@@ -54,14 +54,6 @@ void writePng(const std::string& path, int width, int height, int bitDepth, int 
   std::fclose(fp);
 }
 
-// The fatal message printed while `make` runs; it must throw.
-template <typename F>
-std::string fatalText(F make) {
-  ThrowOnFatal guard;
-  StdoutCapture out;
-  EXPECT_THROW(make(), FatalError);
-  return out.text();
-}
 bool says(const std::string& text, const std::string& message) {
   return text.find("\x1b[1;31m" + message + "\x1b[0m") != std::string::npos;
 }
@@ -77,24 +69,6 @@ std::vector<double> bumpyGrid(size_t nx, size_t ny) {
 }  // namespace
 
 // ------------------------------------------------------------------ generator --
-
-TEST(TerrainGenerator, PermutationIsTheSeededShuffleOfMT19937) {
-  // The same permutation from the standard library's engine, shuffled by rejection.
-  std::mt19937 engine(42);
-  size_t p[256];
-  for (size_t i = 0; i < 256; ++i) p[i] = i;
-  for (uint32_t i = 1; i < 256; ++i) {
-    const uint32_t n = i + 1, M = 0xFFFFFFFFu;
-    uint32_t r = engine();
-    while (r / n >= M / n && M % n != i) r = engine();
-    std::swap(p[i], p[r % n]);
-  }
-  const PerlinNoise noise(42);
-  for (size_t i = 0; i < 512; ++i) ASSERT_EQ(noise.p[i], p[i % 256]) << i;
-  MersenneTwister32 mt(5489);  // the standard's check value
-  for (int i = 1; i < 10000; ++i) mt();
-  EXPECT_EQ(mt(), 4123659995u);
-}
 
 TEST(TerrainGenerator, NoiseAtSimplePointsFollowsTheGradientFormula) {
   const PerlinNoise n(3);
@@ -310,31 +284,31 @@ TEST(HeightMap, BadInputIsAFatalMessage) {
   writeText(tooFew, "2 2 1 1 0 0 0");
   writeText(tooMany, "2 2 1 1 0 0 0 0 0");
   writeText(noHeader, "2 two 1 1 0 0 0 0");
-  EXPECT_TRUE(says(fatalText([&] { HeightMap(0, 0, tooFew); }), "insufficient number of height values"));
-  EXPECT_TRUE(says(fatalText([&] { HeightMap(0, 0, tooMany); }), "insufficient number of height values"));
-  EXPECT_TRUE(says(fatalText([&] { HeightMap(0, 0, noHeader); }), "Height Map is in a wrong format"));
-  EXPECT_TRUE(says(fatalText([&] { HeightMap(0, 0, tempFile("absent.txt")); }), "\n Error opening file.\n"));
+  EXPECT_TRUE(says(fatalOf([&] { HeightMap(0, 0, tooFew); }), "insufficient number of height values"));
+  EXPECT_TRUE(says(fatalOf([&] { HeightMap(0, 0, tooMany); }), "insufficient number of height values"));
+  EXPECT_TRUE(says(fatalOf([&] { HeightMap(0, 0, noHeader); }), "Height Map is in a wrong format"));
+  EXPECT_TRUE(says(fatalOf([&] { HeightMap(0, 0, tempFile("absent.txt")); }), "\n Error opening file.\n"));
   const std::string line = tempFile("line.txt");
   writeText(line, "1 3 1 1 0 0 0");
-  EXPECT_TRUE(says(fatalText([&] { HeightMap(0, 0, line); }),
+  EXPECT_TRUE(says(fatalOf([&] { HeightMap(0, 0, line); }),
                    "Height map needs at least 2 samples in each direction, got 1 by 3"));
-  EXPECT_TRUE(says(fatalText([] {
+  EXPECT_TRUE(says(fatalOf([] {
                      HeightMap(2, 2, 1, 1, 0, 0, {0, 0, 0});
                    }),
                    "Height map of 2 by 2 samples needs 4 heights, got 3"));
-  EXPECT_TRUE(says(fatalText([] {
+  EXPECT_TRUE(says(fatalOf([] {
                      HeightMap(2, 2, 0.0, 1, 0, 0, {0, 0, 0, 0});
                    }),
                    "Height map needs positive finite sizes, got 0 by 1"));
 
   const std::string missing = tempFile("absent.png");
-  EXPECT_TRUE(says(fatalText([&] { HeightMap(0, 0, missing, 1, 1, 1, 0); }), missing + " not found"));
-  EXPECT_TRUE(says(fatalText([] { HeightMap(0, 0, "map.jpg", 1, 1, 1, 0); }), "This constructor is for png file"));
+  EXPECT_TRUE(says(fatalOf([&] { HeightMap(0, 0, missing, 1, 1, 1, 0); }), missing + " not found"));
+  EXPECT_TRUE(says(fatalOf([] { HeightMap(0, 0, "map.jpg", 1, 1, 1, 0); }), "This constructor is for png file"));
   const std::string tiny = tempFile("tiny.png"), text = tempFile("text.png");
   writeText(tiny, "\x89PNG");
   writeText(text, "P2 3 2 255 0 1 2 3 4 5");
-  EXPECT_TRUE(says(fatalText([&] { HeightMap(0, 0, tiny, 1, 1, 1, 0); }), "Error reading header"));
-  EXPECT_TRUE(says(fatalText([&] { HeightMap(0, 0, text, 1, 1, 1, 0); }), text + " is not png"));
+  EXPECT_TRUE(says(fatalOf([&] { HeightMap(0, 0, tiny, 1, 1, 1, 0); }), "Error reading header"));
+  EXPECT_TRUE(says(fatalOf([&] { HeightMap(0, 0, text, 1, 1, 1, 0); }), text + " is not png"));
   const std::string rgb = tempFile("rgb.png"), alpha = tempFile("ga.png"), nibble = tempFile("gray4.png"),
                     cut = tempFile("cut.png");
   writePng(rgb, 2, 2, 8, PNG_COLOR_TYPE_RGB, std::vector<uint8_t>(12, 9));
@@ -342,9 +316,9 @@ TEST(HeightMap, BadInputIsAFatalMessage) {
   writePng(nibble, 2, 2, 4, PNG_COLOR_TYPE_GRAY, {0x12, 0x34});
   const std::string channel = "a PNG height map must have a single grey channel (no colour, palette or alpha)";
   for (const std::string& f : {rgb, alpha})
-    EXPECT_TRUE(says(fatalText([&] { HeightMap(0, 0, f, 1, 1, 1, 0); }), f + ": " + channel)) << f;
-  EXPECT_TRUE(says(fatalText([&] { HeightMap(0, 0, nibble, 1, 1, 1, 0); }),
-                   "PNG height map only support bit depth of 8 or 16"));
+    EXPECT_TRUE(says(fatalOf([&] { HeightMap(0, 0, f, 1, 1, 1, 0); }), f + ": " + channel)) << f;
+  EXPECT_TRUE(
+      says(fatalOf([&] { HeightMap(0, 0, nibble, 1, 1, 1, 0); }), "PNG height map only support bit depth of 8 or 16"));
   // A damaged file: the image data is cut off.
   std::vector<uint8_t> noisy(64 * 64);
   for (size_t k = 0; k < noisy.size(); ++k) noisy[k] = uint8_t((k * 2654435761u) >> 13);
@@ -355,11 +329,11 @@ TEST(HeightMap, BadInputIsAFatalMessage) {
     bytes.assign(std::istreambuf_iterator<char>(in), {});
   }
   std::ofstream(cut, std::ios::binary) << bytes.substr(0, bytes.size() / 2);
-  EXPECT_TRUE(says(fatalText([&] { HeightMap(0, 0, cut, 1, 1, 1, 0); }), "libpng fialed to read the png info"));
+  EXPECT_TRUE(says(fatalOf([&] { HeightMap(0, 0, cut, 1, 1, 1, 0); }), "libpng fialed to read the png info"));
   // A single-sample PNG is read, and then refused as a grid.
   const std::string one = tempFile("one.png");
   writePng(one, 1, 5, 8, PNG_COLOR_TYPE_GRAY, std::vector<uint8_t>(5, 1));
-  EXPECT_TRUE(says(fatalText([&] { HeightMap(0, 0, one, 1, 1, 1, 0); }),
+  EXPECT_TRUE(says(fatalOf([&] { HeightMap(0, 0, one, 1, 1, 1, 0); }),
                    "Height map needs at least 2 samples in each direction, got 1 by 5"));
 }
 
@@ -398,11 +372,11 @@ TEST(HeightMap, UpdatesReplaceTheHeightsThatCollisionSees) {
   EXPECT_NEAR(world.rayTest({1.1, 0.4, 9.0}, {0, 0, -1}, 20.0)[0].getPosition()[2], 0.25, 1e-12);
 
   // Another grid size cannot be taken in place.
-  EXPECT_TRUE(says(fatalText([&] { map->update(0, 0, 6, 6, std::vector<double>(399)); }),
+  EXPECT_TRUE(says(fatalOf([&] { map->update(0, 0, 6, 6, std::vector<double>(399)); }),
                    "Height map update needs 400 heights (20 by 20), got 399"));
   p.xSamples = 21;
-  EXPECT_TRUE(says(fatalText([&] { map->update(0, 0, p); }),
-                   "Height map update needs the map's 20 by 20 samples, got 21 by 20"));
+  EXPECT_TRUE(
+      says(fatalOf([&] { map->update(0, 0, p); }), "Height map update needs the map's 20 by 20 samples, got 21 by 20"));
   EXPECT_EQ(map->getHeight(-2.0, 2.9), 0.25);
 
   // A new size is stored for the queries while collision keeps its grid: said aloud.
@@ -419,7 +393,7 @@ TEST(HeightMap, UpdatesReplaceTheHeightsThatCollisionSees) {
   const int geoms = dSpaceGetNumGeoms(world.getCollisionSpace());
   world.removeObject(map);
   EXPECT_EQ(dSpaceGetNumGeoms(world.getCollisionSpace()), geoms - 1);
-  EXPECT_TRUE(says(fatalText([&] { dxgetHeightFromHeightField(data, 0.0, 0.0); }),
+  EXPECT_TRUE(says(fatalOf([&] { dxgetHeightFromHeightField(data, 0.0, 0.0); }),
                    "heightfield data that no height map registered"));
 }
 

@@ -4,11 +4,16 @@
 
 #include <gtest/gtest.h>
 
+#include <Eigen/Dense>
+#include <random>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "vorsim/VorSimMsg.hpp"
 #include "vorsim/World.hpp"
+#include "vorsim/contact/Single3DContactProblem.hpp"
+#include "vorsim/object/SingleBodyObject.hpp"
 
 namespace vorsim_test {
 
@@ -57,6 +62,56 @@ class ThrowOnFatal {
   }
   ~ThrowOnFatal() { vorsim::VorSimMsg::resetFatalCallback(); }
 };
+
+// What f prints on stdout; f must end in a fatal message.
+template <typename F>
+std::string fatalOf(F f) {
+  ThrowOnFatal guard;
+  StdoutCapture out;
+  try {
+    f();
+  } catch (const FatalError&) {
+    return out.text();
+  }
+  ADD_FAILURE() << "no fatal message";
+  return out.text();
+}
+
+// A body given by its contact Jacobians at unit inverse mass, for the contact
+// solver: contact k has velocity jac[k] u, and an impulse p adds jac[k]^T p to
+// u. A joint-limit problem on it records the impulse it is handed, when asked.
+class JacobianBody : public vorsim::SingleBodyObject {
+ public:
+  using Mat3 = vorsim::Mat<3, 1>;
+  JacobianBody(std::vector<Eigen::MatrixXd> J, Eigen::VectorXd vel)
+      : SingleBodyObject(vorsim::UNRECOGNIZED), u(std::move(vel)), jac(std::move(J)) {}
+  Eigen::Vector3d contactVel(size_t k) const { return jac[k] * u; }
+  void getContactPointVel(size_t k, Mat3& v) const override { v = Mat3(contactVel(k)); }
+  void addContactPointVel(size_t k, Mat3& v) override {
+    ++reads;
+    v += Mat3(contactVel(k));
+  }
+  void subContactPointVel(size_t k, Mat3& v) override {
+    ++reads;
+    v -= Mat3(contactVel(k));
+  }
+  void updateGenVelWithImpulse(size_t k, const Mat3& p) override { u += jac[k].transpose() * p.e(); }
+  void applyJointLimitImpulse(vorsim::contact::Single3DContactProblem& problem) override {
+    if (!takesLimitImpulses) return SingleBodyObject::applyJointLimitImpulse(problem);
+    limitImpulses.push_back(problem.impulse.e());
+    problem.impulse[1] = 0.0;  // the owner may change what it was handed
+  }
+  Eigen::VectorXd u;
+  std::vector<Eigen::MatrixXd> jac;
+  bool takesLimitImpulses = false;
+  std::vector<Eigen::Vector3d> limitImpulses;
+  int reads = 0;  // contact velocity reads
+};
+
+inline Eigen::MatrixXd randomMatrix(std::mt19937& rng, int rows, int cols) {
+  std::uniform_real_distribution<double> d(-1.0, 1.0);
+  return Eigen::MatrixXd::NullaryExpr(rows, cols, [&] { return d(rng); });
+}
 
 }  // namespace vorsim_test
 

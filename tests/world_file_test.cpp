@@ -15,6 +15,7 @@
 #include "vorsim/object/Primitives.hpp"
 
 using namespace vorsim;
+using vorsim_test::fatalOf;
 
 namespace {
 
@@ -31,20 +32,6 @@ std::string writeTemp(const std::string& name, const std::string& text) {
   const std::string path = tempPath(name);
   std::ofstream(path) << text;
   return path;
-}
-
-// The fatal message (standard output) of running f.
-template <typename F>
-std::string fatalOf(F f) {
-  ThrowOnFatal guard;
-  StdoutCapture out;
-  try {
-    f();
-  } catch (const vorsim_test::FatalError&) {
-    return out.text();
-  }
-  ADD_FAILURE() << "no fatal message";
-  return out.text();
 }
 
 // The fatal message of reading a world file with this text.
@@ -256,17 +243,12 @@ TEST(WorldFile, EveryElementKindLoadsAndSteps) {
 
   auto* pill = find<Capsule>(world, "pill");
   // Three numbers: the diagonal, which replaces the formula.
-  EXPECT_EQ(pill->getInertiaMatrix_B()(0, 0), 0.01);
-  EXPECT_EQ(pill->getInertiaMatrix_B()(1, 1), 0.02);
-  EXPECT_EQ(pill->getInertiaMatrix_B()(2, 2), 0.03);
-  EXPECT_EQ(pill->getInertiaMatrix_B()(0, 1), 0.0);
+  EXPECT_EQ(pill->getInertiaMatrix_B().e(), Eigen::Matrix3d(Eigen::Vector3d(0.01, 0.02, 0.03).asDiagonal()));
   EXPECT_EQ(pill->getRotationMatrix()(1, 1), -1.0);  // quat (0 1 0 0): half turn about x
 
   // Six numbers: ixx iyy izz ixy ixz iyz.
-  const Mat<3, 3> I6 = find<Box>(world, "tilted")->getInertiaMatrix_B();
-  const double expected6[3][3] = {{1, 0.1, 0.2}, {0.1, 2, 0.3}, {0.2, 0.3, 3}};
-  for (size_t i = 0; i < 3; ++i)
-    for (size_t j = 0; j < 3; ++j) EXPECT_EQ(I6(i, j), expected6[i][j]) << i << j;
+  EXPECT_EQ(find<Box>(world, "tilted")->getInertiaMatrix_B().e(),
+            (Eigen::Matrix3d() << 1, 0.1, 0.2, 0.1, 2, 0.3, 0.2, 0.3, 3).finished());
 
   auto* cube = find<Mesh>(world, "cube");
   EXPECT_EQ(cube->getMeshVertices()[0], -0.1f);  // scaled once
@@ -288,9 +270,7 @@ TEST(WorldFile, EveryElementKindLoadsAndSteps) {
   // to x = 0.5; its sphere at z = 0.2 lands at y = -0.2.
   auto* dd = find<Compound>(world, "dd");
   ASSERT_EQ(dd->getChildren().size(), 4u);
-  EXPECT_NEAR(dd->getChildren()[0].position[0], 0.5, 1e-15);
-  EXPECT_NEAR(dd->getChildren()[0].position[1], -0.2, 1e-15);
-  EXPECT_NEAR(dd->getChildren()[0].position[2], 0.0, 1e-15);
+  EXPECT_LE((dd->getChildren()[0].position.e() - Eigen::Vector3d(0.5, -0.2, 0.0)).cwiseAbs().maxCoeff(), 1e-15);
   EXPECT_EQ(dd->getChildren()[3].objectType, SPHERE);  // the pebble class
   EXPECT_EQ(dd->getChildren()[3].objectParam[0], 0.05);
   EXPECT_EQ(dd->getChildren()[3].material, "stone");
@@ -430,6 +410,8 @@ TEST(WorldFile, BadInputEndsInLocatedMessages) {
       {"<heightmap text=\"nowhere.txt\"/>", "the node 'heightmap': Could not find the height map file: nowhere.txt"},
       {"<heightmap x_sample=\"2\" y_sample=\"2\" x_size=\"1\" y_size=\"1\" height=\"1 2 3\"/>",
        "the height map has 3 heights; x_sample * y_sample is 4"},
+      {"<heightmap x_sample=\"2.5\" y_sample=\"2\" x_size=\"1\" y_size=\"1\" height=\"1 2 3 4\"/>",
+       "the attribute 'x_sample' must be a positive whole number"},
       {"<mesh file_name=\"nowhere.obj\" mass=\"1\"/>", "Could not find the mesh file: nowhere.obj"},
       {"<articulated_system/>", "urdf_path must be defined for \"articulated_system\""},
       {"<articulated_system urdf_path=\"nowhere.urdf\"/>", "Could not find URDF file: nowhere.urdf"},
@@ -511,6 +493,19 @@ TEST(WorldFile, BadClassesWiresAndFilesEndInMessages) {
       {"<vorsim>\n<objects><sphere radius=\"@@r\" mass=\"1\"/></objects></vorsim>", "Unresolved param r in "},
       {"<vorsim>\n<objects><sphere radius=\"{1+}\" mass=\"1\"/></objects></vorsim>",
        "invalid math expression. Operator and operand number mistmatch."},
+      // Contact solver settings.
+      {"<vorsim><contact_solver warm_start=\"yes\"/></vorsim>",
+       "the attribute 'warm_start' should be \"true\" or \"false\", not 'yes'"},
+      {"<vorsim><contact_solver exactCoulombSliding=\"1\"/></vorsim>",
+       "the attribute 'exact_coulomb_sliding' should be \"true\" or \"false\", not '1'"},
+      {"<vorsim><contact_solver warm_start_tolerance=\"-0.1\"/></vorsim>",
+       "The warm start tolerance must be zero or positive, not -0.1"},
+      {"<vorsim><contact_solver max_iteration=\"0\"/></vorsim>",
+       "the attribute 'max_iteration' should be a whole number of at least 1, not 0"},
+      {"<vorsim><contact_solver max_iteration=\"2.5\"/></vorsim>",
+       "the attribute 'max_iteration' should be a whole number of at least 1, not 2.5"},
+      {"<vorsim><contact_solver threshold=\"small\"/></vorsim>",
+       "the node 'contact_solver': the attribute 'threshold' is not a number: 'small'"},
   };
   for (const Case& c : cases) {
     const std::string out = fatalOfWorld(c.text);
@@ -531,11 +526,13 @@ TEST(WorldFile, UnderAReturningCallbackBadPartsAreLeftOut) {
   // A client whose fatal callback returns gets the rest of the world; the
   // faulty wires are not made.
   const std::string path = writeTemp("returning.xml", R"(<vorsim><objects>
-  <sphere name="a" mass="1" radius="0.1"/><box name="b" mass="1" dim="1 1 1"/></objects>
+  <sphere name="a" mass="1" radius="0.1"/><box name="b" mass="1" dim="1 1 1"/>
+  <articulated_system name="p" urdf_path=")" + kWorldDir + R"(pendulum.urdf"/></objects>
   <wire type="stiff" length="1"><object name="a" frame="f"/><object name="b"/></wire>
   <wire type="stiff" length="1"><object name="a" local_index="3"/><object name="b"/></wire>
   <wire type="stiff" length="1"><object name="nobody"/><object name="b"/></wire>
   <wire type="stiff" length="1" name="good"><object name="a"/><object name="b"/></wire>
+  <wire type="stiff" length="1"><object name="p" frame="nowhere"/><object name="b"/></wire>
 </vorsim>)");
   VorSimMsg::setFatalCallback([] {});
   std::unique_ptr<World> world;
@@ -547,7 +544,8 @@ TEST(WorldFile, UnderAReturningCallbackBadPartsAreLeftOut) {
   }
   VorSimMsg::resetFatalCallback();
   EXPECT_NE(out.find("The keyword 'frame' only for an articulated system."), std::string::npos);
-  EXPECT_EQ(world->getObjList().size(), 2u);
+  EXPECT_NE(out.find("the articulated system \"p\" has no frame named \"nowhere\""), std::string::npos);
+  EXPECT_EQ(world->getObjList().size(), 3u);
   ASSERT_EQ(world->getWires().size(), 1u);
   EXPECT_EQ(world->getWires()[0]->getName(), "good");
 }
@@ -574,7 +572,7 @@ TEST(WorldFile, DampingAndGyroscopicModes) {
   <box name="a" mass="1" dim="1 1 1" linear_damping="0.25" angular_damping="0.1 0.2 0.3"/>
   <sphere name="b" mass="1" radius="1" linearDamping="2" angularDamping="1 1 1" gyroscopicMode="implicit_world"/>
   <capsule name="c" mass="1" radius="0.1" height="1" gyroscopic_mode="explicit"/>
-  <cylinder name="d" mass="1" radius="0.1" height="1" gyroscopic_mode="implicit_body"/>
+  <cylinder name="d" mass="1" dim="0.1 1" gyroscopic_mode="implicit_body"/>
   <heavy name="e"/>
   <heavy name="f" linear_damping="0" gyroscopic_mode="explicit"/>
 </objects>
@@ -593,26 +591,24 @@ TEST(WorldFile, DampingAndGyroscopicModes) {
       {"e", 0.5, {0.0, 0.0, 0.0}, NO_GYROSCOPIC_FORCE},
       {"f", 0.0, {0.0, 0.0, 0.0}, EXPLICIT_GYROSCOPIC_FORCE},
   };
-  for (const Expected& x : expected) {
-    auto* body = find<SingleBodyObject>(world, x.name);
-    ASSERT_NE(body, nullptr);
-    EXPECT_EQ(body->getLinearDamping(), x.linear) << x.name;
-    for (size_t i = 0; i < 3; ++i) EXPECT_EQ(body->getAngularDamping()[i], x.angular[i]) << x.name;
-    EXPECT_EQ(body->getGyroscopicMode(), x.mode) << x.name;
-  }
-  // Written back: every mode by its name, damping only where a body has it.
+  // Read, and written back (every mode by its name, damping only where a body
+  // has it) and read again.
   {
     StdoutCapture quiet;
     ASSERT_TRUE(world.exportToXml(testing::TempDir(), "vorsim_world_damped_back.xml"));
   }
   World back(testing::TempDir() + "vorsim_world_damped_back.xml");
-  for (const Expected& x : expected) {
-    auto* body = find<SingleBodyObject>(back, x.name);
-    ASSERT_NE(body, nullptr);
-    EXPECT_EQ(body->getLinearDamping(), x.linear) << x.name;
-    for (size_t i = 0; i < 3; ++i) EXPECT_EQ(body->getAngularDamping()[i], x.angular[i]) << x.name;
-    EXPECT_EQ(body->getGyroscopicMode(), x.mode) << x.name;
-  }
+  const auto* d = find<Cylinder>(world, "d");  // its size given as one "dim"
+  EXPECT_EQ(d->getRadius(), 0.1);
+  EXPECT_EQ(d->getHeight(), 1.0);
+  for (World* w : {&world, &back})
+    for (const Expected& x : expected) {
+      auto* body = find<SingleBodyObject>(*w, x.name);
+      ASSERT_NE(body, nullptr);
+      EXPECT_EQ(body->getLinearDamping(), x.linear) << x.name;
+      for (size_t i = 0; i < 3; ++i) EXPECT_EQ(body->getAngularDamping()[i], x.angular[i]) << x.name;
+      EXPECT_EQ(body->getGyroscopicMode(), x.mode) << x.name;
+    }
 }
 
 // ------------------------------------------------------- solver settings --
@@ -683,32 +679,25 @@ TEST(WorldFile, ContactSolverSettingsReadWriteAndDefaults) {
         "maxIteration=\"90\" threshold=\"1e-10\" alphaInit=\"0.5\" alphaMin=\"0.25\" alphaDecay=\"0.125\" "
         "forwardOrder=\"False\"/>"}) {
     World on(writeTemp("on.xml", std::string("<vorsim>\n") + element + "\n" + kPile + "</vorsim>"));
-    EXPECT_TRUE(on.getWarmStart()) << element;
-    EXPECT_EQ(on.getWarmStartTolerance(), 0.005) << element;
-    EXPECT_TRUE(on.getExactCoulombSliding()) << element;
-    const contact::BisectionContactSolver& solver = on.getContactSolver();
-    EXPECT_EQ(solver.maxIter, 90) << element;
-    EXPECT_EQ(solver.threshold, 1e-10) << element;
-    EXPECT_EQ(solver.alpha_init, 0.5) << element;
-    EXPECT_EQ(solver.alpha_min, 0.25) << element;
-    EXPECT_EQ(solver.alpha_decay, 0.125) << element;
-    EXPECT_FALSE(solver.isForwardOrder()) << element;
-
     // Written out and read back: the same settings.
     {
       StdoutCapture quiet;
       ASSERT_TRUE(on.exportToXml(testing::TempDir(), "vorsim_world_solver_back.xml"));
     }
     World back(testing::TempDir() + "vorsim_world_solver_back.xml");
-    EXPECT_TRUE(back.getWarmStart());
-    EXPECT_EQ(back.getWarmStartTolerance(), 0.005);
-    EXPECT_TRUE(back.getExactCoulombSliding());
-    EXPECT_EQ(back.getContactSolver().maxIter, 90);
-    EXPECT_EQ(back.getContactSolver().threshold, 1e-10);
-    EXPECT_EQ(back.getContactSolver().alpha_init, 0.5);
-    EXPECT_EQ(back.getContactSolver().alpha_min, 0.25);
-    EXPECT_EQ(back.getContactSolver().alpha_decay, 0.125);
-    EXPECT_FALSE(back.getContactSolver().isForwardOrder());
+    for (World* w : {&on, &back}) {
+      SCOPED_TRACE(std::string(element) + (w == &back ? ", read back" : ""));
+      EXPECT_TRUE(w->getWarmStart());
+      EXPECT_EQ(w->getWarmStartTolerance(), 0.005);
+      EXPECT_TRUE(w->getExactCoulombSliding());
+      const contact::BisectionContactSolver& solver = w->getContactSolver();
+      EXPECT_EQ(solver.maxIter, 90);
+      EXPECT_EQ(solver.threshold, 1e-10);
+      EXPECT_EQ(solver.alpha_init, 0.5);
+      EXPECT_EQ(solver.alpha_min, 0.25);
+      EXPECT_EQ(solver.alpha_decay, 0.125);
+      EXPECT_FALSE(solver.isForwardOrder());
+    }
 
     const std::vector<double> warm = pileAfter(on, 300);
     EXPECT_EQ(pileAfter(back, 300), warm);
@@ -725,28 +714,4 @@ TEST(WorldFile, ContactSolverSettingsReadWriteAndDefaults) {
   EXPECT_FALSE(back.getWarmStart());
   EXPECT_FALSE(back.getExactCoulombSliding());
   EXPECT_EQ(back.getContactSolver().isForwardOrder(), coded.getContactSolver().isForwardOrder());
-}
-
-TEST(WorldFile, BadContactSolverSettingsEndInLocatedMessages) {
-  struct Case {
-    const char* element;
-    const char* message;
-  };
-  const Case cases[] = {
-      {"<contact_solver warm_start=\"yes\"/>", "the attribute 'warm_start' should be \"true\" or \"false\", not 'yes'"},
-      {"<contact_solver exactCoulombSliding=\"1\"/>",
-       "the attribute 'exact_coulomb_sliding' should be \"true\" or \"false\", not '1'"},
-      {"<contact_solver warm_start_tolerance=\"-0.1\"/>",
-       "The warm start tolerance must be zero or positive, not -0.1"},
-      {"<contact_solver max_iteration=\"0\"/>",
-       "the attribute 'max_iteration' should be a whole number of at least 1, not 0"},
-      {"<contact_solver max_iteration=\"2.5\"/>",
-       "the attribute 'max_iteration' should be a whole number of at least 1, not 2.5"},
-      {"<contact_solver threshold=\"small\"/>",
-       "the node 'contact_solver': the attribute 'threshold' is not a number: 'small'"},
-  };
-  for (const Case& c : cases) {
-    const std::string out = fatalOfWorld(std::string("<vorsim>\n") + c.element + "\n</vorsim>");
-    EXPECT_NE(out.find(c.message), std::string::npos) << c.element << "\n" << out;
-  }
 }
