@@ -144,6 +144,16 @@ inline vorsim::VecDyn moved(const vorsim::ArticulatedSystem& s, const vorsim::Ve
   return out;
 }
 
+// PD control toward the configuration `target` at zero velocity, with the
+// same gains on every joint.
+inline void setPd(vorsim::ArticulatedSystem& s, double kp, double kd, const vorsim::VecDyn& target) {
+  vorsim::VecDyn p(s.dof), d(s.dof), v(s.dof);
+  for (size_t i = 0; i < s.dof; ++i) p[i] = kp, d[i] = kd, v[i] = 0.0;
+  s.setControlMode(vorsim::ArticulatedSystem::PD_PLUS_FEEDFORWARD_TORQUE);
+  s.setPdGains(p, d);
+  s.setPdTarget(target, v);
+}
+
 // A sparse 3 x dof Jacobian as a dense matrix.
 inline Eigen::MatrixXd dense(const vorsim::SparseJacobian& j, size_t dof) {
   Eigen::MatrixXd m = Eigen::MatrixXd::Zero(3, Eigen::Index(dof));

@@ -69,14 +69,6 @@ Contact makeContact(const Mat<3, 1>& position, const Mat<3, 1>& normal, size_t b
   return c;
 }
 
-void setPd(ArticulatedSystem& s, double kp, double kd) {
-  VecDyn p(s.dof), d(s.dof), v(s.dof);
-  for (size_t i = 0; i < s.dof; ++i) p[i] = kp, d[i] = kd, v[i] = 0.0;
-  s.setControlMode(ArticulatedSystem::PD_PLUS_FEEDFORWARD_TORQUE);
-  s.setPdGains(p, d);
-  s.setPdTarget(s.gc, v);
-}
-
 double relError(const MatX& a, const MatX& b) { return (a - b).norm() / std::max(1e-300, b.norm()); }
 
 // Random pose and velocity, rotor inertia and PD gains (so that the implicit
@@ -99,7 +91,7 @@ void checkAgainstDenseAlgebra(World& world, ArticulatedSystem& s) {
   s.setGeneralizedCoordinate(gc);
   s.setGeneralizedVelocity(gv);
   s.setRotorInertia(rotor);
-  setPd(s, 80.0, 3.0);
+  vorsim_test::setPd(s, 80.0, 3.0, s.gc);
 
   world.integrate1();  // no collisions: the robot's geoms are masked
   auto& contacts = s.getContacts();
@@ -196,7 +188,7 @@ ArticulatedSystem* addStandingAnymal(World& world, double z, bool back, double k
   for (size_t i = 0; i < s->dof; ++i) gv[i] = 0.0;
   s->setGeneralizedCoordinate(gc);
   s->setGeneralizedVelocity(gv);
-  setPd(*s, kp, kd);
+  vorsim_test::setPd(*s, kp, kd, s->gc);
   return s;
 }
 
@@ -315,16 +307,14 @@ TEST(RobotContacts, ArmPressingOnABoxBalancesItsTorques) {
   const double pose[9] = {0.0, 0.3, 0.0, -2.0, 0.0, 2.3, 0.8, 0.02, 0.02};
   for (size_t i = 0; i < 9 && i < arm->gcDim; ++i) gc[i] = pose[i];
   arm->setGeneralizedCoordinate(gc);
-  setPd(*arm, 300.0, 20.0);
+  VecDyn target = gc;
+  target[1] += 0.2;
+  vorsim_test::setPd(*arm, 300.0, 20.0, target);
   Mat<3, 1> hand;
   arm->getFramePosition(arm->getFrameIdxByName("panda_hand_joint"), hand);
   auto* box = world.addBox(0.3, 0.3, 0.2, 1.0);
   box->setBodyType(STATIC);
   box->setPosition(hand[0], hand[1], hand[2] - 0.225);
-  VecDyn target = gc, zero(arm->dof);
-  for (size_t i = 0; i < arm->dof; ++i) zero[i] = 0.0;
-  target[1] += 0.2;
-  arm->setPdTarget(target, zero);
   for (int i = 0; i < 3000; ++i) world.integrate();
   ASSERT_GE(arm->getContacts().size(), 1u);
   for (const Contact& c : arm->getContacts()) EXPECT_EQ(arm->getBodyNames()[c.localBodyIndex], "panda_link7");

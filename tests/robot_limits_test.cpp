@@ -311,11 +311,7 @@ TEST(JointLimits, LimitResponsesAreColumnsOfTheInverseMass) {
   for (size_t k = 0; k < 3; ++k) gc[10 + k] = std::sin(angle / 2) * axis[k];
   gc[13] = 0.0;  // below the side branch's range
   s->setGeneralizedCoordinate(gc);
-  VecDyn p(s->dof), d(s->dof), v(s->dof);
-  for (size_t i = 0; i < s->dof; ++i) p[i] = 40.0, d[i] = 2.0, v[i] = 0.0;
-  s->setControlMode(ArticulatedSystem::PD_PLUS_FEEDFORWARD_TORQUE);
-  s->setPdGains(p, d);
-  s->setPdTarget(gc, v);
+  vorsim_test::setPd(*s, 40.0, 2.0, gc);
   world.integrate1();
   ContactProblemList problems;
   s->preContactSolverUpdate2(world.getGravity(), world.getTimeStep(), problems);
