@@ -229,7 +229,6 @@ TEST(Building, TablesFollowTheDepthFirstBodyOrder) {
   EXPECT_EQ(sys.getBodyType(0), STATIC);
   EXPECT_EQ(sys.getBodyType(1), DYNAMIC);
   EXPECT_EQ(sys.getBodyType(), DYNAMIC);
-  EXPECT_EQ(sys.getMaxSelfCollisionContacts(), 1);
   EXPECT_TRUE(sys.child.empty());
 
   // Swapping siblings renumbers everything after them.

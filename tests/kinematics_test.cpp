@@ -232,15 +232,6 @@ TEST(Kinematics, FramesAndStateSetters) {
   Mat<3, 1> expected;
   s.getVelocity(frame.parentId, frame.position, expected);
   EXPECT_EQ(v.e(), expected.e());
-  // Acceleration of a frame point from the body's tables.
-  s.linAccW[frame.parentId] = {1, 2, 3};
-  s.angAccW[frame.parentId] = {0.5, -0.5, 0.25};
-  Mat<3, 1> a;
-  s.getFrameAcceleration(frame, a);
-  const Eigen::Vector3d r = s.rotW[frame.parentId].e() * frame.position.e();
-  const Eigen::Vector3d om = s.angVelW[frame.parentId].e();
-  EXPECT_TRUE(a.e().isApprox(
-      Eigen::Vector3d(1, 2, 3) + om.cross(om.cross(r)) + Eigen::Vector3d(0.5, -0.5, 0.25).cross(r), 1e-14));
   Mat<3, 1> inFrame;
   s.getPositionInFrame(2, Mat<3, 1>{0, 0, 0}, inFrame);
   Mat<3, 1> origin;

@@ -80,13 +80,7 @@ TEST(MjcfLoader, SameRobotAsUrdf) {
 }
 
 TEST(MjcfLoader, SceneElementsReachTheWorld) {
-  std::unique_ptr<World> owner;
-  std::string printed;
-  {
-    StdoutCapture out;
-    owner = std::make_unique<World>(kMjcfDir + "scene.xml");
-    printed = out.text();
-  }
+  const auto [owner, printed] = vorsim_test::built<World>(kMjcfDir + "scene.xml");
   World& world = *owner;
   EXPECT_EQ(world.getTimeStep(), 0.002);  // an option without a time step
   // floor, post, ball, brick, the mesh (body 2 of the worldbody has no name), robot, pendulum.

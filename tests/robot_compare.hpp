@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <memory>
 #include <random>
 #include <string>
 
@@ -168,6 +169,14 @@ inline Eigen::VectorXd generalizedForce(const vorsim::ArticulatedSystem& s, size
   vorsim::SparseJacobian J;
   s.getSparseJacobian(body, point, J);
   return dense(J, s.dof).transpose() * f;
+}
+
+// A T built from args, and what building it printed.
+template <typename T, typename... Args>
+std::pair<std::unique_ptr<T>, std::string> built(Args&&... args) {
+  StdoutCapture out;
+  auto made = std::make_unique<T>(std::forward<Args>(args)...);
+  return {std::move(made), out.text()};
 }
 
 // What `call` prints before it raises a fatal message ("no fatal message" if

@@ -4,7 +4,7 @@
 
 #include <cfloat>
 
-#include "test_helpers.hpp"
+#include "robot_compare.hpp"
 #include "vorsim/object/ArticulatedSystem/ArticulatedSystem.hpp"
 #include "vorsim/sensors/DepthCamera.hpp"
 #include "vorsim/sensors/InertialMeasurementUnit.hpp"
@@ -111,13 +111,7 @@ Eigen::Vector3d E(const Mat<3, 1>& m) { return m.e(); }
 }  // namespace
 
 TEST(UrdfLoader, ReadsEveryElementIntoTheSystem) {
-  std::unique_ptr<ArticulatedSystem> owner;
-  std::string printed;
-  {
-    StdoutCapture out;
-    owner = std::make_unique<ArticulatedSystem>(kRobot, "res");
-    printed = out.text();
-  }
+  const auto [owner, printed] = vorsim_test::built<ArticulatedSystem>(kRobot, "res");
   ArticulatedSystem& s = *owner;
   // base (floating), upper (ball), lower (knee, with the tool merged), rail.
   ASSERT_EQ(s.nbody, 4u);
@@ -277,13 +271,7 @@ TEST(UrdfLoader, WorldRootJointOrderAndWarnings) {
 <link name="b"><inertial><mass value="1"/></inertial></link>
 <joint name="other" type="fixed"><parent link="world"/><child link="stray"/><origin xyz="5 5 5" rpy="0 0 0.3"/></joint>
 <link name="stray"/>)");
-  std::unique_ptr<ArticulatedSystem> owner;
-  std::string text;
-  {
-    StdoutCapture out;
-    owner = std::make_unique<ArticulatedSystem>(urdf, "r");
-    text = out.text();
-  }
+  const auto [owner, text] = vorsim_test::built<ArticulatedSystem>(urdf, "r");
   ArticulatedSystem& s = *owner;
   EXPECT_EQ(s.getRootJointType(), Joint::FIXED);
   // The first link under "world" is the robot, placed at its own joint's
