@@ -639,14 +639,11 @@ TEST(Routes, TheMassMatrixRouteAndTheArticulatedBodyRouteAgree) {
   // term for damping and derivative gain multiplies a zero velocity.
   ArticulatedSystem s(makeTree(Joint::FIXED), "r");
   randomState(s, 12, 0.0);
-  VecDyn kp(s.dof), kd(s.dof), target(s.gcDim), zero(s.dof), tau(s.dof);
-  for (size_t i = 0; i < s.dof; ++i) kp[i] = 30.0, kd[i] = 0.0, zero[i] = 0.0, tau[i] = std::cos(double(i));
-  target = s.gc;
+  VecDyn target = s.gc, tau(s.dof);
+  for (size_t i = 0; i < s.dof; ++i) tau[i] = std::cos(double(i));
   for (size_t b = 1; b < s.nbody; ++b)
     if (s.jointType[b] != Joint::SPHERICAL) target[s.gcIdx[b]] += 0.2;
-  s.setControlMode(ArticulatedSystem::PD_PLUS_FEEDFORWARD_TORQUE);
-  s.setPdGains(kp, kd);
-  s.setPdTarget(target, zero);
+  setPd(s, 30.0, 0.0, target);
   s.setGeneralizedForce(tau);
   const double dt = 0.004;
   s.updateTimeStep(dt);
@@ -665,8 +662,8 @@ TEST(Routes, TheMassMatrixRouteAndTheArticulatedBodyRouteAgree) {
   // as impulse bias both routes give the same velocity.
   randomState(s, 13);
   VecDyn damping(s.dof);
-  for (size_t i = 0; i < s.dof; ++i) kd[i] = 3.0, damping[i] = 0.7;
-  s.setPdGains(kp, kd);
+  for (size_t i = 0; i < s.dof; ++i) damping[i] = 0.7;
+  setPd(s, 30.0, 3.0, target);
   s.setJointDamping(damping);
   s.setIntegrationScheme(ArticulatedSystem::RUNGE_KUTTA_4);
   s.updateTimeStep(dt);
