@@ -657,25 +657,33 @@ TEST(Routes, TheMassMatrixRouteAndTheArticulatedBodyRouteAgree) {
   EXPECT_TRUE(near(s.gvWork.e(), viaAba, 1e-12)) << s.gvWork.e().transpose() << "\n" << viaAba.transpose();
   EXPECT_GT(viaAba.norm(), 1e-3);
 
-  // Moving, under the Runge-Kutta scheme, the mass-matrix route takes damping
-  // and derivative gain explicitly too; with the momentum (M + dampedDiag) gv
-  // as impulse bias both routes give the same velocity.
-  randomState(s, 13);
+  // Moving, with the momentum (M + dampedDiag) gv as impulse bias: under the
+  // Runge-Kutta scheme the mass-matrix route takes damping and derivative
+  // gain explicitly too, and both routes give the same velocity; below it,
+  // the mass-matrix route damps by the implicit rate dampedDiag / dt in their
+  // place.
   VecDyn damping(s.dof);
   for (size_t i = 0; i < s.dof; ++i) damping[i] = 0.7;
   setPd(s, 30.0, 3.0, target);
   s.setJointDamping(damping);
-  s.setIntegrationScheme(ArticulatedSystem::RUNGE_KUTTA_4);
-  s.updateTimeStep(dt);
-  s.preContactSolverUpdate1(kGravity, dt);  // chooses the scheme of the step
-  s.articulatedBodyAlgorithm(kGravity, dt);
-  const Vec movingAba = s.gvWork.e();
-  const Matrix M = s.getMassMatrix().e();
-  s.computeSparseInverse(s.getMassMatrix(), s.massMatrixInverse);
-  s.inverseDynamicsTau = s.getNonlinearities(kGravity);
-  s.impulseBias = toVecDyn((M + Matrix(s.dampedDiag.e().asDiagonal())) * s.gv.e());
-  s.integrateWithoutContact(kGravity, dt);
-  EXPECT_TRUE(near(s.gvWork.e(), movingAba, 1e-12)) << s.gvWork.e().transpose() << "\n" << movingAba.transpose();
+  for (int32_t scheme : {ArticulatedSystem::TRAPEZOID, ArticulatedSystem::RUNGE_KUTTA_4}) {
+    randomState(s, 13);
+    s.setIntegrationScheme(scheme);
+    s.updateTimeStep(dt);
+    s.preContactSolverUpdate1(kGravity, dt);  // chooses the scheme of the step
+    s.articulatedBodyAlgorithm(kGravity, dt);
+    const Matrix implicit = s.getMassMatrix().e() + Matrix(s.dampedDiag.e().asDiagonal());
+    Vec expected = s.gvWork.e();
+    if (scheme == ArticulatedSystem::TRAPEZOID)
+      expected += implicit.inverse() * ((dt * (0.7 + 3.0) - s.dampedDiag.e().array()) * s.gv.e().array()).matrix();
+    s.computeSparseInverse(s.getMassMatrix(), s.massMatrixInverse);
+    s.inverseDynamicsTau = s.getNonlinearities(kGravity);
+    s.impulseBias = toVecDyn(implicit * s.gv.e());
+    s.integrateWithoutContact(kGravity, dt);
+    EXPECT_TRUE(near(s.gvWork.e(), expected, 1e-12)) << scheme << "\n"
+                                                     << s.gvWork.e().transpose() << "\n"
+                                                     << expected.transpose();
+  }
 }
 
 TEST(Routes, TheRungeKuttaStepStartsFromTheSolversVelocityJump) {
