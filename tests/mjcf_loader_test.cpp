@@ -34,15 +34,7 @@ std::string writeTemp(const std::string& text) {
 
 std::string fatalOfMjcf(const std::string& text) {
   const std::string path = writeTemp(text);
-  ThrowOnFatal guard;
-  StdoutCapture out;
-  try {
-    World world(path);
-  } catch (const vorsim_test::FatalError&) {
-    return out.text();
-  }
-  ADD_FAILURE() << "no fatal message for\n" << text;
-  return out.text();
+  return vorsim_test::fatalMessage([&] { World world(path); });
 }
 
 ArticulatedSystem* firstSystem(World& world) {
@@ -88,13 +80,7 @@ TEST(MjcfLoader, SameRobotAsUrdf) {
 }
 
 TEST(MjcfLoader, SceneElementsReachTheWorld) {
-  std::unique_ptr<World> owner;
-  std::string printed;
-  {
-    StdoutCapture out;
-    owner = std::make_unique<World>(kMjcfDir + "scene.xml");
-    printed = out.text();
-  }
+  const auto [owner, printed] = vorsim_test::built<World>(kMjcfDir + "scene.xml");
   World& world = *owner;
   EXPECT_EQ(world.getTimeStep(), 0.002);  // an option without a time step
   // floor, post, ball, brick, the mesh (body 2 of the worldbody has no name), robot, pendulum.
@@ -237,40 +223,31 @@ TEST(MjcfLoader, OrientationsAndSizes) {
 }
 
 TEST(MjcfLoader, MovedFixedBodiesKeepsTheSwapOrder) {
-  auto node = [](const std::string& name, Joint::Type type) {
-    Child c;
-    c.bodyName = name;
-    c.type = type;
-    return c;
+  // Each fixed entry ("F...") moves to the fixed bodies, and the last entry
+  // among the movable ones takes its place.
+  struct Case {
+    std::vector<std::string> children, movable, fixed;
   };
-  Child root = node("root", Joint::FIXED);
-  for (const char* n : {"F1", "A", "B", "F2", "C"})
-    root.child.push_back(node(n, n[0] == 'F' ? Joint::FIXED : Joint::REVOLUTE));
-  root.child[1].child.push_back(node("G", Joint::FIXED));
-  mjcf::movedFixedBodies(root);
-  std::vector<std::string> movable, fixed;
-  for (const Child& c : root.child) movable.push_back(c.bodyName);
-  for (const Child& c : root.fixedBodies) fixed.push_back(c.bodyName);
-  // F1's place goes to the last entry (C); F2 is the last when its turn comes.
-  EXPECT_EQ(movable, (std::vector<std::string>{"C", "A", "B"}));
-  EXPECT_EQ(fixed, (std::vector<std::string>{"F1", "F2"}));
-  ASSERT_EQ(root.child[1].fixedBodies.size(), 1u);
-  EXPECT_TRUE(root.child[1].child.empty());
-
-  // A fixed entry second to last: the last takes its place.
-  Child middle = node("m", Joint::FIXED);
-  for (const char* n : {"A", "F", "B"}) middle.child.push_back(node(n, n[0] == 'F' ? Joint::FIXED : Joint::REVOLUTE));
-  mjcf::movedFixedBodies(middle);
-  ASSERT_EQ(middle.child.size(), 2u);
-  EXPECT_EQ(middle.child[1].bodyName, "B");
-
-  // Two fixed entries at the end: neither stays among the movable ones.
-  Child tail = node("t", Joint::FIXED);
-  for (const char* n : {"A", "F1", "F2"}) tail.child.push_back(node(n, n[0] == 'F' ? Joint::FIXED : Joint::REVOLUTE));
-  mjcf::movedFixedBodies(tail);
-  ASSERT_EQ(tail.child.size(), 1u);
-  EXPECT_EQ(tail.child[0].bodyName, "A");
-  EXPECT_EQ(tail.fixedBodies.size(), 2u);
+  const Case cases[] = {{{"F1", "A", "B", "F2", "C"}, {"C", "A", "B"}, {"F1", "F2"}},
+                        {{"A", "F", "B"}, {"A", "B"}, {"F"}},
+                        {{"A", "F1", "F2"}, {"A"}, {"F1", "F2"}}};
+  for (const Case& c : cases) {
+    Child top;
+    for (const std::string& n : c.children) {
+      top.child.emplace_back();
+      top.child.back().bodyName = n;
+      top.child.back().type = n[0] == 'F' ? Joint::FIXED : Joint::REVOLUTE;
+      top.child.back().child.resize(1);  // a fixed grandchild moves too
+      top.child.back().child[0].type = Joint::FIXED;
+    }
+    mjcf::movedFixedBodies(top);
+    std::vector<std::string> movable, fixed;
+    for (const Child& k : top.child) movable.push_back(k.bodyName);
+    for (const Child& k : top.fixedBodies) fixed.push_back(k.bodyName);
+    EXPECT_EQ(movable, c.movable);
+    EXPECT_EQ(fixed, c.fixed);
+    for (const Child& k : top.child) EXPECT_TRUE(k.child.empty() && k.fixedBodies.size() == 1u) << k.bodyName;
+  }
 }
 
 TEST(MjcfLoader, ClassChainAndPoses) {

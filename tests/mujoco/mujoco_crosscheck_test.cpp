@@ -1,38 +1,28 @@
 // The mass matrix and the bias forces of the robots in models/ against MuJoCo
 // (Debian's libmujoco-dev, 2.2), an engine we do not write, at random
-// configurations and velocities, to 1e-9 relative.
-//
-// Both engines read the same URDF file. What MuJoCo's URDF import is given in
-// addition, and why:
-// - Visual and collision elements are removed from its copy of the text. Its
-//   importer cannot read some of them (the humanoid's capsules, the panda's
-//   package:// mesh paths), and with them it would derive the inertia of links
-//   that have no <inertial> from their geometry, where vorsim (and the URDF
-//   convention) give such links no mass. Geometry plays no part in the mass
-//   matrix or the bias forces.
+// configurations and velocities, to 1e-9 relative. Both read the same URDF;
+// MuJoCo's copy differs as follows:
+// - No visual or collision elements: its importer cannot read some (the
+//   humanoid's capsules, the panda's package:// paths), and it would derive
+//   inertia from geometry for links without <inertial>, which have no mass in
+//   vorsim (and by the URDF convention). Geometry plays no part here.
 // - <compiler fusestatic="false" inertiafromgeom="false">: links on fixed
-//   joints stay bodies of their own (vorsim merges them; the dynamics are the
-//   same), and no inertia comes from geometry.
-// - boundmass / boundinertia 1e-13: MuJoCo refuses moving bodies without mass
-//   (the humanoid's chains of continuous joints pass through massless links).
-//   The bound adds less than 1e-10 relative to any entry compared here.
-// - Inertial elements of links whose mass is zero are removed: vorsim's
-//   reader gives such a link no inertia (the panda's link8 and grasp target
-//   declare a mass of 0 with an inertia of 0.1), and MuJoCo would keep it.
-// - A "floating" joint from a "world" link to the root link, since MuJoCo
-//   fixes a root that has no joint, while vorsim floats it; or, for a fixed
-//   base, a "fixed" joint, given to both engines.
-//
-// Coordinates. Joints are matched by name. Revolute and prismatic joints are
-// one number in both engines, and a ball joint is a quaternion (w, x, y, z)
-// with an angular velocity in the child body's frame in both. The floating
-// base differs: MuJoCo's free joint takes position and quaternion (w, x, y,
-// z) as vorsim does, but its angular velocity in the base's body frame,
-// where vorsim's is in the world frame. With R the base's orientation,
-// u_vorsim = T u_mujoco, T = diag(1, R, 1, ..., 1) with the rows permuted to
-// vorsim's order. Since T is orthogonal, M_vorsim = T M_mujoco T^T, and
-// b_vorsim = T b_mujoco (the time derivative of T contributes R'(R^T w) =
-// w x w = 0).
+//   joints stay bodies (vorsim merges them; the dynamics are the same).
+// - boundmass / boundinertia 1e-13, since MuJoCo refuses moving bodies without
+//   mass (the humanoid's chains of continuous joints pass through massless
+//   links); less than 1e-10 relative to any entry compared.
+// - No <inertial> on links of mass zero: vorsim gives such a link no inertia
+//   (the panda's link8 and grasp target declare inertia 0.1), MuJoCo keeps it.
+// - A "floating" joint from "world" to the root link, since MuJoCo fixes a
+//   root without a joint where vorsim floats it; a "fixed" one, given to both
+//   engines, for a fixed base.
+// Joints are matched by name; revolute and prismatic joints are one number,
+// a ball joint a quaternion (w, x, y, z) with its angular velocity in the
+// child's frame, in both. MuJoCo's free joint takes the base's angular
+// velocity in the body frame, vorsim's in the world frame: u_vorsim =
+// T u_mujoco with T = diag(1, R, 1, ..., 1) permuted to vorsim's order, R the
+// base's orientation. T is orthogonal, so M_vorsim = T M_mujoco T^T and
+// b_vorsim = T b_mujoco (dT/dt contributes R'(R^T w) = w x w = 0).
 #include <gtest/gtest.h>
 #include <mujoco/mujoco.h>
 
