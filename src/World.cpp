@@ -121,8 +121,10 @@ void World::integrate1() {
   for (Object* object : objects_) object->clearPerObjectContact();
   for (Object* object : objects_)
     if (object->getBodyType() == DYNAMIC) object->updateTimeStepIfNecessary(timeStep_);
+  if (broadPhase_.needsRefresh()) refreshCollisionLayout();
   for (Object* object : objects_)
     if (object->getBodyType() != STATIC) object->updateCollision();
+  deferredGeomsStale_ = !robotsWithDeferredGeoms_.empty();
   detectCollisions();
   contactProblems_.reserve(size_t(numContacts_) + 20 + wires_.size());
   generateContacts();
@@ -134,7 +136,22 @@ void World::integrate1() {
 
 void World::detectCollisions() {
   numContacts_ = 0;
-  broadPhase_.collide(collisionSpace_, this, &World::nearCallback);
+  broadPhase_.collide(this, &World::nearCallback);
+}
+
+void World::refreshCollisionLayout() {
+  broadPhase_.refresh();
+  robotsWithDeferredGeoms_.clear();
+  for (Object* object : objects_) {
+    auto* robot = dynamic_cast<ArticulatedSystem*>(object);
+    if (robot != nullptr && robot->splitGeomPlacement() > 0) robotsWithDeferredGeoms_.push_back(robot);
+  }
+}
+
+void World::placeDeferredGeoms() {
+  if (!deferredGeomsStale_) return;
+  for (const ArticulatedSystem* robot : robotsWithDeferredGeoms_) robot->placeDeferredGeoms();
+  deferredGeomsStale_ = false;
 }
 
 bool World::selfCollisionPairIsFull(const Object& object, size_t la, size_t lb) const {
@@ -313,6 +330,7 @@ void World::addCollisionObject(dxGeom* geom, size_t localIdx, const std::string&
   data.localIndex = localIdx;
   data.objectIndex = objects_.size() - 1;
   dSpaceAdd(collisionSpace_, geom);
+  broadPhase_.add(geom);
 }
 
 Sphere* World::addSphere(double radius, double mass, const std::string& material, size_t collisionGroup,
@@ -475,6 +493,7 @@ ArticulatedSystem* World::registerArticulatedSystem(ArticulatedSystem* system, s
     if (getCategoryBits(d.colObj) == 1u && getCollideBits(d.colObj) == 0xFFFFFFFFu)
       setCollisionBits(d.colObj, collisionGroup, collisionMask);
     dSpaceAdd(collisionSpace_, d.colObj);
+    broadPhase_.add(d.colObj);
   }
   // The robot takes the world's time step at once: inverse dynamics turns
   // contact impulses into forces with it.
@@ -545,6 +564,9 @@ void World::removeObject(Object* object) {
     }
   }
 
+  broadPhase_.removeObject(k);
+  for (size_t i = 0; i < robotsWithDeferredGeoms_.size(); ++i)
+    if (robotsWithDeferredGeoms_[i] == object) robotsWithDeferredGeoms_.erase(robotsWithDeferredGeoms_.begin() + long(i));
   object->destroyCollisionBodies(collisionSpace_);
   delete object;
 
@@ -581,6 +603,7 @@ const RayCollisionList& World::rayTest(const Eigen::Vector3d& start, const Eigen
     rayContactList_.size = 0;
     return rayContactList_;
   }
+  placeDeferredGeoms();
   auto& items = rayContactList_.items;
   // Both routes below cast the same unit direction, so that they agree to the
   // last bit.
