@@ -122,9 +122,20 @@ void World::integrate1() {
   for (Object* object : objects_)
     if (object->getBodyType() == DYNAMIC) object->updateTimeStepIfNecessary(timeStep_);
   if (broadPhase_.needsRefresh()) refreshCollisionLayout();
-  for (Object* object : objects_)
-    if (object->getBodyType() != STATIC) object->updateCollision();
-  deferredGeomsStale_ = !robotsWithDeferredGeoms_.empty();
+  // Robots with geoms placed on demand stand in robotsWithDeferredGeoms_ in
+  // the order of objects_.
+  size_t r = 0;
+  for (Object* object : objects_) {
+    const bool onDemand = r < robotsWithDeferredGeoms_.size() && object == robotsWithDeferredGeoms_[r];
+    r += onDemand ? 1 : 0;
+    if (object->getBodyType() == STATIC) continue;
+    if (onDemand) {
+      static_cast<ArticulatedSystem*>(object)->updateCollisionInStep();
+      deferredGeomsStale_ = true;
+    } else {
+      object->updateCollision();
+    }
+  }
   detectCollisions();
   contactProblems_.reserve(size_t(numContacts_) + 20 + wires_.size());
   generateContacts();
@@ -141,6 +152,7 @@ void World::detectCollisions() {
 
 void World::refreshCollisionLayout() {
   broadPhase_.refresh();
+  placeDeferredGeoms();
   robotsWithDeferredGeoms_.clear();
   for (Object* object : objects_) {
     auto* robot = dynamic_cast<ArticulatedSystem*>(object);
@@ -565,8 +577,9 @@ void World::removeObject(Object* object) {
   }
 
   broadPhase_.removeObject(k);
-  for (size_t i = 0; i < robotsWithDeferredGeoms_.size(); ++i)
-    if (robotsWithDeferredGeoms_[i] == object) robotsWithDeferredGeoms_.erase(robotsWithDeferredGeoms_.begin() + long(i));
+  // The list is made afresh, in the new object order, at the next step.
+  placeDeferredGeoms();
+  robotsWithDeferredGeoms_.clear();
   object->destroyCollisionBodies(collisionSpace_);
   delete object;
 

@@ -363,10 +363,12 @@ inline void placeGeom(const CollisionDefinition& d, const Mat<3, 3>& Rb, const M
 
 void ArticulatedSystem::updateCollision() {
   limitProblemLog.clear();
-  if (geomsPlacedOnDemand_.empty()) {
-    for (const CollisionDefinition& d : collisionDefinitions) placeGeom(d, rotW[d.localIdx], posW[d.localIdx]);
-    return;
-  }
+  for (const CollisionDefinition& d : collisionDefinitions) placeGeom(d, rotW[d.localIdx], posW[d.localIdx]);
+  onDemandGeomsStale_ = false;
+}
+
+void ArticulatedSystem::updateCollisionInStep() {
+  limitProblemLog.clear();
   for (uint32_t i : geomsPlacedEachStep_) {
     const CollisionDefinition& d = collisionDefinitions[i];
     placeGeom(d, rotW[d.localIdx], posW[d.localIdx]);

@@ -148,17 +148,18 @@ class ArticulatedSystem : public Object {
 
   // ---------------------------------------------------------------- Object --
   // Moves every geom to its body's pose (with the collision library's setters,
-  // so that bounding boxes follow). Geoms that the world found can touch
-  // nothing are only noted: the bodies' poses are kept, and the geoms follow
-  // when placeDeferredGeoms is called.
+  // so that bounding boxes follow).
   void updateCollision() override;
   // Reads GeomData::canPair of every geom (set by the world's broad phase) and
-  // splits the geoms into those placed by updateCollision and those placed on
+  // splits the geoms into those placed in every step and those placed on
   // demand; returns how many are placed on demand. Geoms waiting for their
   // pose get it first.
   size_t splitGeomPlacement();
-  // Moves the on-demand geoms to the poses of the last updateCollision, if
-  // they are not there yet.
+  // The world's placement in a step once some geoms are placed on demand: the
+  // others are moved, and the bodies' poses are kept for the on-demand ones.
+  void updateCollisionInStep();
+  // Moves the on-demand geoms to the poses kept by the last
+  // updateCollisionInStep, if they are not there yet.
   void placeDeferredGeoms() const;
   void preContactSolverUpdate1(const Mat<3, 1>& gravity, double dt) override;
   void preContactSolverUpdate2(const Mat<3, 1>& gravity, double dt, ContactProblemList& problems) override;
@@ -397,7 +398,7 @@ class ArticulatedSystem : public Object {
   const std::vector<std::string>& getMovableJointNames() const { return movableJointNames; }
   const std::vector<CoordinateFrame>& getFrames() const { return frames; }
   std::vector<CoordinateFrame>& getFrames() { return frames; }
-  // The geoms, each at its pose of the last updateCollision.
+  // The geoms, each at its pose of the last placement.
   const std::vector<CollisionDefinition>& getCollisionBodies() const {
     placeDeferredGeoms();
     return collisionDefinitions;
@@ -454,7 +455,7 @@ class ArticulatedSystem : public Object {
   std::vector<CoordinateFrame> frames;
   std::vector<CollisionDefinition> collisionDefinitions;
   // The split of collisionDefinitions made by splitGeomPlacement, and for the
-  // on-demand geoms the body poses of the last updateCollision.
+  // on-demand geoms the body poses of the last updateCollisionInStep.
   std::vector<uint32_t> geomsPlacedEachStep_;
   std::vector<uint32_t> geomsPlacedOnDemand_;
   std::vector<Mat<3, 3>> onDemandRotW_;
