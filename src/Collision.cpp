@@ -104,9 +104,18 @@ void SweepAndPrune::refresh() {
     ++kinds[k].count;
     kindOf[i] = uint32_t(k);
   }
-  for (Kind& a : kinds)
-    for (const Kind& b : kinds)
-      if (((a.category & b.collide) | (b.category & a.collide)) != 0 && (&a != &b || a.count > 1)) a.canPair = true;
+  kinds_ = kinds.size();
+  const bool keepTable = kinds_ <= kMaxFilteredKinds;
+  kindsPass_.assign(keepTable ? kinds_ * kinds_ : 0, 0);
+  for (size_t a = 0; a < kinds_; ++a)
+    for (size_t b = 0; b < kinds_; ++b) {
+      const Kind &ka = kinds[a], &kb = kinds[b];
+      const bool pass = ((ka.category & kb.collide) | (kb.category & ka.collide)) != 0;
+      if (keepTable) kindsPass_[a * kinds_ + b] = pass;
+      if (pass && (a != b || ka.count > 1)) kinds[a].canPair = true;
+    }
+  boundedOfKind_.assign(keepTable ? kinds_ : 0, 0);
+  kindHasPartner_.assign(keepTable ? kinds_ : 0, 1);
 
   entries_.clear();
   for (size_t i = 0; i < geoms_.size(); ++i) {
@@ -117,6 +126,7 @@ void SweepAndPrune::refresh() {
     e.category = k.category;
     e.collide = k.collide;
     e.order = uint32_t(i);
+    e.kind = kindOf[i];
     e.geom = geoms_[i];
     entries_.push_back(e);
   }
@@ -163,11 +173,8 @@ void SweepAndPrune::collide(void* data, dNearCallback* callback) {
     e.unbounded = false;
     e.key = inf;
     if (!e.enabled) continue;
-    dReal box[6];
+    dReal* box = e.box;
     dGeomGetAABB(e.geom, box);
-    // Sweep along y first, then x and z.
-    e.lo[0] = box[2], e.lo[1] = box[0], e.lo[2] = box[4];
-    e.hi[0] = box[3], e.hi[1] = box[1], e.hi[2] = box[5];
     e.unbounded = std::isinf(box[0]) || std::isinf(box[1]) || std::isinf(box[2]) || std::isinf(box[3]) ||
                   std::isinf(box[4]) || std::isinf(box[5]);
     // A box with a NaN bound overlaps nothing in a well-defined way: it is
@@ -179,21 +186,34 @@ void SweepAndPrune::collide(void* data, dNearCallback* callback) {
   }
   sortEntries(entries_);
 
+  const bool filterKinds = kinds_ <= kMaxFilteredKinds;
+  if (filterKinds) {
+    std::fill(boundedOfKind_.begin(), boundedOfKind_.end(), 0u);
+    for (size_t i = 0; i < bounded; ++i) ++boundedOfKind_[entries_[i].kind];
+    for (size_t a = 0; a < kinds_; ++a) {
+      bool partner = false;
+      for (size_t b = 0; b < kinds_ && !partner; ++b)
+        partner = kindsPass_[a * kinds_ + b] && boundedOfKind_[b] > (a == b ? 1u : 0u);
+      kindHasPartner_[a] = partner;
+    }
+  }
+
   auto passes = [](const Entry& a, const Entry& b) {
     return ((a.category & b.collide) | (b.category & a.collide)) != 0;
   };
   auto overlap = [](const Entry& a, const Entry& b) {
-    return a.lo[0] <= b.hi[0] && b.lo[0] <= a.hi[0] && a.lo[1] <= b.hi[1] && b.lo[1] <= a.hi[1] && a.lo[2] <= b.hi[2] &&
-           b.lo[2] <= a.hi[2];
+    return a.box[0] <= b.box[1] && b.box[0] <= a.box[1] && a.box[2] <= b.box[3] && b.box[2] <= a.box[3] &&
+           a.box[4] <= b.box[5] && b.box[4] <= a.box[5];
   };
 
   // The bounded entries lead, sorted by their lower y bound; the others
-  // follow in list order.
+  // follow in list order. Sweep along y, then test x and z.
   for (size_t i = 0; i < bounded; ++i) {
     const Entry& a = entries_[i];
-    for (size_t j = i + 1; j < bounded && entries_[j].lo[0] <= a.hi[0]; ++j) {
+    if (filterKinds && !kindHasPartner_[a.kind]) continue;
+    for (size_t j = i + 1; j < bounded && entries_[j].box[2] <= a.box[3]; ++j) {
       const Entry& b = entries_[j];
-      if (b.lo[1] > a.hi[1] || a.lo[1] > b.hi[1] || b.lo[2] > a.hi[2] || a.lo[2] > b.hi[2]) continue;
+      if (b.box[0] > a.box[1] || a.box[0] > b.box[1] || b.box[4] > a.box[5] || a.box[4] > b.box[5]) continue;
       if (passes(a, b)) callback(data, a.geom, b.geom);
     }
   }

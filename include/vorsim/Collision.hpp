@@ -41,6 +41,22 @@ inline GeomData& geomData(dGeomID geom) { return *static_cast<GeomData*>(dGeomGe
 // Frees the record and destroys the geom.
 void destroyGeom(dGeomID geom);
 
+// Puts a placeable geom that has no collision-library body and no offset at
+// position p with rotation R, marking it moved once: the rotation is written
+// where dGeomGetRotation points (the geom's own matrix), and setting the
+// position then refreshes the geom's state. The same as dGeomSetPosition and
+// dGeomSetRotation, with one update instead of two.
+inline void setGeomPose(dGeomID geom, const Mat<3, 1>& p, const Mat<3, 3>& R) {
+  dReal* r = const_cast<dReal*>(dGeomGetRotation(geom));
+  for (int i = 0; i < 3; ++i) {
+    r[4 * i] = R(i, 0);
+    r[4 * i + 1] = R(i, 1);
+    r[4 * i + 2] = R(i, 2);
+    r[4 * i + 3] = 0.0;
+  }
+  dGeomSetPosition(geom, p[0], p[1], p[2]);
+}
+
 // A triangle-mesh geom over caller-owned arrays (three floats per vertex, three
 // indices per triangle) that must outlive it. The geom gets its record, whose
 // userData holds the triangle data handle, also returned in `data`. Release
@@ -90,15 +106,25 @@ class SweepAndPrune {
 
  private:
   struct Entry {
-    double lo[3], hi[3];
-    double key;  // lo[0] for a bounded enabled geom, +infinity for the rest
+    double box[6];  // as the collision library gives it: x low, x high, y low, y high, z low, z high
+    double key;     // y low for a bounded enabled geom, +infinity for the rest
     uint32_t category, collide;
     uint32_t order;  // place in the list: breaks ties without pointer order
+    uint32_t kind;   // index of its (category, collide) pair
     bool unbounded, enabled;
     dGeomID geom;
   };
   std::vector<dGeomID> geoms_;
   std::vector<Entry> entries_;  // the geoms that can pair, sorted by the last step
+  // The distinct (category, collide) pairs: which of them pass the category
+  // test together (kinds x kinds), and per step how many bounded entries each
+  // has and whether it has a bounded partner. Entries of a kind without one
+  // (a robot's links that skip each other, over a ground plane) need no sweep.
+  static constexpr size_t kMaxFilteredKinds = 32;
+  size_t kinds_ = 0;
+  std::vector<uint8_t> kindsPass_;
+  std::vector<uint32_t> boundedOfKind_;
+  std::vector<uint8_t> kindHasPartner_;
   uint64_t nextJoinOrder_ = 0;
   uint64_t bitsGeneration_ = 0;
   bool dirty_ = true;

@@ -354,9 +354,7 @@ inline void placeGeom(const CollisionDefinition& d, const Mat<3, 3>& Rb, const M
   for (size_t k = 0; k < 3; ++k) p[k] += pb[k];
   Mat<3, 3> R;
   rotmatmul(Rb, d.rotOffset, R);
-  dGeomSetPosition(d.colObj, p[0], p[1], p[2]);
-  const dMatrix3 rot = {R(0, 0), R(0, 1), R(0, 2), 0.0, R(1, 0), R(1, 1), R(1, 2), 0.0, R(2, 0), R(2, 1), R(2, 2), 0.0};
-  dGeomSetRotation(d.colObj, rot);
+  setGeomPose(d.colObj, p, R);
 }
 
 }  // namespace
