@@ -78,12 +78,6 @@ void SweepAndPrune::removeObject(size_t objectIndex) {
   dirty_ = true;
 }
 
-void SweepAndPrune::clear() {
-  geoms_.clear();
-  entries_.clear();
-  dirty_ = true;
-}
-
 void SweepAndPrune::refresh() {
   bitsGeneration_ = collisionBitsGeneration();
   dirty_ = false;

@@ -94,15 +94,12 @@ class SweepAndPrune {
   // Takes out every geom whose record has this object index, in the order
   // they joined (the order in which the objects take them out of the space).
   void removeObject(size_t objectIndex);
-  void clear();
   // Whether geoms came or went, or some bits were set, since the last refresh.
   bool needsRefresh() const { return dirty_ || bitsGeneration_ != collisionBitsGeneration(); }
   void refresh();
   // Reports the pairs to the callback, in a deterministic order. The bits are
   // those read by the last refresh; enabled state and boxes are read here.
   void collide(void* data, dNearCallback* callback);
-  // The geoms, in the list's order.
-  const std::vector<dGeomID>& geoms() const { return geoms_; }
 
  private:
   struct Entry {
