@@ -1,6 +1,7 @@
 #include "vorsim/Collision.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <limits>
 #include <mutex>
@@ -35,56 +36,190 @@ dGeomID createTriMeshGeom(dSpaceID space, const std::vector<float>& vertices, co
   return geom;
 }
 
+namespace {
+std::atomic<uint64_t> bitsGeneration{1};
+}  // namespace
+
 void setCollisionBits(dGeomID geom, uint64_t collisionGroup, uint64_t collisionMask) {
   dGeomSetCategoryBits(geom, static_cast<unsigned long>(collisionGroup & 0xFFFFFFFFull));
   dGeomSetCollideBits(geom, static_cast<unsigned long>(collisionMask & 0xFFFFFFFFull));
+  bitsGeneration.fetch_add(1, std::memory_order_relaxed);
 }
 
 uint32_t getCategoryBits(dGeomID geom) { return static_cast<uint32_t>(dGeomGetCategoryBits(geom)); }
 uint32_t getCollideBits(dGeomID geom) { return static_cast<uint32_t>(dGeomGetCollideBits(geom)); }
+uint64_t collisionBitsGeneration() { return bitsGeneration.load(std::memory_order_relaxed); }
 
-void SweepAndPrune::collide(dSpaceID space, void* data, dNearCallback* callback) {
-  const int count = dSpaceGetNumGeoms(space);
-  bounded_.clear();
-  unbounded_.clear();
-  for (int i = 0; i < count; ++i) {
-    dGeomID g = dSpaceGetGeom(space, i);
-    if (!dGeomIsEnabled(g)) continue;
-    dReal box[6];
-    dGeomGetAABB(g, box);
-    // Sweep along y first, then x and z.
-    Entry e{{box[2], box[0], box[4]}, {box[3], box[1], box[5]}, getCategoryBits(g), getCollideBits(g), uint32_t(i), g};
-    const bool unbounded = std::isinf(box[0]) || std::isinf(box[1]) || std::isinf(box[2]) || std::isinf(box[3]) ||
-                           std::isinf(box[4]) || std::isinf(box[5]);
-    (unbounded ? unbounded_ : bounded_).push_back(e);
+// -------------------------------------------------------------- broad phase --
+
+void SweepAndPrune::add(dGeomID geom) {
+  GeomData& d = geomData(geom);
+  d.slot = geoms_.size();
+  d.joinOrder = nextJoinOrder_++;
+  geoms_.push_back(geom);
+  dirty_ = true;
+}
+
+void SweepAndPrune::removeObject(size_t objectIndex) {
+  std::vector<dGeomID> leaving;
+  for (dGeomID g : geoms_)
+    if (geomData(g).objectIndex == objectIndex) leaving.push_back(g);
+  std::sort(leaving.begin(), leaving.end(),
+            [](dGeomID a, dGeomID b) { return geomData(a).joinOrder < geomData(b).joinOrder; });
+  for (dGeomID g : leaving) {
+    GeomData& d = geomData(g);
+    dGeomID last = geoms_.back();
+    geoms_[d.slot] = last;
+    geomData(last).slot = d.slot;
+    geoms_.pop_back();
+    d.slot = size_t(-1);
+    d.canPair = true;
   }
-  std::sort(bounded_.begin(), bounded_.end(), [](const Entry& a, const Entry& b) {
-    return a.lo[0] < b.lo[0] || (a.lo[0] == b.lo[0] && a.order < b.order);
-  });
+  dirty_ = true;
+}
+
+void SweepAndPrune::refresh() {
+  bitsGeneration_ = collisionBitsGeneration();
+  dirty_ = false;
+  // Geoms are grouped by their (category, collide) pair; a scene has few
+  // distinct pairs, so deciding who can pair costs about one pass.
+  struct Kind {
+    uint32_t category, collide;
+    size_t count;
+    bool canPair;
+  };
+  std::vector<Kind> kinds;
+  std::vector<uint32_t> kindOf(geoms_.size());
+  for (size_t i = 0; i < geoms_.size(); ++i) {
+    const uint32_t category = getCategoryBits(geoms_[i]), collide = getCollideBits(geoms_[i]);
+    size_t k = 0;
+    while (k < kinds.size() && (kinds[k].category != category || kinds[k].collide != collide)) ++k;
+    if (k == kinds.size()) kinds.push_back({category, collide, 0, false});
+    ++kinds[k].count;
+    kindOf[i] = uint32_t(k);
+  }
+  kinds_ = kinds.size();
+  const bool keepTable = kinds_ <= kMaxFilteredKinds;
+  kindsPass_.assign(keepTable ? kinds_ * kinds_ : 0, 0);
+  for (size_t a = 0; a < kinds_; ++a)
+    for (size_t b = 0; b < kinds_; ++b) {
+      const Kind &ka = kinds[a], &kb = kinds[b];
+      const bool pass = ((ka.category & kb.collide) | (kb.category & ka.collide)) != 0;
+      if (keepTable) kindsPass_[a * kinds_ + b] = pass;
+      if (pass && (a != b || ka.count > 1)) kinds[a].canPair = true;
+    }
+  boundedOfKind_.assign(keepTable ? kinds_ : 0, 0);
+  kindHasPartner_.assign(keepTable ? kinds_ : 0, 1);
+
+  entries_.clear();
+  for (size_t i = 0; i < geoms_.size(); ++i) {
+    const Kind& k = kinds[kindOf[i]];
+    geomData(geoms_[i]).canPair = k.canPair;
+    if (!k.canPair) continue;
+    Entry e{};
+    e.category = k.category;
+    e.collide = k.collide;
+    e.order = uint32_t(i);
+    e.kind = kindOf[i];
+    e.geom = geoms_[i];
+    entries_.push_back(e);
+  }
+}
+
+namespace {
+
+template <typename Entry>
+inline bool sweepsBefore(const Entry& a, const Entry& b) {
+  return a.key < b.key || (a.key == b.key && a.order < b.order);
+}
+
+// Insertion sort, linear on the nearly sorted entries of a steady scene; when
+// the order changed much (the first step, objects placed anew) it hands over
+// to std::sort. The comparison is a total order (ties go by list place), so
+// both give the same result.
+template <typename Entry>
+void sortEntries(std::vector<Entry>& entries) {
+  const size_t n = entries.size();
+  size_t budget = 8 * n + 64;
+  for (size_t i = 1; i < n; ++i) {
+    if (!sweepsBefore(entries[i], entries[i - 1])) continue;
+    const Entry moving = entries[i];
+    size_t j = i;
+    do {
+      entries[j] = entries[j - 1];
+      --j;
+    } while (j > 0 && sweepsBefore(moving, entries[j - 1]) && --budget > 0);
+    entries[j] = moving;
+    if (budget == 0) {
+      std::sort(entries.begin(), entries.end(), sweepsBefore<Entry>);
+      return;
+    }
+  }
+}
+
+}  // namespace
+
+void SweepAndPrune::collide(void* data, dNearCallback* callback) {
+  constexpr double inf = std::numeric_limits<double>::infinity();
+  size_t bounded = 0;
+  for (Entry& e : entries_) {
+    e.enabled = dGeomIsEnabled(e.geom) != 0;
+    e.unbounded = false;
+    e.key = inf;
+    if (!e.enabled) continue;
+    dReal* box = e.box;
+    dGeomGetAABB(e.geom, box);
+    e.unbounded = std::isinf(box[0]) || std::isinf(box[1]) || std::isinf(box[2]) || std::isinf(box[3]) ||
+                  std::isinf(box[4]) || std::isinf(box[5]);
+    // A box with a NaN bound overlaps nothing in a well-defined way: it is
+    // left out, as a disabled geom is.
+    if (!e.unbounded && !std::isnan(box[2])) {
+      e.key = box[2];
+      ++bounded;
+    }
+  }
+  sortEntries(entries_);
+
+  const bool filterKinds = kinds_ <= kMaxFilteredKinds;
+  if (filterKinds) {
+    std::fill(boundedOfKind_.begin(), boundedOfKind_.end(), 0u);
+    for (size_t i = 0; i < bounded; ++i) ++boundedOfKind_[entries_[i].kind];
+    for (size_t a = 0; a < kinds_; ++a) {
+      bool partner = false;
+      for (size_t b = 0; b < kinds_ && !partner; ++b)
+        partner = kindsPass_[a * kinds_ + b] && boundedOfKind_[b] > (a == b ? 1u : 0u);
+      kindHasPartner_[a] = partner;
+    }
+  }
 
   auto passes = [](const Entry& a, const Entry& b) {
     return ((a.category & b.collide) | (b.category & a.collide)) != 0;
   };
   auto overlap = [](const Entry& a, const Entry& b) {
-    return a.lo[0] <= b.hi[0] && b.lo[0] <= a.hi[0] && a.lo[1] <= b.hi[1] && b.lo[1] <= a.hi[1] && a.lo[2] <= b.hi[2] &&
-           b.lo[2] <= a.hi[2];
+    return a.box[0] <= b.box[1] && b.box[0] <= a.box[1] && a.box[2] <= b.box[3] && b.box[2] <= a.box[3] &&
+           a.box[4] <= b.box[5] && b.box[4] <= a.box[5];
   };
 
-  const size_t n = bounded_.size();
-  for (size_t i = 0; i < n; ++i) {
-    const Entry& a = bounded_[i];
-    for (size_t j = i + 1; j < n && bounded_[j].lo[0] <= a.hi[0]; ++j) {
-      const Entry& b = bounded_[j];
-      if (b.lo[1] > a.hi[1] || a.lo[1] > b.hi[1] || b.lo[2] > a.hi[2] || a.lo[2] > b.hi[2]) continue;
+  // The bounded entries lead, sorted by their lower y bound; the others
+  // follow in list order. Sweep along y, then test x and z.
+  for (size_t i = 0; i < bounded; ++i) {
+    const Entry& a = entries_[i];
+    if (filterKinds && !kindHasPartner_[a.kind]) continue;
+    for (size_t j = i + 1; j < bounded && entries_[j].box[2] <= a.box[3]; ++j) {
+      const Entry& b = entries_[j];
+      if (b.box[0] > a.box[1] || a.box[0] > b.box[1] || b.box[4] > a.box[5] || a.box[4] > b.box[5]) continue;
       if (passes(a, b)) callback(data, a.geom, b.geom);
     }
   }
-  for (size_t u = 0; u < unbounded_.size(); ++u) {
-    const Entry& a = unbounded_[u];
-    for (const Entry& b : bounded_)
-      if (passes(a, b) && overlap(a, b)) callback(data, b.geom, a.geom);
-    for (size_t v = u + 1; v < unbounded_.size(); ++v)
-      if (passes(a, unbounded_[v]) && overlap(a, unbounded_[v])) callback(data, a.geom, unbounded_[v].geom);
+  const size_t n = entries_.size();
+  for (size_t u = bounded; u < n; ++u) {
+    const Entry& a = entries_[u];
+    if (!a.unbounded) continue;
+    for (size_t i = 0; i < bounded; ++i)
+      if (passes(a, entries_[i]) && overlap(a, entries_[i])) callback(data, entries_[i].geom, a.geom);
+    for (size_t v = u + 1; v < n; ++v)
+      if (entries_[v].unbounded && passes(a, entries_[v]) && overlap(a, entries_[v]))
+        callback(data, a.geom, entries_[v].geom);
   }
 }
 

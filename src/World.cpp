@@ -121,8 +121,21 @@ void World::integrate1() {
   for (Object* object : objects_) object->clearPerObjectContact();
   for (Object* object : objects_)
     if (object->getBodyType() == DYNAMIC) object->updateTimeStepIfNecessary(timeStep_);
-  for (Object* object : objects_)
-    if (object->getBodyType() != STATIC) object->updateCollision();
+  if (broadPhase_.needsRefresh()) refreshCollisionLayout();
+  // Robots with geoms placed on demand stand in robotsWithDeferredGeoms_ in
+  // the order of objects_.
+  size_t r = 0;
+  for (Object* object : objects_) {
+    const bool onDemand = r < robotsWithDeferredGeoms_.size() && object == robotsWithDeferredGeoms_[r];
+    r += onDemand ? 1 : 0;
+    if (object->getBodyType() == STATIC) continue;
+    if (onDemand) {
+      static_cast<ArticulatedSystem*>(object)->updateCollisionInStep();
+      deferredGeomsStale_ = true;
+    } else {
+      object->updateCollision();
+    }
+  }
   detectCollisions();
   contactProblems_.reserve(size_t(numContacts_) + 20 + wires_.size());
   generateContacts();
@@ -134,7 +147,23 @@ void World::integrate1() {
 
 void World::detectCollisions() {
   numContacts_ = 0;
-  broadPhase_.collide(collisionSpace_, this, &World::nearCallback);
+  broadPhase_.collide(this, &World::nearCallback);
+}
+
+void World::refreshCollisionLayout() {
+  broadPhase_.refresh();
+  placeDeferredGeoms();
+  robotsWithDeferredGeoms_.clear();
+  for (Object* object : objects_) {
+    auto* robot = dynamic_cast<ArticulatedSystem*>(object);
+    if (robot != nullptr && robot->splitGeomPlacement() > 0) robotsWithDeferredGeoms_.push_back(robot);
+  }
+}
+
+void World::placeDeferredGeoms() {
+  if (!deferredGeomsStale_) return;
+  for (const ArticulatedSystem* robot : robotsWithDeferredGeoms_) robot->placeDeferredGeoms();
+  deferredGeomsStale_ = false;
 }
 
 bool World::selfCollisionPairIsFull(const Object& object, size_t la, size_t lb) const {
@@ -313,6 +342,7 @@ void World::addCollisionObject(dxGeom* geom, size_t localIdx, const std::string&
   data.localIndex = localIdx;
   data.objectIndex = objects_.size() - 1;
   dSpaceAdd(collisionSpace_, geom);
+  broadPhase_.add(geom);
 }
 
 Sphere* World::addSphere(double radius, double mass, const std::string& material, size_t collisionGroup,
@@ -475,6 +505,7 @@ ArticulatedSystem* World::registerArticulatedSystem(ArticulatedSystem* system, s
     if (getCategoryBits(d.colObj) == 1u && getCollideBits(d.colObj) == 0xFFFFFFFFu)
       setCollisionBits(d.colObj, collisionGroup, collisionMask);
     dSpaceAdd(collisionSpace_, d.colObj);
+    broadPhase_.add(d.colObj);
   }
   // The robot takes the world's time step at once: inverse dynamics turns
   // contact impulses into forces with it.
@@ -545,6 +576,10 @@ void World::removeObject(Object* object) {
     }
   }
 
+  broadPhase_.removeObject(k);
+  // The list is made afresh, in the new object order, at the next step.
+  placeDeferredGeoms();
+  robotsWithDeferredGeoms_.clear();
   object->destroyCollisionBodies(collisionSpace_);
   delete object;
 
@@ -581,6 +616,7 @@ const RayCollisionList& World::rayTest(const Eigen::Vector3d& start, const Eigen
     rayContactList_.size = 0;
     return rayContactList_;
   }
+  placeDeferredGeoms();
   auto& items = rayContactList_.items;
   // Both routes below cast the same unit direction, so that they agree to the
   // last bit.

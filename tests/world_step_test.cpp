@@ -7,6 +7,8 @@
 #include "test_helpers.hpp"
 #include "vorsim/World.hpp"
 #include "vorsim/contact/Single3DContactProblem.hpp"
+#include "vorsim/object/ArticulatedSystem/ArticulatedSystem.hpp"
+#include "vorsim/object/Primitives.hpp"
 #include "vorsim/object/SingleBodyObject.hpp"
 
 using namespace vorsim;
@@ -182,4 +184,60 @@ TEST(WorldStep, ObjectTypesAndFrames) {
   EXPECT_LT((F * F.transpose() - Eigen::Matrix3d::Identity()).norm(), 1e-12);
   EXPECT_NEAR(F.determinant(), 1.0, 1e-12);
   EXPECT_LT((Eigen::Vector3d(F.row(2).transpose()) - n.e().normalized()).norm(), 1e-15);
+}
+
+TEST(WorldStep, GeomsThatCanTouchNothingStillShowTheirPoses) {
+  // World 0 holds only a robot whose geoms can pair with nothing (mask 0), so
+  // its step does not place them; in world 1 a far sphere takes the robot's
+  // group, so they are placed in every step. Poses, rays and motion must agree
+  // bit for bit, before and after a ground arrives and after it goes.
+  const std::string urdf = R"(<?xml version="1.0"?><robot name="r">
+<link name="base"><inertial><mass value="2"/><inertia ixx="0.1" iyy="0.1" izz="0.1"/></inertial>
+<collision><geometry><box size="0.4 0.3 0.2"/></geometry></collision></link>
+<joint name="j" type="revolute"><parent link="base"/><child link="arm"/><origin xyz="0.2 0 0"/><axis xyz="0 1 0"/>
+<limit lower="-3" upper="3" effort="100" velocity="100"/></joint>
+<link name="arm"><inertial><mass value="1"/><inertia ixx="0.01" iyy="0.01" izz="0.01"/></inertial>
+<collision><origin xyz="0.3 0 0"/><geometry><sphere radius="0.1"/></geometry></collision></link></robot>)";
+  World worlds[2];
+  ArticulatedSystem* robots[2];
+  for (int k = 0; k < 2; ++k) {
+    worlds[k].setTimeStep(0.002);
+    robots[k] = worlds[k].addArticulatedSystem(urdf, "", {}, 1, 0);
+    robots[k]->setGeneralizedCoordinate({0, 0, 0.6, 1, 0, 0, 0, 0.3});
+    robots[k]->setGeneralizedVelocity({0.5, 0, 0, 0, 0, 2, 1});
+  }
+  worlds[1].addSphere(0.1, 1.0)->setPosition(50, 0, 5);
+  auto rays = [&] {
+    const RayCollisionList& h0 = worlds[0].rayTest({0.7, 0, 3}, {-0.3, 0, -1}, 10.0);
+    const RayCollisionList& h1 = worlds[1].rayTest({0.7, 0, 3}, {-0.3, 0, -1}, 10.0);
+    ASSERT_EQ(h0.getNumOfHits(), 1u);
+    ASSERT_EQ(h1.getNumOfHits(), 1u);
+    EXPECT_EQ(h0[0].getObject(), robots[0]);
+    for (int c = 0; c < 3; ++c) EXPECT_EQ(h0[0].getPosition()[c], h1[0].getPosition()[c]);
+  };
+  auto poses = [&] {
+    for (size_t g = 0; g < robots[0]->getCollisionBodies().size(); ++g) {
+      dGeomID a = robots[0]->getCollisionBodies()[g].colObj, b = robots[1]->getCollisionBodies()[g].colObj;
+      for (int c = 0; c < 3; ++c) EXPECT_EQ(dGeomGetPosition(a)[c], dGeomGetPosition(b)[c]) << "geom " << g;
+      for (int c = 0; c < 12; ++c) EXPECT_EQ(dGeomGetRotation(a)[c], dGeomGetRotation(b)[c]) << "geom " << g;
+    }
+  };
+  // Either reader may come first and must find the geoms placed.
+  auto stepAndCompare = [&](int steps, bool rayFirst) {
+    for (int s = 0; s < steps; ++s)
+      for (World& w : worlds) w.integrate();
+    for (size_t i = 0; i < robots[0]->gc.size(); ++i) ASSERT_EQ(robots[0]->gc[i], robots[1]->gc[i]);
+    if (rayFirst) rays();
+    poses();
+    if (!rayFirst) rays();
+  };
+  stepAndCompare(20, true);
+  stepAndCompare(5, false);
+  // A ground brings contacts back at once.
+  for (World& w : worlds) w.addGround(0.45);
+  stepAndCompare(1, true);
+  EXPECT_GT(worlds[0].getContactProblem().size(), 0u);
+  stepAndCompare(30, false);
+  for (World& w : worlds) w.removeObject(w.getObjList().back());
+  stepAndCompare(10, true);
 }

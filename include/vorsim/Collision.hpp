@@ -25,6 +25,13 @@ struct GeomData {
   std::set<dxGeom*> ignoredGeoms;
   // Free for the owner's own data (a mesh keeps its triangle data here).
   void* userData = nullptr;
+  // Kept by the world's broad phase: the geom's place in its list, the order
+  // in which it joined, and whether some other geom of the world has bits
+  // that let the two pair (false: the geom can touch nothing and needs no
+  // pose while the world steps).
+  size_t slot = size_t(-1);
+  uint64_t joinOrder = 0;
+  bool canPair = true;
 };
 
 // Gives a freshly created geom its record; returns the geom.
@@ -34,6 +41,22 @@ inline GeomData& geomData(dGeomID geom) { return *static_cast<GeomData*>(dGeomGe
 // Frees the record and destroys the geom.
 void destroyGeom(dGeomID geom);
 
+// Puts a placeable geom that has no collision-library body and no offset at
+// position p with rotation R, marking it moved once: the rotation is written
+// where dGeomGetRotation points (the geom's own matrix), and setting the
+// position then refreshes the geom's state. The same as dGeomSetPosition and
+// dGeomSetRotation, with one update instead of two.
+inline void setGeomPose(dGeomID geom, const Mat<3, 1>& p, const Mat<3, 3>& R) {
+  dReal* r = const_cast<dReal*>(dGeomGetRotation(geom));
+  for (int i = 0; i < 3; ++i) {
+    r[4 * i] = R(i, 0);
+    r[4 * i + 1] = R(i, 1);
+    r[4 * i + 2] = R(i, 2);
+    r[4 * i + 3] = 0.0;
+  }
+  dGeomSetPosition(geom, p[0], p[1], p[2]);
+}
+
 // A triangle-mesh geom over caller-owned arrays (three floats per vertex, three
 // indices per triangle) that must outlive it. The geom gets its record, whose
 // userData holds the triangle data handle, also returned in `data`. Release
@@ -42,31 +65,66 @@ dGeomID createTriMeshGeom(dSpaceID space, const std::vector<float>& vertices, co
                           dTriMeshDataID& data);
 
 // Group and mask, cut to their low 32 bits. A pair is tested when
-// (g1.category & g2.collide) || (g2.category & g1.collide).
+// (g1.category & g2.collide) || (g2.category & g1.collide). Change the bits of
+// a geom in a world through this function (not the collision library's
+// setters): every call counts in collisionBitsGeneration, which tells the
+// worlds to look at their geoms' bits again.
 void setCollisionBits(dGeomID geom, uint64_t collisionGroup, uint64_t collisionMask);
 uint32_t getCategoryBits(dGeomID geom);
 uint32_t getCollideBits(dGeomID geom);
+// The number of setCollisionBits calls so far, in any thread.
+uint64_t collisionBitsGeneration();
 
-// Broad phase over the geoms of a space: reports every pair whose bounding
-// boxes overlap and whose bits pass the category test
-// ((g1.category & g2.collide) || (g2.category & g1.collide)). It sweeps along y,
-// then x and z, with buffers kept from step to step, so a steady scene
-// allocates nothing (the installed library's sweep-and-prune space builds its
-// pair list afresh in every call). Geoms with unbounded boxes (planes) are
-// paired with every other geom. Pairs come in a deterministic order.
+// The broad phase of a world. It keeps its own list of the world's geoms, in
+// the order the collision space lists them when nothing cleans it (a new geom
+// goes last; a removed geom's place is taken by the last one), and reports
+// every pair whose bounding boxes overlap and whose bits pass the category test
+// ((g1.category & g2.collide) || (g2.category & g1.collide)). It sweeps along
+// y, then x and z; ties in y go to the earlier geom of the list. Geoms with
+// unbounded boxes (planes) are paired with every other geom.
+//
+// refresh() reads the bits and marks each geom that no other geom's bits let
+// it pair with (GeomData::canPair false); such geoms are left out of the
+// sweep, which changes no reported pair. The entries keep the order of the
+// last step, so sorting a scene that moved a little costs one pass, and the
+// buffers stay allocated: a steady scene allocates nothing.
 class SweepAndPrune {
  public:
-  void collide(dSpaceID space, void* data, dNearCallback* callback);
+  void add(dGeomID geom);
+  // Takes out every geom whose record has this object index, in the order
+  // they joined (the order in which the objects take them out of the space).
+  void removeObject(size_t objectIndex);
+  // Whether geoms came or went, or some bits were set, since the last refresh.
+  bool needsRefresh() const { return dirty_ || bitsGeneration_ != collisionBitsGeneration(); }
+  void refresh();
+  // Reports the pairs to the callback, in a deterministic order. The bits are
+  // those read by the last refresh; enabled state and boxes are read here.
+  void collide(void* data, dNearCallback* callback);
 
  private:
   struct Entry {
-    double lo[3], hi[3];
+    double box[6];  // as the collision library gives it: x low, x high, y low, y high, z low, z high
+    double key;     // y low for a bounded enabled geom, +infinity for the rest
     uint32_t category, collide;
-    uint32_t order;  // position in the space: breaks ties without pointer order
+    uint32_t order;  // place in the list: breaks ties without pointer order
+    uint32_t kind;   // index of its (category, collide) pair
+    bool unbounded, enabled;
     dGeomID geom;
   };
-  std::vector<Entry> bounded_;
-  std::vector<Entry> unbounded_;
+  std::vector<dGeomID> geoms_;
+  std::vector<Entry> entries_;  // the geoms that can pair, sorted by the last step
+  // The distinct (category, collide) pairs: which of them pass the category
+  // test together (kinds x kinds), and per step how many bounded entries each
+  // has and whether it has a bounded partner. Entries of a kind without one
+  // (a robot's links that skip each other, over a ground plane) need no sweep.
+  static constexpr size_t kMaxFilteredKinds = 32;
+  size_t kinds_ = 0;
+  std::vector<uint8_t> kindsPass_;
+  std::vector<uint32_t> boundedOfKind_;
+  std::vector<uint8_t> kindHasPartner_;
+  uint64_t nextJoinOrder_ = 0;
+  uint64_t bitsGeneration_ = 0;
+  bool dirty_ = true;
 };
 
 // Collides a ray geom (not a member of the space) with every geom of the space

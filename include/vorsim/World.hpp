@@ -271,7 +271,13 @@ class World {
     World& world_;
   };
 
-  dSpaceID getCollisionSpace() { return collisionSpace_; }
+  // The collision space, with every geom at its pose of the last step (geoms
+  // that can touch nothing else are not placed while stepping; they are
+  // placed here, as before every ray cast).
+  dSpaceID getCollisionSpace() {
+    placeDeferredGeoms();
+    return collisionSpace_;
+  }
   // Never locked by the library; for a client's threads.
   std::mutex& getMutex() { return worldMutex_; }
 
@@ -343,6 +349,13 @@ class World {
   // The stages of a step that are the world's own work, in step order.
   // Broad and narrow phase: fills contactGeoms_ and numContacts_.
   void detectCollisions();
+  // After geoms came or went or bits changed: the broad phase decides which
+  // geoms can pair at all, and each robot splits its geoms into those placed
+  // every step and those placed on demand.
+  void refreshCollisionLayout();
+  // Places the robots' on-demand geoms at the poses of the last step, for
+  // everything that reads geom poses outside the step (rays, the space).
+  void placeDeferredGeoms();
   // Per collision point: the filters, a Contact on each non-static side and one
   // problem with the material pair's numbers.
   void generateContacts();
@@ -381,6 +394,8 @@ class World {
   RayCollisionList rayContactList_;
   std::mutex worldMutex_;
   SweepAndPrune broadPhase_;
+  std::vector<ArticulatedSystem*> robotsWithDeferredGeoms_;  // robots with geoms placed on demand
+  bool deferredGeomsStale_ = false;                          // which have moved since placed
   contact::WarmStartCache warmStartCache_;
   size_t warmStartedProblems_ = 0;
   RayScene rayScene_;  // the snapshot of the open RayBatch

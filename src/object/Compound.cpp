@@ -82,12 +82,10 @@ void Compound::updateCollision() {
     if (geoms[i] == nullptr) continue;
     Mat<3, 1> p;
     matvecmul(R, children[i].position, p);
-    dGeomSetPosition(geoms[i], p[0] + position_[0], p[1] + position_[1], p[2] + position_[2]);
+    for (size_t k = 0; k < 3; ++k) p[k] += position_[k];
     Mat<3, 3> Rc;
     matmul(R, children[i].rotation, Rc);
-    dMatrix3 rot = {Rc(0, 0), Rc(0, 1), Rc(0, 2), 0.0,      Rc(1, 0), Rc(1, 1),
-                    Rc(1, 2), 0.0,      Rc(2, 0), Rc(2, 1), Rc(2, 2), 0.0};
-    dGeomSetRotation(geoms[i], rot);
+    setGeomPose(geoms[i], p, Rc);
   }
 }
 

@@ -70,10 +70,7 @@ SingleBodyObject::~SingleBodyObject() { destroyGeom(collisionObject_); }
 
 void SingleBodyObject::updateCollision() {
   collisionCenter_ = position_;
-  dGeomSetPosition(collisionObject_, collisionCenter_[0], collisionCenter_[1], collisionCenter_[2]);
-  const Mat<3, 3>& R = rotationMatrix_;
-  dMatrix3 rot = {R(0, 0), R(0, 1), R(0, 2), 0.0, R(1, 0), R(1, 1), R(1, 2), 0.0, R(2, 0), R(2, 1), R(2, 2), 0.0};
-  dGeomSetRotation(collisionObject_, rot);
+  setGeomPose(collisionObject_, collisionCenter_, rotationMatrix_);
 }
 
 void SingleBodyObject::destroyCollisionBodies(dxSpace* space) {

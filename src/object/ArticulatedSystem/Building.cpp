@@ -345,20 +345,55 @@ void Child::initVisuals(std::vector<VisObject>& visualList) {
   for (Child& c : child) c.initVisuals(visualList);
 }
 
+namespace {
+
+// Puts a geom at the pose of its body (rotation Rb, origin pb) times its offset.
+inline void placeGeom(const CollisionDefinition& d, const Mat<3, 3>& Rb, const Mat<3, 1>& pb) {
+  Mat<3, 1> p;
+  matvecmul(Rb, d.posOffset, p);
+  for (size_t k = 0; k < 3; ++k) p[k] += pb[k];
+  Mat<3, 3> R;
+  rotmatmul(Rb, d.rotOffset, R);
+  setGeomPose(d.colObj, p, R);
+}
+
+}  // namespace
+
 void ArticulatedSystem::updateCollision() {
   limitProblemLog.clear();
-  for (const CollisionDefinition& d : collisionDefinitions) {
-    const size_t b = d.localIdx;
-    Mat<3, 1> p;
-    matvecmul(rotW[b], d.posOffset, p);
-    for (size_t k = 0; k < 3; ++k) p[k] += posW[b][k];
-    Mat<3, 3> R;
-    rotmatmul(rotW[b], d.rotOffset, R);
-    dGeomSetPosition(d.colObj, p[0], p[1], p[2]);
-    const dMatrix3 rot = {R(0, 0), R(0, 1), R(0, 2), 0.0,     R(1, 0), R(1, 1),
-                          R(1, 2), 0.0,     R(2, 0), R(2, 1), R(2, 2), 0.0};
-    dGeomSetRotation(d.colObj, rot);
+  for (const CollisionDefinition& d : collisionDefinitions) placeGeom(d, rotW[d.localIdx], posW[d.localIdx]);
+  onDemandGeomsStale_ = false;
+}
+
+void ArticulatedSystem::updateCollisionInStep() {
+  limitProblemLog.clear();
+  for (uint32_t i : geomsPlacedEachStep_) {
+    const CollisionDefinition& d = collisionDefinitions[i];
+    placeGeom(d, rotW[d.localIdx], posW[d.localIdx]);
   }
+  // Same sizes from step to step: the copies allocate nothing.
+  onDemandRotW_ = rotW;
+  onDemandPosW_ = posW;
+  onDemandGeomsStale_ = true;
+}
+
+size_t ArticulatedSystem::splitGeomPlacement() {
+  placeDeferredGeoms();
+  geomsPlacedEachStep_.clear();
+  geomsPlacedOnDemand_.clear();
+  for (size_t i = 0; i < collisionDefinitions.size(); ++i)
+    (geomData(collisionDefinitions[i].colObj).canPair ? geomsPlacedEachStep_ : geomsPlacedOnDemand_)
+        .push_back(uint32_t(i));
+  return geomsPlacedOnDemand_.size();
+}
+
+void ArticulatedSystem::placeDeferredGeoms() const {
+  if (!onDemandGeomsStale_) return;
+  for (uint32_t i : geomsPlacedOnDemand_) {
+    const CollisionDefinition& d = collisionDefinitions[i];
+    placeGeom(d, onDemandRotW_[d.localIdx], onDemandPosW_[d.localIdx]);
+  }
+  onDemandGeomsStale_ = false;
 }
 
 void ArticulatedSystem::destroyCollisionBodies(dxSpace* space) {

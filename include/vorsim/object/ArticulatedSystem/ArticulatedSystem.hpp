@@ -150,6 +150,17 @@ class ArticulatedSystem : public Object {
   // Moves every geom to its body's pose (with the collision library's setters,
   // so that bounding boxes follow).
   void updateCollision() override;
+  // Reads GeomData::canPair of every geom (set by the world's broad phase) and
+  // splits the geoms into those placed in every step and those placed on
+  // demand; returns how many are placed on demand. Geoms waiting for their
+  // pose get it first.
+  size_t splitGeomPlacement();
+  // The world's placement in a step once some geoms are placed on demand: the
+  // others are moved, and the bodies' poses are kept for the on-demand ones.
+  void updateCollisionInStep();
+  // Moves the on-demand geoms to the poses kept by the last
+  // updateCollisionInStep, if they are not there yet.
+  void placeDeferredGeoms() const;
   void preContactSolverUpdate1(const Mat<3, 1>& gravity, double dt) override;
   void preContactSolverUpdate2(const Mat<3, 1>& gravity, double dt, ContactProblemList& problems) override;
   void integrate(double dt, World& world) override;
@@ -387,7 +398,11 @@ class ArticulatedSystem : public Object {
   const std::vector<std::string>& getMovableJointNames() const { return movableJointNames; }
   const std::vector<CoordinateFrame>& getFrames() const { return frames; }
   std::vector<CoordinateFrame>& getFrames() { return frames; }
-  const std::vector<CollisionDefinition>& getCollisionBodies() const { return collisionDefinitions; }
+  // The geoms, each at its pose of the last placement.
+  const std::vector<CollisionDefinition>& getCollisionBodies() const {
+    placeDeferredGeoms();
+    return collisionDefinitions;
+  }
   const std::vector<VisObject>& getVisColOb() const { return visColObj; }
   const std::vector<VisObject>& getVisOb() const { return visObj; }
   const SensorMap& getSensors() const { return sensorMap; }
@@ -439,6 +454,13 @@ class ArticulatedSystem : public Object {
   // Frames and geometry.
   std::vector<CoordinateFrame> frames;
   std::vector<CollisionDefinition> collisionDefinitions;
+  // The split of collisionDefinitions made by splitGeomPlacement, and for the
+  // on-demand geoms the body poses of the last updateCollisionInStep.
+  std::vector<uint32_t> geomsPlacedEachStep_;
+  std::vector<uint32_t> geomsPlacedOnDemand_;
+  std::vector<Mat<3, 3>> onDemandRotW_;
+  std::vector<Mat<3, 1>> onDemandPosW_;
+  mutable bool onDemandGeomsStale_ = false;
   std::vector<VisObject> visColObj;  // one per collision definition, same index
   std::vector<VisObject> visObj;     // the model's visuals
   std::vector<dTriMeshDataID> meshData;
