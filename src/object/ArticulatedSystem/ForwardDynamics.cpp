@@ -9,7 +9,6 @@
 // classical accelerations (those of the body origin). It runs in a freely
 // falling frame: the root of a fixed base accelerates at -gravity, and a
 // floating base gets gravity back only in its final acceleration.
-#include "skewProducts.hpp"
 #include "vorsim/VorSimMsg.hpp"
 #include "vorsim/World.hpp"
 #include "vorsim/object/ArticulatedSystem/ArticulatedSystem.hpp"
@@ -17,9 +16,6 @@
 namespace vorsim {
 
 namespace {
-
-using internal::skewTimes;
-using internal::timesSkew;
 
 using Vec3 = Eigen::Vector3d;
 using Vec6 = Eigen::Matrix<double, 6, 1>;
@@ -32,13 +28,30 @@ inline Mat3 skew(const Vec3& v) {
   return s;
 }
 
-// The rigid spatial inertia of one body about its origin, c the centre of mass
-// relative to the origin and J the inertia about the origin.
-inline void rigidInertia(double m, const Mat3& cSkew, const Mat3& J, Mat6& M) {
-  M.topLeftCorner<3, 3>() = m * Mat3::Identity();
-  M.topRightCorner<3, 3>() = -m * cSkew;
-  M.bottomLeftCorner<3, 3>() = m * cSkew;
-  M.bottomRightCorner<3, 3>() = J;
+// The lower triangle of the rigid spatial inertia of one body about its
+// origin: m 1, m skew(c) below it and J, with c the centre of mass relative to
+// the origin and J the inertia about the origin.
+inline void rigidInertiaLower(double m, const Vec3& c, const Mat3& J, Mat6& M) {
+  for (int j = 0; j < 3; ++j)
+    for (int i = j; i < 3; ++i) {
+      M(i, j) = i == j ? m : 0.0;
+      M(i + 3, j + 3) = J(i, j);
+    }
+  M(3, 0) = 0.0;
+  M(4, 0) = m * c(2);
+  M(5, 0) = -m * c(1);
+  M(3, 1) = -m * c(2);
+  M(4, 1) = 0.0;
+  M(5, 1) = m * c(0);
+  M(3, 2) = m * c(1);
+  M(4, 2) = -m * c(0);
+  M(5, 2) = 0.0;
+}
+
+// Copies the lower triangle of a symmetric matrix into its upper one.
+inline void mirrorLower(Mat6& M) {
+  for (int j = 1; j < 6; ++j)
+    for (int i = 0; i < j; ++i) M(i, j) = M(j, i);
 }
 
 inline Vec6 motionColumn(const Vec3& linear, const Vec3& angular) {
@@ -97,16 +110,30 @@ void ArticulatedSystem::shiftMotionFromParent(size_t b, Vec6& a) const {
   a.head<3>() += a.tail<3>().cross(r);
 }
 
-void ArticulatedSystem::shiftInertiaToParent(size_t b, Mat6& I) const {
-  // X^T I X with X = [1, -S; 0, 1], S = skew(relPosW[b]), in 3x3 blocks.
+void ArticulatedSystem::addInertiaToParent(size_t b, const Mat6& I, Mat6& sum) const {
+  // X^T I X with X = [1, -S; 0, 1], S = skew(relPosW[b]), on the lower
+  // blocks A (top left), C (bottom left) and D (bottom right) of I:
+  // A stays, C becomes C + S A and D becomes D - C S + S (C + S A)^T.
   const Vec3 r = relPosW[b].e();
-  const Mat3 A = I.topLeftCorner<3, 3>();
-  const Mat3 B = I.topRightCorner<3, 3>();
-  const Mat3 top = B - timesSkew(A, r);
-  const Mat3 bottom = I.bottomRightCorner<3, 3>() - timesSkew(B.transpose(), r) + skewTimes(r, top);
-  I.topRightCorner<3, 3>() = top;
-  I.bottomLeftCorner<3, 3>() = top.transpose();
-  I.bottomRightCorner<3, 3>() = bottom;
+  Mat3 C;
+  const Vec3 A0(I(0, 0), I(1, 0), I(2, 0)), A1(I(1, 0), I(1, 1), I(2, 1)), A2(I(2, 0), I(2, 1), I(2, 2));
+  C.col(0) = I.block<3, 1>(3, 0) + r.cross(A0);
+  C.col(1) = I.block<3, 1>(3, 1) + r.cross(A1);
+  C.col(2) = I.block<3, 1>(3, 2) + r.cross(A2);
+  // Row k of -C S is (r x c_k)^T, c_k the old row k of C; entry (i, j) of
+  // S C'^T is (r x c'_j)_i, c'_j the new row j.
+  Mat3 minusCS, SCt;
+  for (int k = 0; k < 3; ++k) {
+    minusCS.row(k) = r.cross(Vec3(I.block<1, 3>(3 + k, 0).transpose())).transpose();
+    SCt.col(k) = r.cross(Vec3(C.row(k).transpose()));
+  }
+  for (int j = 0; j < 3; ++j) {
+    for (int i = j; i < 3; ++i) {
+      sum(i, j) += I(i, j);
+      sum(3 + i, 3 + j) += I(3 + i, 3 + j) + minusCS(i, j) + SCt(i, j);
+    }
+    for (int i = 0; i < 3; ++i) sum(3 + i, j) += C(i, j);
+  }
 }
 
 // ---------------------------------------------------- articulated-body algorithm --
@@ -185,32 +212,36 @@ void ArticulatedSystem::abaBackwardBody(size_t b) {
   Mat<3, 3> inertiaAtOrigin;
   inertiaAtP(m, inertiaW[b], comRelW[b], inertiaAtOrigin);
   const Mat3 J = inertiaAtOrigin.e();
-  comSkew[b] = skew(c);
-  rigidInertia(m, comSkew[b].e(), J, d.articulatedInertia);
+  Mat6& M = d.articulatedInertia;
+  rigidInertiaLower(m, c, J, M);
   d.biasForce << m * w.cross(w.cross(c)), w.cross(J * w);
 
   // Each child hands over its inertia with its joint removed and its bias,
-  // both moved to this origin.
+  // both moved to this origin. With U = M_A S of the child's joint and its
+  // scaled force, the bias is p_A + M_A c + U scaledForce: the removed part
+  // U D^-1 U^T c is in the scaled force.
   for (size_t ch : children[b]) {
     const AbaData& dc = abaData[ch];
-    Mat6 Ia;
-    Vec6 pa;
+    const Mat6& Mc = dc.articulatedInertia;
+    Mat6 Ia;  // lower triangle only
+    Vec6 pa = dc.biasForce;
+    pa.noalias() += Mc * dc.c;
     if (jointType[ch] == Joint::SPHERICAL) {
       const AbaData3& d3 = abaData3[ch];
-      const size_t g = gvIdx[ch];
-      Ia.noalias() = dc.articulatedInertia - d3.UDinv * d3.U.transpose();
-      const Vec3 u = Vec3(actuation[g], actuation[g + 1], actuation[g + 2]) - d3.S.transpose() * dc.biasForce;
-      pa.noalias() = dc.biasForce + Ia * dc.c + d3.UDinv * u;
+      Ia.noalias() = Mc - d3.UDinv * d3.U.transpose();
+      pa.noalias() += d3.U * d3.scaledForce;
     } else {
-      Ia.noalias() = dc.articulatedInertia - dc.UDinv * dc.U.transpose();
-      const double u = actuation[gvIdx[ch]] - dc.S.dot(dc.biasForce);
-      pa.noalias() = dc.biasForce + Ia * dc.c + dc.UDinv * u;
+      const double* U = dc.U.data();
+      const double* V = dc.UDinv.data();
+      for (int j = 0; j < 6; ++j)
+        for (int i = j; i < 6; ++i) Ia(i, j) = Mc(i, j) - V[i] * U[j];
+      pa += dc.U * dc.scaledForce;
     }
-    shiftInertiaToParent(ch, Ia);
+    addInertiaToParent(ch, Ia, M);
     shiftForceToParent(ch, pa);
-    d.articulatedInertia += Ia;
     d.biasForce += pa;
   }
+  mirrorLower(M);
 
   if (b == 0) return;  // the root's coordinates are taken by abaRoot
 
