@@ -54,12 +54,6 @@ inline void mirrorLower(Mat6& M) {
     for (int i = 0; i < j; ++i) M(i, j) = M(j, i);
 }
 
-inline Vec6 motionColumn(const Vec3& linear, const Vec3& angular) {
-  Vec6 s;
-  s << linear, angular;
-  return s;
-}
-
 // The inverse of a symmetric positive definite 6x6 matrix by its Cholesky
 // factor L L^T: L^-T L^-1. No pivoting and no checks.
 inline void choleskyInverse(const Mat6& A, Mat6& inverse) {
@@ -224,22 +218,31 @@ void ArticulatedSystem::abaBackwardBody(size_t b) {
     const AbaData& dc = abaData[ch];
     const Mat6& Mc = dc.articulatedInertia;
     Mat6 Ia;  // lower triangle only
-    Vec6 pa = dc.biasForce;
-    pa.noalias() += Mc * dc.c;
+    double p[6];
+    for (int i = 0; i < 6; ++i) {
+      double s = Mc(i, 0) * dc.c(0);
+      for (int k = 1; k < 6; ++k) s += Mc(i, k) * dc.c(k);
+      p[i] = dc.biasForce(i) + s;
+    }
     if (jointType[ch] == Joint::SPHERICAL) {
       const AbaData3& d3 = abaData3[ch];
       Ia.noalias() = Mc - d3.UDinv * d3.U.transpose();
-      pa.noalias() += d3.U * d3.scaledForce;
+      const Vec6 Uf = d3.U * d3.scaledForce;
+      for (int i = 0; i < 6; ++i) p[i] += Uf(i);
     } else {
       const double* U = dc.U.data();
       const double* V = dc.UDinv.data();
       for (int j = 0; j < 6; ++j)
         for (int i = j; i < 6; ++i) Ia(i, j) = Mc(i, j) - V[i] * U[j];
-      pa += dc.U * dc.scaledForce;
+      for (int i = 0; i < 6; ++i) p[i] += U[i] * dc.scaledForce;
     }
     addInertiaToParent(ch, Ia, M);
-    shiftForceToParent(ch, pa);
-    d.biasForce += pa;
+    // The moment about this origin (shiftForceToParent, in scalars).
+    const Vec3 r = relPosW[ch].e();
+    p[3] += r(1) * p[2] - r(2) * p[1];
+    p[4] += r(2) * p[0] - r(0) * p[2];
+    p[5] += r(0) * p[1] - r(1) * p[0];
+    for (int i = 0; i < 6; ++i) d.biasForce(i) += p[i];
   }
   mirrorLower(M);
 
@@ -254,26 +257,35 @@ void ArticulatedSystem::abaBackwardBody(size_t b) {
   switch (jointType[b]) {
     case Joint::REVOLUTE:
     case Joint::PRISMATIC: {
-      if (jointType[b] == Joint::REVOLUTE) {
-        d.S = motionColumn(Vec3::Zero(), a);
-        d.Sdot = motionColumn(Vec3::Zero(), w.cross(a));
-      } else {
-        d.S = motionColumn(a, Vec3::Zero());
-        d.Sdot = motionColumn(w.cross(a), Vec3::Zero());
+      // S has one nonzero half, h: the angular one of a revolute joint. U
+      // takes three columns of M_A; the sums run in scalars.
+      const int h = jointType[b] == Joint::REVOLUTE ? 3 : 0;
+      const Vec3 wa = w.cross(a);
+      d.S.setZero();
+      d.Sdot.setZero();
+      for (int k = 0; k < 3; ++k) {
+        d.S(h + k) = a(k);
+        d.Sdot(h + k) = wa(k);
       }
-      // S has one nonzero half: U takes three columns of M_A.
-      const bool revolute = jointType[b] == Joint::REVOLUTE;
-      if (revolute)
-        d.U.noalias() = d.articulatedInertia.rightCols<3>() * a;
-      else
-        d.U.noalias() = d.articulatedInertia.leftCols<3>() * a;
-      const double StU = revolute ? a.dot(d.U.tail<3>()) : a.dot(d.U.head<3>());
-      const double Stp = revolute ? a.dot(d.biasForce.tail<3>()) : a.dot(d.biasForce.head<3>());
-      d.Dinv = 1.0 / (StU + dampedDiag[g] + rotorInertiaGv[g]);
-      d.UDinv = d.U * d.Dinv;
-      d.c = d.Sdot * gv[g];
-      d.c.head<3>() += carried;
-      d.scaledForce = d.Dinv * (actuation[g] - Stp - d.U.dot(d.c));
+      const Mat6& M = d.articulatedInertia;
+      const double qd = gv[g];
+      double U[6], cv[6];
+      for (int i = 0; i < 6; ++i) {
+        U[i] = M(i, h) * a(0) + M(i, h + 1) * a(1) + M(i, h + 2) * a(2);
+        cv[i] = d.Sdot(i) * qd + (i < 3 ? carried(i) : 0.0);
+      }
+      const double StU = a(0) * U[h] + a(1) * U[h + 1] + a(2) * U[h + 2];
+      const double Stp = a(0) * d.biasForce(h) + a(1) * d.biasForce(h + 1) + a(2) * d.biasForce(h + 2);
+      double Uc = U[0] * cv[0];
+      for (int i = 1; i < 6; ++i) Uc += U[i] * cv[i];
+      const double Dinv = 1.0 / (StU + dampedDiag[g] + rotorInertiaGv[g]);
+      for (int i = 0; i < 6; ++i) {
+        d.U(i) = U[i];
+        d.UDinv(i) = U[i] * Dinv;
+        d.c(i) = cv[i];
+      }
+      d.Dinv = Dinv;
+      d.scaledForce = Dinv * (actuation[g] - Stp - Uc);
       break;
     }
     case Joint::SPHERICAL: {
@@ -339,9 +351,11 @@ void ArticulatedSystem::abaForwardBody(size_t b) {
     for (size_t k = 0; k < 3; ++k) ga[g + k] = qdd(Eigen::Index(k));
     d.a.noalias() = ap + d.c + d3.S * qdd;
   } else if (jointType[b] == Joint::REVOLUTE || jointType[b] == Joint::PRISMATIC) {
-    const double qdd = d.scaledForce - d.UDinv.dot(ap);
+    double Va = d.UDinv(0) * ap(0);
+    for (int i = 1; i < 6; ++i) Va += d.UDinv(i) * ap(i);
+    const double qdd = d.scaledForce - Va;
     ga[g] = qdd;
-    d.a.noalias() = ap + d.c + d.S * qdd;
+    for (int i = 0; i < 6; ++i) d.a(i) = ap(i) + d.c(i) + d.S(i) * qdd;
   } else {
     d.a = ap;
   }
