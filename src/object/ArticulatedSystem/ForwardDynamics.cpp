@@ -31,20 +31,20 @@ inline Mat3 skew(const Vec3& v) {
 // The lower triangle of the rigid spatial inertia of one body about its
 // origin: m 1, m skew(c) below it and J, with c the centre of mass relative to
 // the origin and J the inertia about the origin.
-inline void rigidInertiaLower(double m, const Vec3& c, const Mat3& J, Mat6& M) {
+inline void rigidInertiaLower(double m, const Mat<3, 1>& c, const Mat<3, 3>& J, Mat6& M) {
   for (int j = 0; j < 3; ++j)
     for (int i = j; i < 3; ++i) {
       M(i, j) = i == j ? m : 0.0;
       M(i + 3, j + 3) = J(i, j);
     }
   M(3, 0) = 0.0;
-  M(4, 0) = m * c(2);
-  M(5, 0) = -m * c(1);
-  M(3, 1) = -m * c(2);
+  M(4, 0) = m * c[2];
+  M(5, 0) = -m * c[1];
+  M(3, 1) = -m * c[2];
   M(4, 1) = 0.0;
-  M(5, 1) = m * c(0);
-  M(3, 2) = m * c(1);
-  M(4, 2) = -m * c(0);
+  M(5, 1) = m * c[0];
+  M(3, 2) = m * c[1];
+  M(4, 2) = -m * c[0];
   M(5, 2) = 0.0;
 }
 
@@ -52,6 +52,43 @@ inline void rigidInertiaLower(double m, const Vec3& c, const Mat3& J, Mat6& M) {
 inline void mirrorLower(Mat6& M) {
   for (int j = 1; j < 6; ++j)
     for (int i = 0; i < j; ++i) M(i, j) = M(j, i);
+}
+
+// The joint terms of a one-dof joint at its body's origin, from the body's
+// articulated inertia and bias in d: S and its rate, U = M_A S, D^-1, the
+// velocity-product acceleration c and the scaled force. S has its axis in
+// one half, H: the angular one (3) of a revolute joint, the linear one (0) of
+// a prismatic joint; the sums run in scalars over that half. carried is what
+// the origin gains from the parent's turn, diagonal the joint's damping and
+// rotor terms.
+template <int H>
+inline void oneDofJointTerms(const Mat<3, 1>& axis, const Mat<3, 1>& w, const double carried[3], double qd,
+                             double diagonal, double tau, ArticulatedSystem::AbaData& d) {
+  const Mat6& M = d.articulatedInertia;
+  Mat<3, 1> wa;
+  cross(w, axis, wa);
+  double cv[6] = {carried[0], carried[1], carried[2], 0.0, 0.0, 0.0};
+  for (int k = 0; k < 3; ++k) {
+    d.S(k) = d.S(3 + k) = d.Sdot(k) = d.Sdot(3 + k) = 0.0;
+    d.S(H + k) = axis[size_t(k)];
+    d.Sdot(H + k) = wa[size_t(k)];
+    // c = Sdot qd, plus carried on the linear half.
+    cv[H + k] = H == 0 ? wa[size_t(k)] * qd + carried[k] : wa[size_t(k)] * qd;
+  }
+  double U[6];
+  for (int i = 0; i < 6; ++i) U[i] = M(i, H) * axis[0] + M(i, H + 1) * axis[1] + M(i, H + 2) * axis[2];
+  const double StU = axis[0] * U[H] + axis[1] * U[H + 1] + axis[2] * U[H + 2];
+  const double Stp = axis[0] * d.biasForce(H) + axis[1] * d.biasForce(H + 1) + axis[2] * d.biasForce(H + 2);
+  double Uc = U[0] * cv[0];
+  for (int i = 1; i < 6; ++i) Uc += U[i] * cv[i];
+  const double Dinv = 1.0 / (StU + diagonal);
+  for (int i = 0; i < 6; ++i) {
+    d.U(i) = U[i];
+    d.UDinv(i) = U[i] * Dinv;
+    d.c(i) = cv[i];
+  }
+  d.Dinv = Dinv;
+  d.scaledForce = Dinv * (tau - Stp - Uc);
 }
 
 // The inverse of a symmetric positive definite 6x6 matrix by its Cholesky
@@ -107,26 +144,27 @@ void ArticulatedSystem::shiftMotionFromParent(size_t b, Vec6& a) const {
 void ArticulatedSystem::addInertiaToParent(size_t b, const Mat6& I, Mat6& sum) const {
   // X^T I X with X = [1, -S; 0, 1], S = skew(relPosW[b]), on the lower
   // blocks A (top left), C (bottom left) and D (bottom right) of I:
-  // A stays, C becomes C + S A and D becomes D - C S + S (C + S A)^T.
-  const Vec3 r = relPosW[b].e();
-  Mat3 C;
-  const Vec3 A0(I(0, 0), I(1, 0), I(2, 0)), A1(I(1, 0), I(1, 1), I(2, 1)), A2(I(2, 0), I(2, 1), I(2, 2));
-  C.col(0) = I.block<3, 1>(3, 0) + r.cross(A0);
-  C.col(1) = I.block<3, 1>(3, 1) + r.cross(A1);
-  C.col(2) = I.block<3, 1>(3, 2) + r.cross(A2);
-  // Row k of -C S is (r x c_k)^T, c_k the old row k of C; entry (i, j) of
-  // S C'^T is (r x c'_j)_i, c'_j the new row j.
-  Mat3 minusCS, SCt;
-  for (int k = 0; k < 3; ++k) {
-    minusCS.row(k) = r.cross(Vec3(I.block<1, 3>(3 + k, 0).transpose())).transpose();
-    SCt.col(k) = r.cross(Vec3(C.row(k).transpose()));
+  // A stays, C becomes C' = C + S A and D becomes D - C S + S C'^T. Entry
+  // (i, j) of -C S is (r x c_i)_j and that of S C'^T is (r x c'_j)_i, c_i
+  // and c'_j rows of C and C'. All in scalars.
+  const Mat<3, 1>& r = relPosW[b];
+  const double A[3][3] = {{I(0, 0), I(1, 0), I(2, 0)}, {I(1, 0), I(1, 1), I(2, 1)}, {I(2, 0), I(2, 1), I(2, 2)}};
+  double C[3][3], Cn[3][3];
+  for (int j = 0; j < 3; ++j) {
+    for (int i = 0; i < 3; ++i) C[i][j] = I(3 + i, j);
+    Cn[0][j] = C[0][j] + (r[1] * A[2][j] - r[2] * A[1][j]);
+    Cn[1][j] = C[1][j] + (r[2] * A[0][j] - r[0] * A[2][j]);
+    Cn[2][j] = C[2][j] + (r[0] * A[1][j] - r[1] * A[0][j]);
   }
+  auto crossEntry = [&r](const double* v, int k) {
+    return k == 0 ? r[1] * v[2] - r[2] * v[1] : k == 1 ? r[2] * v[0] - r[0] * v[2] : r[0] * v[1] - r[1] * v[0];
+  };
   for (int j = 0; j < 3; ++j) {
     for (int i = j; i < 3; ++i) {
       sum(i, j) += I(i, j);
-      sum(3 + i, 3 + j) += I(3 + i, 3 + j) + minusCS(i, j) + SCt(i, j);
+      sum(3 + i, 3 + j) += I(3 + i, 3 + j) + crossEntry(C[i], j) + crossEntry(Cn[j], i);
     }
-    for (int i = 0; i < 3; ++i) sum(3 + i, j) += C(i, j);
+    for (int i = 0; i < 3; ++i) sum(3 + i, j) += Cn[i][j];
   }
 }
 
@@ -201,14 +239,22 @@ void ArticulatedSystem::addLoadForces(VecDyn& tau) const {
 void ArticulatedSystem::abaBackwardBody(size_t b) {
   AbaData& d = abaData[b];
   const double m = massOf[b];
-  const Vec3 c = comRelW[b].e();
-  const Vec3 w = angVelW[b].e();
-  Mat<3, 3> inertiaAtOrigin;
-  inertiaAtP(m, inertiaW[b], comRelW[b], inertiaAtOrigin);
-  const Mat3 J = inertiaAtOrigin.e();
+  const Mat<3, 1>& c = comRelW[b];
+  const Mat<3, 1>& w = angVelW[b];
+  Mat<3, 3> J;
+  inertiaAtP(m, inertiaW[b], c, J);
   Mat6& M = d.articulatedInertia;
   rigidInertiaLower(m, c, J, M);
-  d.biasForce << m * w.cross(w.cross(c)), w.cross(J * w);
+  // The bias of the body alone: m w x (w x c) and w x (J w), in scalars.
+  Mat<3, 1> wc, wwc, Jw, wJw;
+  cross(w, c, wc);
+  cross(w, wc, wwc);
+  matvecmul(J, w, Jw);
+  cross(w, Jw, wJw);
+  for (int k = 0; k < 3; ++k) {
+    d.biasForce(k) = m * wwc[size_t(k)];
+    d.biasForce(3 + k) = wJw[size_t(k)];
+  }
 
   // Each child hands over its inertia with its joint removed and its bias,
   // both moved to this origin. With U = M_A S of the child's joint and its
@@ -251,50 +297,29 @@ void ArticulatedSystem::abaBackwardBody(size_t b) {
   // Joint terms at this origin. c is the velocity-product acceleration: what
   // the body's origin and rotation gain from the velocities alone.
   const size_t p = parent[b], g = gvIdx[b];
-  const Vec3 wp = angVelW[p].e();
-  const Vec3 carried = wp.cross(linVelW[b].e() - linVelW[p].e());
-  const Vec3 a = axisW[b].e();
   switch (jointType[b]) {
     case Joint::REVOLUTE:
     case Joint::PRISMATIC: {
-      // S has one nonzero half, h: the angular one of a revolute joint. U
-      // takes three columns of M_A; the sums run in scalars.
-      const int h = jointType[b] == Joint::REVOLUTE ? 3 : 0;
-      const Vec3 wa = w.cross(a);
-      d.S.setZero();
-      d.Sdot.setZero();
-      for (int k = 0; k < 3; ++k) {
-        d.S(h + k) = a(k);
-        d.Sdot(h + k) = wa(k);
-      }
-      const Mat6& M = d.articulatedInertia;
-      const double qd = gv[g];
-      double U[6], cv[6];
-      for (int i = 0; i < 6; ++i) {
-        U[i] = M(i, h) * a(0) + M(i, h + 1) * a(1) + M(i, h + 2) * a(2);
-        cv[i] = d.Sdot(i) * qd + (i < 3 ? carried(i) : 0.0);
-      }
-      const double StU = a(0) * U[h] + a(1) * U[h + 1] + a(2) * U[h + 2];
-      const double Stp = a(0) * d.biasForce(h) + a(1) * d.biasForce(h + 1) + a(2) * d.biasForce(h + 2);
-      double Uc = U[0] * cv[0];
-      for (int i = 1; i < 6; ++i) Uc += U[i] * cv[i];
-      const double Dinv = 1.0 / (StU + dampedDiag[g] + rotorInertiaGv[g]);
-      for (int i = 0; i < 6; ++i) {
-        d.U(i) = U[i];
-        d.UDinv(i) = U[i] * Dinv;
-        d.c(i) = cv[i];
-      }
-      d.Dinv = Dinv;
-      d.scaledForce = Dinv * (actuation[g] - Stp - Uc);
+      // What the origin gains from the parent's turn.
+      const Mat<3, 1>& wp = angVelW[p];
+      const double dv0 = linVelW[b][0] - linVelW[p][0], dv1 = linVelW[b][1] - linVelW[p][1],
+                   dv2 = linVelW[b][2] - linVelW[p][2];
+      const double carried[3] = {wp[1] * dv2 - wp[2] * dv1, wp[2] * dv0 - wp[0] * dv2, wp[0] * dv1 - wp[1] * dv0};
+      const double diagonal = dampedDiag[g] + rotorInertiaGv[g];
+      if (jointType[b] == Joint::REVOLUTE)
+        oneDofJointTerms<3>(axisW[b], w, carried, gv[g], diagonal, actuation[g], d);
+      else
+        oneDofJointTerms<0>(axisW[b], w, carried, gv[g], diagonal, actuation[g], d);
       break;
     }
     case Joint::SPHERICAL: {
       AbaData3& d3 = abaData3[b];
+      const Vec3 carried = angVelW[p].e().cross(linVelW[b].e() - linVelW[p].e());
       const Mat3 R = rotW[b].e();
       d3.S.topRows<3>().setZero();
       d3.S.bottomRows<3>() = R;
       d3.Sdot.topRows<3>().setZero();
-      d3.Sdot.bottomRows<3>().noalias() = skew(w) * R;
+      d3.Sdot.bottomRows<3>().noalias() = skew(w.e()) * R;
       d3.U.noalias() = d.articulatedInertia * d3.S;
       d3.D.noalias() = d3.S.transpose() * d3.U;
       for (size_t k = 0; k < 3; ++k) d3.D(k, k) += dampedDiag[g + k] + rotorInertiaGv[g + k];
