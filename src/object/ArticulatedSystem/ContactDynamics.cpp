@@ -19,24 +19,44 @@ using internal::timesSkew;
 
 using Vec3 = Eigen::Vector3d;
 using Mat3 = Eigen::Matrix3d;
-using Mat36 = Eigen::Matrix<double, 3, 6>;
+using Rows36 = Eigen::Matrix<double, 3, 6, Eigen::RowMajor>;
 using ResponseMap = Eigen::Map<Eigen::Matrix<double, 3, Eigen::Dynamic>>;
 
 // Rows of spatial force moved from a child's origin to its parent's, r from
 // the parent's origin to the child's.
-inline void shiftForceRows(const Vec3& r, Mat36& F) {
+inline void shiftForceRows(const Vec3& r, Rows36& F) {
   for (int k = 0; k < 3; ++k) {
-    const Vec3 f = F.row(k).head<3>().transpose();
-    F.row(k).tail<3>() += r.cross(f).transpose();
+    double* row = F.data() + 6 * k;
+    const double f0 = row[0], f1 = row[1], f2 = row[2];
+    row[3] += r(1) * f2 - r(2) * f1;
+    row[4] += r(2) * f0 - r(0) * f2;
+    row[5] += r(0) * f1 - r(1) * f0;
   }
 }
 
 // Rows of spatial acceleration moved from a parent's origin to its child's.
-inline void shiftMotionRows(const Vec3& r, Mat36& A) {
+inline void shiftMotionRows(const Vec3& r, Rows36& A) {
   for (int k = 0; k < 3; ++k) {
-    const Vec3 w = A.row(k).tail<3>().transpose();
-    A.row(k).head<3>() += w.cross(r).transpose();
+    double* row = A.data() + 6 * k;
+    const double w0 = row[3], w1 = row[4], w2 = row[5];
+    row[0] += w1 * r(2) - w2 * r(1);
+    row[1] += w2 * r(0) - w0 * r(2);
+    row[2] += w0 * r(1) - w1 * r(0);
   }
+}
+
+// Row k of A times x, the terms added in the order of the columns; over the
+// six columns, or over the three of one half (a one-dof joint's column S has
+// one nonzero half: the angular one of a revolute joint).
+inline double rowTimes(const Rows36& A, int k, const double* x) {
+  const double* row = A.data() + 6 * k;
+  double s = row[0] * x[0];
+  for (int i = 1; i < 6; ++i) s += row[i] * x[i];
+  return s;
+}
+inline double rowTimesHalf(const Rows36& A, int k, int half, const double* x) {
+  const double* row = A.data() + 6 * k + half;
+  return row[0] * x[half] + row[1] * x[half + 1] + row[2] * x[half + 2];
 }
 
 inline void addColumn(const SparseJacobian& J, const VecDyn& u, Mat<3, 1>& vel, double sign) {
@@ -252,7 +272,7 @@ void ArticulatedSystem::sweepContact(size_t c) {
   // Row k: the spatial force of a unit impulse along contact axis k, about
   // the body's origin.
   const Mat3 F = ct.frame.e();
-  Mat36 F0;
+  Rows36 F0;
   F0.leftCols<3>() = F;
   F0.rightCols<3>() = timesSkew(F, posW[b].e() - ct.position.e());
   abaData[b].response = F0;
@@ -262,52 +282,59 @@ void ArticulatedSystem::sweepContact(size_t c) {
   for (size_t j = b; j != 0; j = parent[j]) {
     AbaData& d = abaData[j];
     const Eigen::Index g = Eigen::Index(gvIdx[j]);
-    Mat36 pass;
+    Rows36& pass = abaData[parent[j]].response;
+    pass = d.response;
     if (jointType[j] == Joint::SPHERICAL) {
       const AbaData3& d3 = abaData3[j];
       const Mat3 T = d.response * d3.S * d3.Dinv;
       R.middleCols<3>(g) = T;
-      pass.noalias() = d.response - T * d3.U.transpose();
+      pass.noalias() -= T * d3.U.transpose();
     } else if (jointType[j] == Joint::REVOLUTE || jointType[j] == Joint::PRISMATIC) {
-      const Vec3 t = (d.response * d.S) * d.Dinv;
-      R.col(g) = t;
-      pass.noalias() = d.response - t * d.U.transpose();
-    } else {
-      pass = d.response;
+      const int half = jointType[j] == Joint::REVOLUTE ? 3 : 0;
+      for (int k = 0; k < 3; ++k) {
+        const double t = rowTimesHalf(d.response, k, half, d.S.data()) * d.Dinv;
+        R(k, g) = t;
+        for (int m = 0; m < 6; ++m) pass(k, m) -= t * d.U(m);
+      }
     }
     shiftForceRows(relPosW[j].e(), pass);
-    abaData[parent[j]].response = pass;
   }
 
   AbaData& root = abaData[0];
   if (jointType[0] == Joint::FLOATING) {
-    const Mat36 Y = root.response * baseInertiaInverse.e();
+    Rows36 Y;
+    for (int k = 0; k < 3; ++k)
+      for (int m = 0; m < 6; ++m) Y(k, m) = R(k, m) = rowTimes(root.response, k, baseInertiaInverse.v + 6 * m);
     root.response = Y;
-    R.leftCols<6>() = Y;
   } else {
     root.response.setZero();
   }
 
-  // Down every body: accelerations per unit impulse.
+  // Down every body: accelerations per unit impulse. Each body's response
+  // starts as its parent's, moved to its origin.
   for (size_t i = 1; i < nbody; ++i) {
     AbaData& d = abaData[i];
-    Mat36 Yp = abaData[parent[i]].response;
-    shiftMotionRows(relPosW[i].e(), Yp);
-    const bool needed = i == b || !children[i].empty();
+    Rows36& Y = d.response;
+    Y = abaData[parent[i]].response;
+    shiftMotionRows(relPosW[i].e(), Y);
     const Eigen::Index g = Eigen::Index(gvIdx[i]);
     if (jointType[i] == Joint::SPHERICAL) {
       const AbaData3& d3 = abaData3[i];
-      R.middleCols<3>(g) -= Yp * d3.UDinv;
-      if (needed) d.response.noalias() = Yp + R.middleCols<3>(g) * d3.S.transpose();
+      R.middleCols<3>(g) -= Y * d3.UDinv;
+      Y += R.middleCols<3>(g) * d3.S.transpose();
     } else if (jointType[i] == Joint::REVOLUTE || jointType[i] == Joint::PRISMATIC) {
-      R.col(g) -= Yp * d.UDinv;
-      if (needed) d.response.noalias() = Yp + R.col(g) * d.S.transpose();
-    } else if (needed) {
-      d.response = Yp;
+      const int half = jointType[i] == Joint::REVOLUTE ? 3 : 0;
+      for (int k = 0; k < 3; ++k) {
+        const double t = R(k, g) - rowTimes(Y, k, d.UDinv.data());
+        R(k, g) = t;
+        for (int m = half; m < half + 3; ++m) Y(k, m) += t * d.S(m);
+      }
     }
   }
 
-  ct.delassus.e() = abaData[b].response * F0.transpose();
+  const Rows36& Yb = abaData[b].response;
+  for (int k = 0; k < 3; ++k)
+    for (int s = 0; s < 3; ++s) ct.delassus(k, s) = rowTimes(Yb, k, F0.data() + 6 * s);
 }
 
 void ArticulatedSystem::computeImpactVelocities() {

@@ -9,7 +9,6 @@
 // classical accelerations (those of the body origin). It runs in a freely
 // falling frame: the root of a fixed base accelerates at -gravity, and a
 // floating base gets gravity back only in its final acceleration.
-#include "skewProducts.hpp"
 #include "vorsim/VorSimMsg.hpp"
 #include "vorsim/World.hpp"
 #include "vorsim/object/ArticulatedSystem/ArticulatedSystem.hpp"
@@ -17,9 +16,6 @@
 namespace vorsim {
 
 namespace {
-
-using internal::skewTimes;
-using internal::timesSkew;
 
 using Vec3 = Eigen::Vector3d;
 using Vec6 = Eigen::Matrix<double, 6, 1>;
@@ -32,19 +28,67 @@ inline Mat3 skew(const Vec3& v) {
   return s;
 }
 
-// The rigid spatial inertia of one body about its origin, c the centre of mass
-// relative to the origin and J the inertia about the origin.
-inline void rigidInertia(double m, const Mat3& cSkew, const Mat3& J, Mat6& M) {
-  M.topLeftCorner<3, 3>() = m * Mat3::Identity();
-  M.topRightCorner<3, 3>() = -m * cSkew;
-  M.bottomLeftCorner<3, 3>() = m * cSkew;
-  M.bottomRightCorner<3, 3>() = J;
+// The lower triangle of the rigid spatial inertia of one body about its
+// origin: m 1, m skew(c) below it and J, with c the centre of mass relative to
+// the origin and J the inertia about the origin.
+inline void rigidInertiaLower(double m, const Mat<3, 1>& c, const Mat<3, 3>& J, Mat6& M) {
+  for (int j = 0; j < 3; ++j)
+    for (int i = j; i < 3; ++i) {
+      M(i, j) = i == j ? m : 0.0;
+      M(i + 3, j + 3) = J(i, j);
+    }
+  M(3, 0) = 0.0;
+  M(4, 0) = m * c[2];
+  M(5, 0) = -m * c[1];
+  M(3, 1) = -m * c[2];
+  M(4, 1) = 0.0;
+  M(5, 1) = m * c[0];
+  M(3, 2) = m * c[1];
+  M(4, 2) = -m * c[0];
+  M(5, 2) = 0.0;
 }
 
-inline Vec6 motionColumn(const Vec3& linear, const Vec3& angular) {
-  Vec6 s;
-  s << linear, angular;
-  return s;
+// Copies the lower triangle of a symmetric matrix into its upper one.
+inline void mirrorLower(Mat6& M) {
+  for (int j = 1; j < 6; ++j)
+    for (int i = 0; i < j; ++i) M(i, j) = M(j, i);
+}
+
+// The joint terms of a one-dof joint at its body's origin, from the body's
+// articulated inertia and bias in d: S and its rate, U = M_A S, D^-1, the
+// velocity-product acceleration c and the scaled force. S has its axis in
+// one half, H: the angular one (3) of a revolute joint, the linear one (0) of
+// a prismatic joint; the sums run in scalars over that half. carried is what
+// the origin gains from the parent's turn, diagonal the joint's damping and
+// rotor terms.
+template <int H>
+inline void oneDofJointTerms(const Mat<3, 1>& axis, const Mat<3, 1>& w, const double carried[3], double qd,
+                             double diagonal, double tau, ArticulatedSystem::AbaData& d) {
+  const Mat6& M = d.articulatedInertia;
+  Mat<3, 1> wa;
+  cross(w, axis, wa);
+  double cv[6] = {carried[0], carried[1], carried[2], 0.0, 0.0, 0.0};
+  for (int k = 0; k < 3; ++k) {
+    d.S(k) = d.S(3 + k) = d.Sdot(k) = d.Sdot(3 + k) = 0.0;
+    d.S(H + k) = axis[size_t(k)];
+    d.Sdot(H + k) = wa[size_t(k)];
+    // c = Sdot qd, plus carried on the linear half.
+    cv[H + k] = H == 0 ? wa[size_t(k)] * qd + carried[k] : wa[size_t(k)] * qd;
+  }
+  double U[6];
+  for (int i = 0; i < 6; ++i) U[i] = M(i, H) * axis[0] + M(i, H + 1) * axis[1] + M(i, H + 2) * axis[2];
+  const double StU = axis[0] * U[H] + axis[1] * U[H + 1] + axis[2] * U[H + 2];
+  const double Stp = axis[0] * d.biasForce(H) + axis[1] * d.biasForce(H + 1) + axis[2] * d.biasForce(H + 2);
+  double Uc = U[0] * cv[0];
+  for (int i = 1; i < 6; ++i) Uc += U[i] * cv[i];
+  const double Dinv = 1.0 / (StU + diagonal);
+  for (int i = 0; i < 6; ++i) {
+    d.U(i) = U[i];
+    d.UDinv(i) = U[i] * Dinv;
+    d.c(i) = cv[i];
+  }
+  d.Dinv = Dinv;
+  d.scaledForce = Dinv * (tau - Stp - Uc);
 }
 
 // The inverse of a symmetric positive definite 6x6 matrix by its Cholesky
@@ -97,16 +141,31 @@ void ArticulatedSystem::shiftMotionFromParent(size_t b, Vec6& a) const {
   a.head<3>() += a.tail<3>().cross(r);
 }
 
-void ArticulatedSystem::shiftInertiaToParent(size_t b, Mat6& I) const {
-  // X^T I X with X = [1, -S; 0, 1], S = skew(relPosW[b]), in 3x3 blocks.
-  const Vec3 r = relPosW[b].e();
-  const Mat3 A = I.topLeftCorner<3, 3>();
-  const Mat3 B = I.topRightCorner<3, 3>();
-  const Mat3 top = B - timesSkew(A, r);
-  const Mat3 bottom = I.bottomRightCorner<3, 3>() - timesSkew(B.transpose(), r) + skewTimes(r, top);
-  I.topRightCorner<3, 3>() = top;
-  I.bottomLeftCorner<3, 3>() = top.transpose();
-  I.bottomRightCorner<3, 3>() = bottom;
+void ArticulatedSystem::addInertiaToParent(size_t b, const Mat6& I, Mat6& sum) const {
+  // X^T I X with X = [1, -S; 0, 1], S = skew(relPosW[b]), on the lower
+  // blocks A (top left), C (bottom left) and D (bottom right) of I:
+  // A stays, C becomes C' = C + S A and D becomes D - C S + S C'^T. Entry
+  // (i, j) of -C S is (r x c_i)_j and that of S C'^T is (r x c'_j)_i, c_i
+  // and c'_j rows of C and C'. All in scalars.
+  const Mat<3, 1>& r = relPosW[b];
+  const double A[3][3] = {{I(0, 0), I(1, 0), I(2, 0)}, {I(1, 0), I(1, 1), I(2, 1)}, {I(2, 0), I(2, 1), I(2, 2)}};
+  double C[3][3], Cn[3][3];
+  for (int j = 0; j < 3; ++j) {
+    for (int i = 0; i < 3; ++i) C[i][j] = I(3 + i, j);
+    Cn[0][j] = C[0][j] + (r[1] * A[2][j] - r[2] * A[1][j]);
+    Cn[1][j] = C[1][j] + (r[2] * A[0][j] - r[0] * A[2][j]);
+    Cn[2][j] = C[2][j] + (r[0] * A[1][j] - r[1] * A[0][j]);
+  }
+  auto crossEntry = [&r](const double* v, int k) {
+    return k == 0 ? r[1] * v[2] - r[2] * v[1] : k == 1 ? r[2] * v[0] - r[0] * v[2] : r[0] * v[1] - r[1] * v[0];
+  };
+  for (int j = 0; j < 3; ++j) {
+    for (int i = j; i < 3; ++i) {
+      sum(i, j) += I(i, j);
+      sum(3 + i, 3 + j) += I(3 + i, 3 + j) + crossEntry(C[i], j) + crossEntry(Cn[j], i);
+    }
+    for (int i = 0; i < 3; ++i) sum(3 + i, j) += Cn[i][j];
+  }
 }
 
 // ---------------------------------------------------- articulated-body algorithm --
@@ -180,78 +239,87 @@ void ArticulatedSystem::addLoadForces(VecDyn& tau) const {
 void ArticulatedSystem::abaBackwardBody(size_t b) {
   AbaData& d = abaData[b];
   const double m = massOf[b];
-  const Vec3 c = comRelW[b].e();
-  const Vec3 w = angVelW[b].e();
-  Mat<3, 3> inertiaAtOrigin;
-  inertiaAtP(m, inertiaW[b], comRelW[b], inertiaAtOrigin);
-  const Mat3 J = inertiaAtOrigin.e();
-  comSkew[b] = skew(c);
-  rigidInertia(m, comSkew[b].e(), J, d.articulatedInertia);
-  d.biasForce << m * w.cross(w.cross(c)), w.cross(J * w);
+  const Mat<3, 1>& c = comRelW[b];
+  const Mat<3, 1>& w = angVelW[b];
+  Mat<3, 3> J;
+  inertiaAtP(m, inertiaW[b], c, J);
+  Mat6& M = d.articulatedInertia;
+  rigidInertiaLower(m, c, J, M);
+  // The bias of the body alone: m w x (w x c) and w x (J w), in scalars.
+  Mat<3, 1> wc, wwc, Jw, wJw;
+  cross(w, c, wc);
+  cross(w, wc, wwc);
+  matvecmul(J, w, Jw);
+  cross(w, Jw, wJw);
+  for (int k = 0; k < 3; ++k) {
+    d.biasForce(k) = m * wwc[size_t(k)];
+    d.biasForce(3 + k) = wJw[size_t(k)];
+  }
 
   // Each child hands over its inertia with its joint removed and its bias,
-  // both moved to this origin.
+  // both moved to this origin. With U = M_A S of the child's joint and its
+  // scaled force, the bias is p_A + M_A c + U scaledForce: the removed part
+  // U D^-1 U^T c is in the scaled force.
   for (size_t ch : children[b]) {
     const AbaData& dc = abaData[ch];
-    Mat6 Ia;
-    Vec6 pa;
+    const Mat6& Mc = dc.articulatedInertia;
+    Mat6 Ia;  // lower triangle only
+    double p[6];
+    for (int i = 0; i < 6; ++i) {
+      double s = Mc(i, 0) * dc.c(0);
+      for (int k = 1; k < 6; ++k) s += Mc(i, k) * dc.c(k);
+      p[i] = dc.biasForce(i) + s;
+    }
     if (jointType[ch] == Joint::SPHERICAL) {
       const AbaData3& d3 = abaData3[ch];
-      const size_t g = gvIdx[ch];
-      Ia.noalias() = dc.articulatedInertia - d3.UDinv * d3.U.transpose();
-      const Vec3 u = Vec3(actuation[g], actuation[g + 1], actuation[g + 2]) - d3.S.transpose() * dc.biasForce;
-      pa.noalias() = dc.biasForce + Ia * dc.c + d3.UDinv * u;
+      Ia.noalias() = Mc - d3.UDinv * d3.U.transpose();
+      const Vec6 Uf = d3.U * d3.scaledForce;
+      for (int i = 0; i < 6; ++i) p[i] += Uf(i);
     } else {
-      Ia.noalias() = dc.articulatedInertia - dc.UDinv * dc.U.transpose();
-      const double u = actuation[gvIdx[ch]] - dc.S.dot(dc.biasForce);
-      pa.noalias() = dc.biasForce + Ia * dc.c + dc.UDinv * u;
+      const double* U = dc.U.data();
+      const double* V = dc.UDinv.data();
+      for (int j = 0; j < 6; ++j)
+        for (int i = j; i < 6; ++i) Ia(i, j) = Mc(i, j) - V[i] * U[j];
+      for (int i = 0; i < 6; ++i) p[i] += U[i] * dc.scaledForce;
     }
-    shiftInertiaToParent(ch, Ia);
-    shiftForceToParent(ch, pa);
-    d.articulatedInertia += Ia;
-    d.biasForce += pa;
+    addInertiaToParent(ch, Ia, M);
+    // The moment about this origin (shiftForceToParent, in scalars).
+    const Vec3 r = relPosW[ch].e();
+    p[3] += r(1) * p[2] - r(2) * p[1];
+    p[4] += r(2) * p[0] - r(0) * p[2];
+    p[5] += r(0) * p[1] - r(1) * p[0];
+    for (int i = 0; i < 6; ++i) d.biasForce(i) += p[i];
   }
+  mirrorLower(M);
 
   if (b == 0) return;  // the root's coordinates are taken by abaRoot
 
   // Joint terms at this origin. c is the velocity-product acceleration: what
   // the body's origin and rotation gain from the velocities alone.
   const size_t p = parent[b], g = gvIdx[b];
-  const Vec3 wp = angVelW[p].e();
-  const Vec3 carried = wp.cross(linVelW[b].e() - linVelW[p].e());
-  const Vec3 a = axisW[b].e();
   switch (jointType[b]) {
     case Joint::REVOLUTE:
     case Joint::PRISMATIC: {
-      if (jointType[b] == Joint::REVOLUTE) {
-        d.S = motionColumn(Vec3::Zero(), a);
-        d.Sdot = motionColumn(Vec3::Zero(), w.cross(a));
-      } else {
-        d.S = motionColumn(a, Vec3::Zero());
-        d.Sdot = motionColumn(w.cross(a), Vec3::Zero());
-      }
-      // S has one nonzero half: U takes three columns of M_A.
-      const bool revolute = jointType[b] == Joint::REVOLUTE;
-      if (revolute)
-        d.U.noalias() = d.articulatedInertia.rightCols<3>() * a;
+      // What the origin gains from the parent's turn.
+      const Mat<3, 1>& wp = angVelW[p];
+      const double dv0 = linVelW[b][0] - linVelW[p][0], dv1 = linVelW[b][1] - linVelW[p][1],
+                   dv2 = linVelW[b][2] - linVelW[p][2];
+      const double carried[3] = {wp[1] * dv2 - wp[2] * dv1, wp[2] * dv0 - wp[0] * dv2, wp[0] * dv1 - wp[1] * dv0};
+      const double diagonal = dampedDiag[g] + rotorInertiaGv[g];
+      if (jointType[b] == Joint::REVOLUTE)
+        oneDofJointTerms<3>(axisW[b], w, carried, gv[g], diagonal, actuation[g], d);
       else
-        d.U.noalias() = d.articulatedInertia.leftCols<3>() * a;
-      const double StU = revolute ? a.dot(d.U.tail<3>()) : a.dot(d.U.head<3>());
-      const double Stp = revolute ? a.dot(d.biasForce.tail<3>()) : a.dot(d.biasForce.head<3>());
-      d.Dinv = 1.0 / (StU + dampedDiag[g] + rotorInertiaGv[g]);
-      d.UDinv = d.U * d.Dinv;
-      d.c = d.Sdot * gv[g];
-      d.c.head<3>() += carried;
-      d.scaledForce = d.Dinv * (actuation[g] - Stp - d.U.dot(d.c));
+        oneDofJointTerms<0>(axisW[b], w, carried, gv[g], diagonal, actuation[g], d);
       break;
     }
     case Joint::SPHERICAL: {
       AbaData3& d3 = abaData3[b];
+      const Vec3 carried = angVelW[p].e().cross(linVelW[b].e() - linVelW[p].e());
       const Mat3 R = rotW[b].e();
       d3.S.topRows<3>().setZero();
       d3.S.bottomRows<3>() = R;
       d3.Sdot.topRows<3>().setZero();
-      d3.Sdot.bottomRows<3>().noalias() = skew(w) * R;
+      d3.Sdot.bottomRows<3>().noalias() = skew(w.e()) * R;
       d3.U.noalias() = d.articulatedInertia * d3.S;
       d3.D.noalias() = d3.S.transpose() * d3.U;
       for (size_t k = 0; k < 3; ++k) d3.D(k, k) += dampedDiag[g + k] + rotorInertiaGv[g + k];
@@ -308,9 +376,11 @@ void ArticulatedSystem::abaForwardBody(size_t b) {
     for (size_t k = 0; k < 3; ++k) ga[g + k] = qdd(Eigen::Index(k));
     d.a.noalias() = ap + d.c + d3.S * qdd;
   } else if (jointType[b] == Joint::REVOLUTE || jointType[b] == Joint::PRISMATIC) {
-    const double qdd = d.scaledForce - d.UDinv.dot(ap);
+    double Va = d.UDinv(0) * ap(0);
+    for (int i = 1; i < 6; ++i) Va += d.UDinv(i) * ap(i);
+    const double qdd = d.scaledForce - Va;
     ga[g] = qdd;
-    d.a.noalias() = ap + d.c + d.S * qdd;
+    for (int i = 0; i < 6; ++i) d.a(i) = ap(i) + d.c(i) + d.S(i) * qdd;
   } else {
     d.a = ap;
   }

@@ -18,6 +18,25 @@ namespace vorsim {
 namespace {
 using Vec3 = Eigen::Vector3d;
 using Vec6 = Eigen::Matrix<double, 6, 1>;
+
+// A spatial force's moment moved to the parent's origin, r from the parent's
+// origin to the child's (shiftForceToParent, in place and in scalars).
+inline void forceToParent(const Mat<3, 1>& r, Vec6& f) {
+  f(3) += r[1] * f(2) - r[2] * f(1);
+  f(4) += r[2] * f(0) - r[0] * f(2);
+  f(5) += r[0] * f(1) - r[1] * f(0);
+}
+
+// A parent's spatial acceleration at the child's origin (shiftMotionFromParent).
+inline void motionFromParent(const Mat<3, 1>& r, Vec6& a) {
+  a(0) += a(4) * r[2] - a(5) * r[1];
+  a(1) += a(5) * r[0] - a(3) * r[2];
+  a(2) += a(3) * r[1] - a(4) * r[0];
+}
+
+// A one-dof joint's column S has one nonzero half: the angular one of a
+// revolute joint.
+inline int nonzeroHalf(Joint::Type type) { return type == Joint::REVOLUTE ? 3 : 0; }
 }  // namespace
 
 // ---------------------------------------------------------------- responses --
@@ -42,11 +61,12 @@ double ArticulatedSystem::sweepLimit(size_t b, const Mat<3, 1>& n) {
     L[g] = d.Dinv;
     up = -d.UDinv;
   }
-  shiftForceToParent(b, up);
+  forceToParent(relPosW[b], up);
   abaData[p].scratch = up;
 
   for (size_t j = p; j != 0; j = parent[j]) {
-    Vec6 f = abaData[j].scratch;
+    Vec6& f = abaData[parent[j]].scratch;
+    f = abaData[j].scratch;
     const size_t gj = gvIdx[j];
     if (jointType[j] == Joint::SPHERICAL) {
       const AbaData3& d3 = abaData3[j];
@@ -55,12 +75,12 @@ double ArticulatedSystem::sweepLimit(size_t b, const Mat<3, 1>& n) {
       f -= d3.U * t;
     } else if (jointType[j] == Joint::REVOLUTE || jointType[j] == Joint::PRISMATIC) {
       const AbaData& d = abaData[j];
-      const double t = d.Dinv * d.S.dot(f);
+      const int h = nonzeroHalf(jointType[j]);
+      const double t = d.Dinv * (d.S(h) * f(h) + d.S(h + 1) * f(h + 1) + d.S(h + 2) * f(h + 2));
       L[gj] = t;
-      f -= t * d.U;
+      for (int k = 0; k < 6; ++k) f(k) -= t * d.U(k);
     }
-    shiftForceToParent(j, f);
-    abaData[parent[j]].scratch = f;
+    forceToParent(relPosW[j], f);
   }
 
   AbaData& root = abaData[0];
@@ -74,8 +94,9 @@ double ArticulatedSystem::sweepLimit(size_t b, const Mat<3, 1>& n) {
 
   // Down every body: the joints' reaction to their parents' accelerations.
   for (size_t i = 1; i < nbody; ++i) {
-    Vec6 a = abaData[parent[i]].scratch;
-    shiftMotionFromParent(i, a);
+    Vec6& a = abaData[i].scratch;
+    a = abaData[parent[i]].scratch;
+    motionFromParent(relPosW[i], a);
     const size_t gi = gvIdx[i];
     if (jointType[i] == Joint::SPHERICAL) {
       const AbaData3& d3 = abaData3[i];
@@ -85,13 +106,15 @@ double ArticulatedSystem::sweepLimit(size_t b, const Mat<3, 1>& n) {
         L[gi + k] -= t(Eigen::Index(k));
         q(Eigen::Index(k)) = L[gi + k];
       }
-      abaData[i].scratch.noalias() = a + d3.S * q;
+      a += d3.S * q;
     } else if (jointType[i] == Joint::REVOLUTE || jointType[i] == Joint::PRISMATIC) {
-      AbaData& d = abaData[i];
-      L[gi] -= d.UDinv.dot(a);
-      d.scratch.noalias() = a + d.S * L[gi];
-    } else {
-      abaData[i].scratch = a;
+      const AbaData& d = abaData[i];
+      double Va = d.UDinv(0) * a(0);
+      for (int k = 1; k < 6; ++k) Va += d.UDinv(k) * a(k);
+      const double q = L[gi] - Va;
+      L[gi] = q;
+      const int h = nonzeroHalf(jointType[i]);
+      for (int k = h; k < h + 3; ++k) a(k) += d.S(k) * q;
     }
   }
 

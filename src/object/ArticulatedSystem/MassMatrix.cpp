@@ -87,7 +87,7 @@ void ArticulatedSystem::sizeDynamicsTables() {
   posTarget = gc;
   baseInertiaInverse.setZero();
 
-  for (auto* table : {&inertiaW, &inertiaJointW, &compositeInertiaW, &comSkew}) table->assign(nbody, zero33);
+  for (auto* table : {&inertiaW, &inertiaJointW, &compositeInertiaW}) table->assign(nbody, zero33);
   for (auto* table : {&compositeMoment, &compositeComW, &jointForceW, &jointTorqueW, &rneForce, &rneMoment})
     table->assign(nbody, zero3);
 

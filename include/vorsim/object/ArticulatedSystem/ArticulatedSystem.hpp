@@ -92,7 +92,7 @@ class ArticulatedSystem : public Object {
   // Per-body record of the articulated-body algorithm. Spatial vectors have six
   // entries, linear part first, in world coordinates, referred to the body's
   // origin posW[b]. Forces go up to the parent and motions come down from it
-  // through the shift by relPosW[b] (shiftForceToParent, shiftInertiaToParent,
+  // through the shift by relPosW[b] (shiftForceToParent, addInertiaToParent,
   // shiftMotionFromParent), so the shift is not stored.
   struct alignas(32) AbaData {
     Eigen::Matrix<double, 6, 6> articulatedInertia;  // M_A about posW[b]
@@ -104,8 +104,9 @@ class ArticulatedSystem : public Object {
     double Dinv;         // inverse joint-space inertia
     double scaledForce;  // Dinv (tau - S^T p_A - U^T c)
     // Three rows of spatial force (contact sweeps) and one row (limit sweeps):
-    // forces on the way up, accelerations on the way down.
-    Eigen::Matrix<double, 3, 6> response;
+    // forces on the way up, accelerations on the way down. Row-major: the
+    // sweeps work row by row.
+    Eigen::Matrix<double, 3, 6, Eigen::RowMajor> response;
     Eigen::Matrix<double, 6, 1> scratch;
   };
   // The joint terms of a three-dof (spherical) joint, one record per body.
@@ -523,7 +524,6 @@ class ArticulatedSystem : public Object {
   int32_t activeScheme = TRAPEZOID;
   AbaDataList abaData;
   AbaData3List abaData3;
-  std::vector<Mat<3, 3>> comSkew;
   // Jacobian of each external load; entries past externalLoadValues_.size()
   // are kept as storage, so applying loads every step allocates nothing.
   std::vector<SparseJacobian> externalForceJacobians;
@@ -636,7 +636,10 @@ class ArticulatedSystem : public Object {
   void abaForwardBody(size_t b);
   // Spatial shifts along relPosW[b], between body b's origin and its parent's.
   void shiftForceToParent(size_t b, Eigen::Matrix<double, 6, 1>& f) const;
-  void shiftInertiaToParent(size_t b, Eigen::Matrix<double, 6, 6>& inertia) const;
+  // sum += the inertia about body b's origin taken to its parent's; both
+  // symmetric and held in their lower triangles.
+  void addInertiaToParent(size_t b, const Eigen::Matrix<double, 6, 6>& inertia,
+                          Eigen::Matrix<double, 6, 6>& sum) const;
   void shiftMotionFromParent(size_t b, Eigen::Matrix<double, 6, 1>& a) const;
 
   // Integration.
