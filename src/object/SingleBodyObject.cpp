@@ -239,16 +239,6 @@ void SingleBodyObject::clearExternalForcesAndTorques() {
 void SingleBodyObject::getContactPointVel(size_t c, Mat<3, 1>& vel) const {
   contactPointVelocity(c, generalizedVelocity_.v, generalizedVelocity_.v + 3, vel);
 }
-void SingleBodyObject::addContactPointVel(size_t c, Mat<3, 1>& vel) {
-  Mat<3, 1> pv;
-  contactPointVelocity(c, generalizedVelocity_.v, generalizedVelocity_.v + 3, pv);
-  vel += pv;
-}
-void SingleBodyObject::subContactPointVel(size_t c, Mat<3, 1>& vel) {
-  Mat<3, 1> pv;
-  contactPointVelocity(c, generalizedVelocity_.v, generalizedVelocity_.v + 3, pv);
-  vel -= pv;
-}
 void SingleBodyObject::addContactPointVel2(size_t c, Mat<3, 1>& vel) {
   Mat<3, 1> pv;
   contactPointVelocity(c, linearVelocity_.v, angularVelocity_.v, pv);
@@ -258,26 +248,6 @@ void SingleBodyObject::subContactPointVel2(size_t c, Mat<3, 1>& vel) {
   Mat<3, 1> pv;
   contactPointVelocity(c, linearVelocity_.v, angularVelocity_.v, pv);
   vel -= pv;
-}
-void SingleBodyObject::updateGenVelWithImpulse(size_t c, const Mat<3, 1>& impulse) {
-  const ContactPoint& cp = contactPoints_[c];
-  const Mat<3, 3>& f = cp.frame;
-  const double* r = cp.arm.v;
-  // The impulse in world coordinates, then its linear and angular effect.
-  const double Fx = f(0, 0) * impulse[0] + f(1, 0) * impulse[1] + f(2, 0) * impulse[2];
-  const double Fy = f(0, 1) * impulse[0] + f(1, 1) * impulse[1] + f(2, 1) * impulse[2];
-  const double Fz = f(0, 2) * impulse[0] + f(1, 2) * impulse[1] + f(2, 2) * impulse[2];
-  const double tx = Fy * r[2] - Fz * r[1];
-  const double ty = Fz * r[0] - Fx * r[2];
-  const double tz = Fx * r[1] - Fy * r[0];
-  const Mat<3, 3>& I = worldInertiaInverse_;
-  double* u = generalizedVelocity_.v;
-  u[0] += inverseMass_ * Fx;
-  u[1] += inverseMass_ * Fy;
-  u[2] += inverseMass_ * Fz;
-  u[3] += I(0, 0) * tx + I(0, 1) * ty + I(0, 2) * tz;
-  u[4] += I(1, 0) * tx + I(1, 1) * ty + I(1, 2) * tz;
-  u[5] += I(2, 0) * tx + I(2, 1) * ty + I(2, 2) * tz;
 }
 
 // --------------------------------------------------------------------- step --
