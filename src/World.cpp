@@ -311,8 +311,14 @@ void World::applyStaticFriction() {
   for (auto& P : contactProblems_) {
     if (P.rank > 3) continue;
     Mat<3, 1> v = P.tauStar;
-    if (P.objectA) P.objectA->addContactPointVel2(P.localIndexA, v);
-    if (P.objectB) P.objectB->subContactPointVel2(P.localIndexB, v);
+    if (P.singleBodyA)
+      static_cast<SingleBodyObject*>(P.objectA)->SingleBodyObject::addContactPointVel2(P.localIndexA, v);
+    else if (P.objectA)
+      P.objectA->addContactPointVel2(P.localIndexA, v);
+    if (P.singleBodyB)
+      static_cast<SingleBodyObject*>(P.objectB)->SingleBodyObject::subContactPointVel2(P.localIndexB, v);
+    else if (P.objectB)
+      P.objectB->subContactPointVel2(P.localIndexB, v);
     const double vt = std::sqrt(v[0] * v[0] + v[1] * v[1]);
     if (P.staticFrictionThreshold > vt) P.mu = P.mu + (1.0 - vt * P.inverseStaticThreshold) * (P.staticFriction - P.mu);
   }

@@ -50,8 +50,7 @@ void Single3DContactProblem::checkRank() {
                        G(0, 1) * (G(1, 2) * G(2, 0) - G(1, 0) * G(2, 2)) +
                        G(0, 2) * (G(1, 0) * G(2, 1) - G(1, 1) * G(2, 0));
     const double smax = std::max(s0, std::max(s1, s2));
-    if (s2 > 1e-20 && Gzz * Gzz >= 1e-15 && std::min(s0, s1) > 1e-8 * smax && det * det > 1e-4 * (s0 * s1 * s2))
-      return;
+    if (s2 > 1e-20 && Gzz * Gzz >= 1e-15 && std::min(s0, s1) > 1e-8 * smax && det * det > 1e-4 * (s0 * s1 * s2)) return;
   }
 
   const Mat<3, 1> g0{G(0, 0), G(1, 0), G(2, 0)};

@@ -73,8 +73,16 @@ class SingleBodyObject : public Object {
     contactPointVelocity(contactIdx, generalizedVelocity_.v, generalizedVelocity_.v + 3, pv);
     vel -= pv;
   }
-  void addContactPointVel2(size_t contactIdx, Mat<3, 1>& vel) override;
-  void subContactPointVel2(size_t contactIdx, Mat<3, 1>& vel) override;
+  void addContactPointVel2(size_t contactIdx, Mat<3, 1>& vel) override {
+    Mat<3, 1> pv;
+    contactPointVelocity(contactIdx, linearVelocity_.v, angularVelocity_.v, pv);
+    vel += pv;
+  }
+  void subContactPointVel2(size_t contactIdx, Mat<3, 1>& vel) override {
+    Mat<3, 1> pv;
+    contactPointVelocity(contactIdx, linearVelocity_.v, angularVelocity_.v, pv);
+    vel -= pv;
+  }
   void updateTimeStep(double /*dt*/) override {}
   void updateTimeStepIfNecessary(double /*dt*/) override {}
   void updateGenVelWithImpulse(size_t contactIdx, const Mat<3, 1>& impulse) override {
