@@ -14,11 +14,11 @@ namespace {
 constexpr double kPi = M_PI;
 constexpr double kHalfPi = 0.5 * M_PI;
 
-// The contact velocity with the problem's constant part and both objects'
-// contributions from the working velocity.
 // Single bodies are called by their own functions, without dispatch.
 inline SingleBodyObject* single(Object* object) { return static_cast<SingleBodyObject*>(object); }
 
+// The contact velocity with the problem's constant part and both objects'
+// contributions from the working velocity.
 inline void contactVelocity(Single3DContactProblem& P, Mat<3, 1>& v) {
   v = P.tauStar;
   if (P.singleBodyA)
