@@ -184,6 +184,11 @@ bool World::selfCollisionPairIsFull(const Object& object, size_t la, size_t lb) 
 
 void World::generateContacts() {
   // One Contact per non-static side and one problem per collision point.
+  // Consecutive points mostly share their pair of material names: the pair's
+  // properties are looked up again only when a name differs from the last.
+  const std::string* lastMaterial1 = nullptr;
+  const std::string* lastMaterial2 = nullptr;
+  const MaterialPairProperties* material = nullptr;
   for (int i = 0; i < numContacts_; ++i) {
     const dContactGeom& g = contactGeoms_[size_t(i)];
     const GeomData& d1 = geomData(g.g1);
@@ -242,14 +247,20 @@ void World::generateContacts() {
       c.localBodyIndex = lb;
     }
 
-    contactProblems_.emplace_back(materialManager_.getMaterialPairProp(d1.material, d2.material), pos[0], pos[1],
-                                  pos[2], -g.depth);
+    if (material == nullptr || !(d1.material == *lastMaterial1) || !(d2.material == *lastMaterial2)) {
+      material = &materialManager_.getMaterialPairProp(d1.material, d2.material);
+      lastMaterial1 = &d1.material;
+      lastMaterial2 = &d2.material;
+    }
+    contactProblems_.emplace_back(*material, pos[0], pos[1], pos[2], -g.depth);
   }
 }
 
 void World::contactProblemUpdate(Object* object) {
   auto& list = object->getContacts();
   const bool dynamicObject = object->getBodyType() == DYNAMIC;
+  // Every object of the world is a SingleBodyObject except robots.
+  const bool singleBody = object->getObjectType() != ARTICULATED_SYSTEM;
   for (size_t i = 0; i < list.size(); ++i) {
     Contact& c = list[i];
     contact::Single3DContactProblem& P = contactProblems_[c.contactProblemIndex];
@@ -265,6 +276,7 @@ void World::contactProblemUpdate(Object* object) {
     if (c.pairObjectBodyType == DYNAMIC) {
       P.impactVel = object->getImpactVel(i) - pair->getImpactVel(j);
       P.objectA = object;
+      P.singleBodyA = singleBody;
       P.localIndexA = i;
       if (c.isSelfCollision) {
         P.delassus = c.delassus;
@@ -272,6 +284,7 @@ void World::contactProblemUpdate(Object* object) {
         const Mat<3, 3>& other = pair->getContacts()[j].delassus;
         for (size_t k = 0; k < 9; ++k) P.delassus[k] = c.delassus[k] + other[k];
         P.objectB = pair;
+        P.singleBodyB = pair->getObjectType() != ARTICULATED_SYSTEM;
         P.localIndexB = j;
       }
     } else {
@@ -281,6 +294,7 @@ void World::contactProblemUpdate(Object* object) {
       const bool kinematic = c.pairObjectBodyType == KINEMATIC;
       if (c.isObjectA) {
         P.objectA = object;
+        P.singleBodyA = singleBody;
         P.localIndexA = i;
         P.impactVel = object->getImpactVel(i);
         if (kinematic) {
@@ -289,6 +303,7 @@ void World::contactProblemUpdate(Object* object) {
         }
       } else {
         P.objectB = object;
+        P.singleBodyB = singleBody;
         P.localIndexB = i;
         P.impactVel = -object->getImpactVel(i);
         if (kinematic) {
@@ -325,8 +340,14 @@ void World::applyStaticFriction() {
   for (auto& P : contactProblems_) {
     if (P.rank > 3) continue;
     Mat<3, 1> v = P.tauStar;
-    if (P.objectA) P.objectA->addContactPointVel2(P.localIndexA, v);
-    if (P.objectB) P.objectB->subContactPointVel2(P.localIndexB, v);
+    if (P.singleBodyA)
+      static_cast<SingleBodyObject*>(P.objectA)->SingleBodyObject::addContactPointVel2(P.localIndexA, v);
+    else if (P.objectA)
+      P.objectA->addContactPointVel2(P.localIndexA, v);
+    if (P.singleBodyB)
+      static_cast<SingleBodyObject*>(P.objectB)->SingleBodyObject::subContactPointVel2(P.localIndexB, v);
+    else if (P.objectB)
+      P.objectB->subContactPointVel2(P.localIndexB, v);
     const double vt = std::sqrt(v[0] * v[0] + v[1] * v[1]);
     if (P.staticFrictionThreshold > vt) P.mu = P.mu + (1.0 - vt * P.inverseStaticThreshold) * (P.staticFriction - P.mu);
   }

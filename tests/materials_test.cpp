@@ -1,6 +1,7 @@
 // Material pairs: the XML table, symmetric lookup, default fallback and threshold reciprocals.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <string>
 #include <utility>
 #include <vector>
@@ -9,6 +10,7 @@
 #include "vorsim/Materials.hpp"
 #include "vorsim/VorSimTinyXmlWrapper.hpp"
 #include "vorsim/World.hpp"
+#include "vorsim/object/Primitives.hpp"
 
 using vorsim::MaterialManager;
 using vorsim::VorSimTinyXmlWrapper;
@@ -53,4 +55,33 @@ TEST(Materials, OnlyPairsTakeTheReciprocal) {
   m.setMaterialPairProp("b", "c", 0.6, 0.0, 0.01, 0.6, 1.0);
   m.setMaterialPairProp("c", "b", 0.7, 0.0, 0.01, 0.7, 0.1);  // the reversed pair overwrites the entry
   EXPECT_DOUBLE_EQ(m.getMaterialPairProp("b", "c").v_static_inv, 10.0);
+}
+
+TEST(Materials, EveryContactTakesItsOwnPair) {
+  // Two floors of different materials, each with a row of boxes whose
+  // materials alternate, and opposite ones on the two rows: from one collision
+  // point to the next the floor, the box or both change material, and each
+  // problem must carry its own pair.
+  vorsim::World world;
+  world.setMaterialPairProp("floor", "ice", 0.1, 0.0, 0.01);
+  world.setMaterialPairProp("floor", "rubber", 0.9, 0.2, 0.01);
+  world.setMaterialPairProp("steel", "ice", 0.3, 0.1, 0.01);
+  world.setMaterialPairProp("steel", "rubber", 0.6, 0.3, 0.01);
+  const std::string floors[] = {"floor", "steel"}, boxes[] = {"ice", "rubber"};
+  for (int f = 0; f < 2; ++f) {
+    auto* floor = world.addBox(4.0, 1.0, 0.2, 1.0, floors[f]);
+    floor->setPosition(1.0, f == 0 ? -0.6 : 0.6, -0.1);
+    floor->setBodyType(vorsim::STATIC);
+    for (int i = 0; i < 4; ++i)
+      world.addBox(0.2, 0.2, 0.2, 1.0, boxes[(i + f) % 2])->setPosition(0.5 * i, f == 0 ? -0.6 : 0.6, 0.099);
+  }
+  world.integrate1();
+  const auto& problems = world.getContactProblem();
+  ASSERT_EQ(problems.size(), 32u);
+  for (const auto& P : problems) {
+    const int f = P.getPosition()[1] > 0.0 ? 1 : 0, i = int(std::lround(P.getPosition()[0] / 0.5));
+    const auto& expected = world.getMaterialManager().getMaterialPairProp(floors[f], boxes[(i + f) % 2]);
+    EXPECT_EQ(P.mu, expected.c_f) << "floor " << f << ", box " << i;
+    EXPECT_EQ(P.restitution, expected.c_r) << "floor " << f << ", box " << i;
+  }
 }

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "vorsim/Object.hpp"
+#include "vorsim/object/SingleBodyObject.hpp"
 
 namespace vorsim {
 namespace contact {
@@ -13,22 +14,37 @@ namespace {
 constexpr double kPi = M_PI;
 constexpr double kHalfPi = 0.5 * M_PI;
 
+// Single bodies are called by their own functions, without dispatch.
+inline SingleBodyObject* single(Object* object) { return static_cast<SingleBodyObject*>(object); }
+
 // The contact velocity with the problem's constant part and both objects'
 // contributions from the working velocity.
 inline void contactVelocity(Single3DContactProblem& P, Mat<3, 1>& v) {
   v = P.tauStar;
-  if (P.objectA) P.objectA->addContactPointVel(P.localIndexA, v);
-  if (P.objectB) P.objectB->subContactPointVel(P.localIndexB, v);
+  if (P.singleBodyA)
+    single(P.objectA)->SingleBodyObject::addContactPointVel(P.localIndexA, v);
+  else if (P.objectA)
+    P.objectA->addContactPointVel(P.localIndexA, v);
+  if (P.singleBodyB)
+    single(P.objectB)->SingleBodyObject::subContactPointVel(P.localIndexB, v);
+  else if (P.objectB)
+    P.objectB->subContactPointVel(P.localIndexB, v);
 }
 
 inline void applyImpulseChange(Single3DContactProblem& P, const Mat<3, 1>& p0) {
   if (P.objectA) {
     const Mat<3, 1> d{P.impulse[0] - p0[0], P.impulse[1] - p0[1], P.impulse[2] - p0[2]};
-    P.objectA->updateGenVelWithImpulse(P.localIndexA, d);
+    if (P.singleBodyA)
+      single(P.objectA)->SingleBodyObject::updateGenVelWithImpulse(P.localIndexA, d);
+    else
+      P.objectA->updateGenVelWithImpulse(P.localIndexA, d);
   }
   if (P.objectB) {
     const Mat<3, 1> d{p0[0] - P.impulse[0], p0[1] - P.impulse[1], p0[2] - P.impulse[2]};
-    P.objectB->updateGenVelWithImpulse(P.localIndexB, d);
+    if (P.singleBodyB)
+      single(P.objectB)->SingleBodyObject::updateGenVelWithImpulse(P.localIndexB, d);
+    else
+      P.objectB->updateGenVelWithImpulse(P.localIndexB, d);
   }
 }
 
@@ -369,9 +385,11 @@ void BisectionContactSolver::solve(ProblemList& problems) {
   loopCounter = 0;
   const size_t n = problems.size();
 
-  for (auto& P : problems) P.checkRank();
-
+  // One pass over the records: rank, targets, inverses (each problem reads
+  // only itself and the objects' free velocities, which nothing changes yet).
   for (auto& P : problems) {
+    P.checkRank();
+    P.inverseGzz = 1.0 / P.delassus(2, 2);
     if (P.rank == 5) continue;
     const Mat<3, 3>& G = P.delassus;
     P.normalDelassusOverMu = P.muInverse * G(2, 2);
@@ -391,7 +409,6 @@ void BisectionContactSolver::solve(ProblemList& problems) {
   }
 
   const double limit = double(n) * threshold;
-  for (auto& P : problems) P.inverseGzz = 1.0 / P.delassus(2, 2);
 
   if (warmStart) {
     // Start from the impulses the problems hold: apply them all before the

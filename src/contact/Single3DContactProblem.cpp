@@ -35,6 +35,24 @@ void Single3DContactProblem::checkRank() {
   }
   if (rank != 3 && rank != 9) return;
 
+  // Most blocks are far from singular. With h = |det G| / (|g0| |g1| |g2|),
+  // every pair of columns, and the two columns reduced against g2, make an
+  // angle whose sine is at least h; h > 0.01 and columns within a factor 1e4
+  // of each other's length keep every test below far from its threshold, so
+  // the block keeps its rank without the normalised columns being formed.
+  // (The margins dwarf the rounding of det and of the tests.) Anything else,
+  // NaN included, takes the full classification.
+  {
+    const double s0 = G(0, 0) * G(0, 0) + G(1, 0) * G(1, 0) + G(2, 0) * G(2, 0);
+    const double s1 = G(0, 1) * G(0, 1) + G(1, 1) * G(1, 1) + G(2, 1) * G(2, 1);
+    const double s2 = G(0, 2) * G(0, 2) + G(1, 2) * G(1, 2) + G(2, 2) * G(2, 2);
+    const double det = G(0, 0) * (G(1, 1) * G(2, 2) - G(1, 2) * G(2, 1)) +
+                       G(0, 1) * (G(1, 2) * G(2, 0) - G(1, 0) * G(2, 2)) +
+                       G(0, 2) * (G(1, 0) * G(2, 1) - G(1, 1) * G(2, 0));
+    const double smax = std::max(s0, std::max(s1, s2));
+    if (s2 > 1e-20 && Gzz * Gzz >= 1e-15 && std::min(s0, s1) > 1e-8 * smax && det * det > 1e-4 * (s0 * s1 * s2)) return;
+  }
+
   const Mat<3, 1> g0{G(0, 0), G(1, 0), G(2, 0)};
   const Mat<3, 1> g1{G(0, 1), G(1, 1), G(2, 1)};
   const Mat<3, 1> g2{G(0, 2), G(1, 2), G(2, 2)};

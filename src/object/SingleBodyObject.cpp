@@ -18,6 +18,20 @@ inline Mat<3, 1> mulT(const Mat<3, 3>& R, const Mat<3, 1>& x) {
   return {R(0, 0) * x[0] + R(1, 0) * x[1] + R(2, 0) * x[2], R(0, 1) * x[0] + R(1, 1) * x[1] + R(2, 1) * x[2],
           R(0, 2) * x[0] + R(1, 2) * x[1] + R(2, 2) * x[2]};
 }
+// A column of three: rows 0 and 1 as one two-lane vector, row 2 apart.
+// Lane arithmetic is the scalar arithmetic of each element, two at once.
+typedef double Lanes2 __attribute__((vector_size(16)));
+struct Col3 {
+  Lanes2 xy;
+  double z;
+  double lane(int k) const { return xy[k]; }
+};
+inline Col3 column(const Mat<3, 3>& m, size_t j) { return {Lanes2{m(0, j), m(1, j)}, m(2, j)}; }
+// (a s0 + b s1) + c s2, element by element.
+inline Col3 combine(const Col3& a, const Col3& b, const Col3& c, double s0, double s1, double s2) {
+  const Lanes2 v0 = {s0, s0}, v1 = {s1, s1}, v2 = {s2, s2};
+  return {a.xy * v0 + b.xy * v1 + c.xy * v2, a.z * s0 + b.z * s1 + c.z * s2};
+}
 inline Mat<3, 3> inverse33(const Mat<3, 3>& m) {
   Mat<3, 3> out;
   invert33(m, out);
@@ -236,46 +250,6 @@ void SingleBodyObject::clearExternalForcesAndTorques() {
 void SingleBodyObject::getContactPointVel(size_t c, Mat<3, 1>& vel) const {
   contactPointVelocity(c, generalizedVelocity_.v, generalizedVelocity_.v + 3, vel);
 }
-void SingleBodyObject::addContactPointVel(size_t c, Mat<3, 1>& vel) {
-  Mat<3, 1> pv;
-  contactPointVelocity(c, generalizedVelocity_.v, generalizedVelocity_.v + 3, pv);
-  vel += pv;
-}
-void SingleBodyObject::subContactPointVel(size_t c, Mat<3, 1>& vel) {
-  Mat<3, 1> pv;
-  contactPointVelocity(c, generalizedVelocity_.v, generalizedVelocity_.v + 3, pv);
-  vel -= pv;
-}
-void SingleBodyObject::addContactPointVel2(size_t c, Mat<3, 1>& vel) {
-  Mat<3, 1> pv;
-  contactPointVelocity(c, linearVelocity_.v, angularVelocity_.v, pv);
-  vel += pv;
-}
-void SingleBodyObject::subContactPointVel2(size_t c, Mat<3, 1>& vel) {
-  Mat<3, 1> pv;
-  contactPointVelocity(c, linearVelocity_.v, angularVelocity_.v, pv);
-  vel -= pv;
-}
-void SingleBodyObject::updateGenVelWithImpulse(size_t c, const Mat<3, 1>& impulse) {
-  const ContactPoint& cp = contactPoints_[c];
-  const Mat<3, 3>& f = cp.frame;
-  const double* r = cp.arm.v;
-  // The impulse in world coordinates, then its linear and angular effect.
-  const double Fx = f(0, 0) * impulse[0] + f(1, 0) * impulse[1] + f(2, 0) * impulse[2];
-  const double Fy = f(0, 1) * impulse[0] + f(1, 1) * impulse[1] + f(2, 1) * impulse[2];
-  const double Fz = f(0, 2) * impulse[0] + f(1, 2) * impulse[1] + f(2, 2) * impulse[2];
-  const double tx = Fy * r[2] - Fz * r[1];
-  const double ty = Fz * r[0] - Fx * r[2];
-  const double tz = Fx * r[1] - Fy * r[0];
-  const Mat<3, 3>& I = worldInertiaInverse_;
-  double* u = generalizedVelocity_.v;
-  u[0] += inverseMass_ * Fx;
-  u[1] += inverseMass_ * Fy;
-  u[2] += inverseMass_ * Fz;
-  u[3] += I(0, 0) * tx + I(0, 1) * ty + I(0, 2) * tz;
-  u[4] += I(1, 0) * tx + I(1, 1) * ty + I(1, 2) * tz;
-  u[5] += I(2, 0) * tx + I(2, 1) * ty + I(2, 2) * tz;
-}
 
 // --------------------------------------------------------------------- step --
 
@@ -286,28 +260,42 @@ void SingleBodyObject::preContactSolverUpdate1(const Mat<3, 1>&, double) {
   }
   contactPoints_.resize(contacts_.size());
   const Mat<3, 3>& I = worldInertiaInverse_;
+  const Col3 I0 = column(I, 0), I1 = column(I, 1), I2 = column(I, 2);
   for (size_t i = 0; i < contacts_.size(); ++i) {
     Contact& c = contacts_[i];
     const Mat<3, 1> r = sub(comPosition_, c.position);
     contactPoints_[i].frame = c.frame;
     contactPoints_[i].arm = r;
-    // D = S I^-1 S^T with S the skew matrix of r: the six distinct elements.
-    // M = I^-1 S^T, then D(i,j) = row i of S times column j of M.
+    // D = F S I^-1 S^T F^T + I/m with S the skew matrix of r and F the frame.
+    // M = I^-1 S^T, column b = sum over k of I's column k times S(b,k); then
+    // column j of S M = sum over k of S's column k times M(k,j) (its lower
+    // part is kept, the upper mirrors it); then T = F (S M)^T and the lower
+    // part of T F^T. Every element is summed over k = 0, 1, 2 in that order,
+    // two rows at a time.
     const double S[3][3] = {{0.0, -r[2], r[1]}, {r[2], 0.0, -r[0]}, {-r[1], r[0], 0.0}};
-    double M[3][3];
-    for (size_t a = 0; a < 3; ++a)
-      for (size_t b = 0; b < 3; ++b) M[a][b] = I(a, 0) * S[b][0] + I(a, 1) * S[b][1] + I(a, 2) * S[b][2];
+    const Col3 S0{{S[0][0], S[1][0]}, S[2][0]}, S1{{S[0][1], S[1][1]}, S[2][1]}, S2{{S[0][2], S[1][2]}, S[2][2]};
+    Col3 M[3];
+    for (size_t b = 0; b < 3; ++b) M[b] = combine(I0, I1, I2, S[b][0], S[b][1], S[b][2]);
+    double L[3][3];  // S M, lower part read
+    for (size_t j = 0; j < 3; ++j) {
+      const Col3 d = combine(S0, S1, S2, M[j].lane(0), M[j].lane(1), M[j].z);
+      L[0][j] = d.lane(0), L[1][j] = d.lane(1), L[2][j] = d.z;
+    }
+    const double Ds[3][3] = {{L[0][0], L[1][0], L[2][0]}, {L[1][0], L[1][1], L[2][1]}, {L[2][0], L[2][1], L[2][2]}};
+    const Mat<3, 3>& F = c.frame;
+    const Col3 F0 = column(F, 0), F1 = column(F, 1), F2 = column(F, 2);
+    Col3 T[3];
+    for (size_t k = 0; k < 3; ++k) T[k] = combine(F0, F1, F2, Ds[k][0], Ds[k][1], Ds[k][2]);
+    const Col3 o0 = combine(T[0], T[1], T[2], F(0, 0), F(0, 1), F(0, 2));
+    const Col3 o1 = combine(T[0], T[1], T[2], F(1, 0), F(1, 1), F(1, 2));
+    const double o2 = T[0].z * F(2, 0) + T[1].z * F(2, 1) + T[2].z * F(2, 2);
     Mat<3, 3>& D = c.delassus;
-    for (size_t col = 0; col < 3; ++col)
-      for (size_t row = col; row < 3; ++row)
-        D(row, col) = S[row][0] * M[0][col] + S[row][1] * M[1][col] + S[row][2] * M[2][col];
-    D(0, 1) = D(1, 0);
-    D(0, 2) = D(2, 0);
-    D(1, 2) = D(2, 1);
-    similarityTransform(c.frame, D, D);
-    D(0, 0) += inverseMass_;
-    D(1, 1) += inverseMass_;
-    D(2, 2) += inverseMass_;
+    D(0, 0) = o0.lane(0) + inverseMass_;
+    D(1, 0) = D(0, 1) = o0.lane(1);
+    D(2, 0) = D(0, 2) = o0.z;
+    D(1, 1) = o1.lane(1) + inverseMass_;
+    D(2, 1) = D(1, 2) = o1.z;
+    D(2, 2) = o2 + inverseMass_;
   }
 }
 

@@ -54,6 +54,11 @@ class alignas(32) Single3DContactProblem {
   Object* objectA = nullptr;
   Object* objectB = nullptr;
   int rank = 3;
+  // The object is a SingleBodyObject (set by the world for collision points):
+  // the solver then calls its contact functions directly rather than through
+  // the virtual interface, with the same arithmetic. False is always safe.
+  bool singleBodyA = false;
+  bool singleBodyB = false;
   size_t localIndexA = 0;
   size_t localIndexB = 0;
   Mat<3, 1> position{};

@@ -61,13 +61,50 @@ class SingleBodyObject : public Object {
   void getContactPointVel(size_t contactIdx, Mat<3, 1>& vel) const override;
   void clearExternalForcesAndTorques() override;
   void destroyCollisionBodies(dxSpace* space) override;
-  void addContactPointVel(size_t contactIdx, Mat<3, 1>& vel) override;
-  void subContactPointVel(size_t contactIdx, Mat<3, 1>& vel) override;
-  void addContactPointVel2(size_t contactIdx, Mat<3, 1>& vel) override;
-  void subContactPointVel2(size_t contactIdx, Mat<3, 1>& vel) override;
+  // The solver's per-contact reads and writes. Defined here so that the solver,
+  // which knows when an object is a single body, can call them without dispatch.
+  void addContactPointVel(size_t contactIdx, Mat<3, 1>& vel) override {
+    Mat<3, 1> pv;
+    contactPointVelocity(contactIdx, generalizedVelocity_.v, generalizedVelocity_.v + 3, pv);
+    vel += pv;
+  }
+  void subContactPointVel(size_t contactIdx, Mat<3, 1>& vel) override {
+    Mat<3, 1> pv;
+    contactPointVelocity(contactIdx, generalizedVelocity_.v, generalizedVelocity_.v + 3, pv);
+    vel -= pv;
+  }
+  void addContactPointVel2(size_t contactIdx, Mat<3, 1>& vel) override {
+    Mat<3, 1> pv;
+    contactPointVelocity(contactIdx, linearVelocity_.v, angularVelocity_.v, pv);
+    vel += pv;
+  }
+  void subContactPointVel2(size_t contactIdx, Mat<3, 1>& vel) override {
+    Mat<3, 1> pv;
+    contactPointVelocity(contactIdx, linearVelocity_.v, angularVelocity_.v, pv);
+    vel -= pv;
+  }
   void updateTimeStep(double /*dt*/) override {}
   void updateTimeStepIfNecessary(double /*dt*/) override {}
-  void updateGenVelWithImpulse(size_t contactIdx, const Mat<3, 1>& impulse) override;
+  void updateGenVelWithImpulse(size_t contactIdx, const Mat<3, 1>& impulse) override {
+    const ContactPoint& cp = contactPoints_[contactIdx];
+    const Mat<3, 3>& f = cp.frame;
+    const double* r = cp.arm.v;
+    // The impulse in world coordinates, then its linear and angular effect.
+    const double Fx = f(0, 0) * impulse[0] + f(1, 0) * impulse[1] + f(2, 0) * impulse[2];
+    const double Fy = f(0, 1) * impulse[0] + f(1, 1) * impulse[1] + f(2, 1) * impulse[2];
+    const double Fz = f(0, 2) * impulse[0] + f(1, 2) * impulse[1] + f(2, 2) * impulse[2];
+    const double tx = Fy * r[2] - Fz * r[1];
+    const double ty = Fz * r[0] - Fx * r[2];
+    const double tz = Fx * r[1] - Fy * r[0];
+    const Mat<3, 3>& I = worldInertiaInverse_;
+    double* u = generalizedVelocity_.v;
+    u[0] += inverseMass_ * Fx;
+    u[1] += inverseMass_ * Fy;
+    u[2] += inverseMass_ * Fz;
+    u[3] += I(0, 0) * tx + I(0, 1) * ty + I(0, 2) * tz;
+    u[4] += I(1, 0) * tx + I(1, 1) * ty + I(1, 2) * tz;
+    u[5] += I(2, 0) * tx + I(2, 1) * ty + I(2, 2) * tz;
+  }
   void setGeomObjectIndex(size_t index) override;
 
   // ---- pose and velocity (between steps) ----
