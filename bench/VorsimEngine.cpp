@@ -98,6 +98,10 @@ class VorsimEngine : public Engine {
     for (size_t k = 0; k < 3; ++k) out[k] = p[k];
   }
   void velocity(size_t i, double out[3]) const override {
+    if (!robots_.empty()) {
+      for (size_t k = 0; k < 3; ++k) out[k] = robots_[i]->gv[k];
+      return;
+    }
     if (robot_) {
       for (size_t k = 0; k < 3; ++k) out[k] = robot_->gv[k];
       return;
