@@ -22,7 +22,7 @@ Eigen::Vector3d E(const Mat<3, 1>& m) { return m.e(); }
 
 // Expects `fn` to raise a fatal message containing `text`.
 void expectFatal(const std::function<void()>& fn, const std::string& text) {
-  const std::string out = fatalMessage(fn);
+  const std::string out = fatalOf(fn);
   EXPECT_NE(out.find(text), std::string::npos) << "expected: " << text << "\ngot: " << out;
 }
 

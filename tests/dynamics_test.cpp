@@ -561,7 +561,7 @@ TEST(DynamicsInput, WrongLengthsAndBaseSettersEndInFatalMessages) {
       {[&] { fixed.setPdTarget(shortGains, shortGains); }, "Wrong number of PD target elements"},
   };
   for (const auto& [call, message] : cases) {
-    const std::string text = fatalMessage(call);
+    const std::string text = fatalOf(call);
     EXPECT_NE(text.find(message), std::string::npos) << "expected: " << message << "\ngot: " << text;
   }
 

@@ -34,7 +34,7 @@ std::string writeTemp(const std::string& text) {
 
 std::string fatalOfMjcf(const std::string& text) {
   const std::string path = writeTemp(text);
-  return vorsim_test::fatalMessage([&] { World world(path); });
+  return vorsim_test::fatalOf([&] { World world(path); });
 }
 
 ArticulatedSystem* firstSystem(World& world) {

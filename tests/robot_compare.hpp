@@ -179,19 +179,6 @@ std::pair<std::unique_ptr<T>, std::string> built(Args&&... args) {
   return {std::move(made), out.text()};
 }
 
-// What `call` prints before it raises a fatal message ("no fatal message" if
-// it returns).
-inline std::string fatalMessage(const std::function<void()>& call) {
-  ThrowOnFatal guard;
-  StdoutCapture out;
-  try {
-    call();
-  } catch (const FatalError&) {
-    return out.text();
-  }
-  return "no fatal message";
-}
-
 // The robot's joint-space mass matrix at its present configuration, as an
 // Eigen matrix (a copy: the next call overwrites the robot's own).
 inline Eigen::MatrixXd massMatrixOf(vorsim::ArticulatedSystem& s) { return s.getMassMatrix().e(); }

@@ -183,7 +183,7 @@ TEST(UrdfLoader, ReadsEveryElementIntoTheSystem) {
   EXPECT_EQ(eyeFrame.parentId, 1u);
   EXPECT_EQ(eyeFrame.position[0], 0.1);
   World world;
-  EXPECT_NE(vorsim_test::fatalMessage([&] { eye->update(world); })
+  EXPECT_NE(vorsim_test::fatalOf([&] { eye->update(world); })
                 .find("RGB sensors can only be updated by the visualizer. Use VorsimUnreal."),
             std::string::npos);
   auto imu = std::dynamic_pointer_cast<InertialMeasurementUnit>(s.getSensors().at("base:imu"));
@@ -378,7 +378,7 @@ TEST(UrdfLoader, BadInputEndsInLocatedFatalMessages) {
        "The configuration of the pin constraints has 4 entries, but the system has 8"},
   };
   for (const BadInput& c : cases) {
-    const std::string text = vorsim_test::fatalMessage([&] { ArticulatedSystem s(c.urdf, "r", c.jointOrder); });
+    const std::string text = vorsim_test::fatalOf([&] { ArticulatedSystem s(c.urdf, "r", c.jointOrder); });
     EXPECT_NE(text.find(c.message), std::string::npos) << "expected: " << c.message << "\ngot: " << text;
   }
 }
