@@ -181,9 +181,10 @@ class MujocoEngine : public Engine {
   // <inertial> from them), no inertia on links of zero mass (vorsim gives
   // them none), links on fixed joints kept as bodies, a lower bound on the
   // mass of the humanoid's massless links that MuJoCo needs, and a floating
-  // or fixed joint from "world" to the root link. Contact, limits, friction
-  // loss and the panda's mimic equality are switched off: the scenes are
-  // contact-free, and vorsim's robots have no joint limits yet.
+  // or fixed joint from "world" to the root link. Contact, friction loss and
+  // the panda's mimic equality are switched off: the scenes are contact-free
+  // and vorsim's robots have neither. Joint limits stay on, as in vorsim: the
+  // arm swings into its limits under gravity.
   void buildRobot(const SceneDesc& scene) {
     const RobotDesc& r = scene.robot;
     robot_ = true;
@@ -208,7 +209,7 @@ class MujocoEngine : public Engine {
     model_->opt.gravity[0] = model_->opt.gravity[1] = 0.0;
     model_->opt.gravity[2] = scene.gravity;
     model_->opt.integrator = s_.integrator;
-    model_->opt.disableflags |= mjDSBL_CONSTRAINT;
+    model_->opt.disableflags |= mjDSBL_CONTACT | mjDSBL_EQUALITY | mjDSBL_FRICTIONLOSS;
     data_ = mj_makeData(model_);
 
     std::vector<std::string> names;
