@@ -55,8 +55,8 @@ inline Child root(const std::string& name, Joint::Type type, double mass = 0.0, 
 
 // A link placed at pos, rot on its parent, turning about axis, with a full,
 // non-diagonal inertia, so that no off-diagonal term hides.
-inline Child body(const std::string& name, Joint::Type type, Mat<3, 1> pos, Mat<3, 3> rot, Mat<3, 1> axis,
-                  double mass, Mat<3, 1> com) {
+inline Child body(const std::string& name, Joint::Type type, Mat<3, 1> pos, Mat<3, 3> rot, Mat<3, 1> axis, double mass,
+                  Mat<3, 1> com) {
   Child c = link(name, type, mass, com);
   c.pos = pos;
   c.rot = rot;
@@ -84,8 +84,7 @@ inline Child makeTree(Joint::Type rootType) {
   Child side = body("side", Joint::REVOLUTE, {-0.3, 0, 0}, rotation(0.5, {0, 1, 0}), {0, 1, 0}, 0.9, {-0.1, 0.0, 0.03});
   Child tip =
       body("tip", Joint::SPHERICAL, {-0.2, 0.1, 0}, rotation(0.3, {1, 0, 0}), {0, 0, 1}, 0.4, {0.02, 0.02, -0.05});
-  // Fixed links: merged into their movable parent, they live on as frames
-  // away from its origin.
+  // Fixed links live on as frames away from their movable parent's origin.
   wrist.fixedBodies.push_back(
       body("tool", Joint::FIXED, {0.05, 0.1, -0.15}, rotation(0.6, {1, 1, 1}), {0, 0, 1}, 0.2, {0.01, 0.0, 0.02}));
   tip.fixedBodies.push_back(link("mount", Joint::FIXED));
@@ -98,8 +97,8 @@ inline Child makeTree(Joint::Type rootType) {
   return base;
 }
 
-// Uniform random gc in [-1, 1] (quaternions are normalised by the setter)
-// and gv in [-speed, speed].
+// Uniform random gc in [-1, 1] (the setter normalises quaternions), gv in
+// [-speed, speed].
 inline void randomState(vorsim::ArticulatedSystem& s, unsigned seed, double speed = 1.0) {
   std::mt19937 rng(seed);
   std::uniform_real_distribution<double> d(-1.0, 1.0);
@@ -245,14 +244,13 @@ inline void expectSameTables(const vorsim::ArticulatedSystem& a, const vorsim::A
   ASSERT_EQ(a.frames.size(), b.frames.size());
   for (size_t f = 0; f < a.frames.size(); ++f) {
     const vorsim::CoordinateFrame &fa = a.frames[f], &fb = b.frames[f];
-    EXPECT_EQ(fa.name, fb.name) << "frame " << f;
-    EXPECT_EQ(fa.bodyName, fb.bodyName) << "frame " << f;
-    EXPECT_EQ(fa.parentName, fb.parentName) << "frame " << f;
-    EXPECT_EQ(fa.parentId, fb.parentId) << "frame " << f;
-    EXPECT_EQ(fa.isMovableJoint, fb.isMovableJoint) << "frame " << f;
-    EXPECT_EQ(fa.jointType, fb.jointType) << "frame " << f;
-    expectNear(fa.position, fb.position, tol, "frame " + fa.name);
-    expectNear(fa.orientation, fb.orientation, tol, "frame " + fa.name);
+    SCOPED_TRACE("frame " + fa.name);
+    EXPECT_EQ(fa.name + "|" + fa.bodyName + "|" + fa.parentName, fb.name + "|" + fb.bodyName + "|" + fb.parentName);
+    EXPECT_EQ(fa.parentId, fb.parentId);
+    EXPECT_EQ(fa.isMovableJoint, fb.isMovableJoint);
+    EXPECT_EQ(fa.jointType, fb.jointType);
+    expectNear(fa.position, fb.position, tol, "position");
+    expectNear(fa.orientation, fb.orientation, tol, "orientation");
   }
   ASSERT_EQ(a.collisionDefinitions.size(), b.collisionDefinitions.size());
   for (size_t k = 0; k < a.collisionDefinitions.size(); ++k) {
