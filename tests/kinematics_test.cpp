@@ -115,37 +115,6 @@ TEST(Kinematics, BaseBlocksAndQuaternions) {
   EXPECT_EQ(floating.gc[floating.gcIdx[2] + 3], 1.0);
 }
 
-namespace {
-// Reaches the compact Jacobian of the contact path.
-class ContactPathSystem : public ArticulatedSystem {
- public:
-  using ArticulatedSystem::ArticulatedSystem;
-  using ArticulatedSystem::getSparseJacobian_internal;
-};
-}  // namespace
-
-TEST(Kinematics, TheCompactContactJacobianKeepsTheJointColumns) {
-  ContactPathSystem s(makeTree(Joint::FLOATING), "r");
-  VecDyn gc(s.gcDim);
-  for (size_t i = 0; i < s.gcDim; ++i) gc[i] = 0.1 * double(i + 1);
-  s.setGeneralizedCoordinate(gc);
-  SparseJacobian full, compact;
-  compact.resize(s.dof);
-  const Mat<3, 1> pW{0.3, -0.2, 0.9};
-  for (size_t body = 0; body < s.nbody; ++body) {
-    s.getSparseJacobian(body, pW, full);
-    s.getSparseJacobian_internal(body, pW, compact);
-    ASSERT_EQ(compact.size, full.size);
-    for (size_t k = 0; k < 6; ++k) EXPECT_EQ(compact.idx[k], k);
-    // The base block is carried by column 3 alone: the lever arm itself.
-    for (size_t r = 0; r < 3; ++r) EXPECT_EQ(compact.v(r, 3), pW[r] - s.posW[0][r]);
-    for (size_t k = 6; k < full.size; ++k) {
-      EXPECT_EQ(compact.idx[k], full.idx[k]);
-      for (size_t r = 0; r < 3; ++r) EXPECT_EQ(compact.v(r, k), full.v(r, k));
-    }
-  }
-}
-
 TEST(Kinematics, FramesAndBaseSetters) {
   ArticulatedSystem s(makeTree(Joint::FLOATING), "r");
   randomState(s, 7);
