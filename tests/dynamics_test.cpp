@@ -455,7 +455,7 @@ TEST(DynamicsInput, WrongLengthsAndBaseSettersEndInFatalMessages) {
        fixedBase},
       {[&] { fixed.getBaseOrientation(q); }, "This method is only for floating base"},
       {[&] { fixed.setPdGains(shortGains, shortGains); }, "Wrong number of PD gain elements"},
-      {[&] { fixed.setPdTarget(shortGains, shortGains); }, "Wrong number of PD target elements"},
+      {[&] { fixed.setPdTarget(fixed.gc, shortGains); }, "Wrong number of PD target elements"},
   };
   for (const auto& [call, message] : cases) {
     const std::string text = fatalOf(call);

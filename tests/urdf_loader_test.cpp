@@ -295,7 +295,8 @@ TEST(UrdfLoader, BadInputEndsInLocatedFatalMessages) {
              R"(<joint name="k" type="fixed"><parent link="c"/><child link="d"/></joint>
 <joint name="l" type="fixed"><parent link="d"/><child link="c"/></joint>)"),
        "link \"c\" is not connected to the root: its joints form a cycle"},
-      {robot(kTwoLinks), "two root links, \"a\" and \"b\""},
+      {robot(kTwoLinks), "at row:3 col:1, the node 'link': the description has two root links, \"a\" and \"b\""},
+      {robot("<link name=\"world\"/>"), "the link \"world\" has no child: there is no robot to fix to it"},
       {robot(kTwoLinks + R"(<link name="a"/>)"), "a link named \"a\" is defined twice"},
       {robot(kTwoLinks + kJointAB), "given joint names are not found in the file", {"j", "missing"}},
       {robot(kTwoLinks + kJointAB + kJointAB), "given joint names are not found in the file"},
