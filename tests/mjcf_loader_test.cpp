@@ -169,38 +169,6 @@ TEST(MjcfLoader, SceneElementsReachTheWorld) {
   EXPECT_LT(ball->getPosition()[2], 1.0);
 }
 
-TEST(MjcfLoader, OrientationsAndSizes) {
-  // Every orientation form, and fromto for position and size.
-  const std::string path = writeTemp(R"(<mujoco><compiler angle="degree" eulerseq="zyz"/><worldbody>
-  <geom name="q" type="sphere" size="1" quat="2 0 0 2"/>
-  <geom name="aa" type="sphere" size="1" axisangle="0 0 3 90"/>
-  <geom name="xy" type="sphere" size="1" xyaxes="0 0.6 0.8 0 -0.8 0.6"/>
-  <geom name="z" type="sphere" size="1" zaxis="0 0 -2"/>
-  <geom name="e" type="sphere" size="1" euler="90 90 0"/>
-  <geom name="ft" type="capsule" size="0.1" fromto="1 0 0 1 0 2"/>
-  <geom name="cyl" type="cylinder" size="0.1 0.3"/>
-</worldbody></mujoco>)");
-  World world(path);
-  auto R = [&](const std::string& name) {
-    return dynamic_cast<SingleBodyObject*>(world.getObject(name))->getRotationMatrix();
-  };
-  // quat 2 0 0 2 is a quarter turn about z (normalised); xyaxes gives the
-  // columns x, y and x cross y; zyz with (90, 90, 0) is Rz(90) Ry(90).
-  const std::pair<std::string, Eigen::Matrix3d> expected[] = {
-      {"q", (Eigen::Matrix3d() << 0, -1, 0, 1, 0, 0, 0, 0, 1).finished()},
-      {"aa", (Eigen::Matrix3d() << 0, -1, 0, 1, 0, 0, 0, 0, 1).finished()},
-      {"xy", (Eigen::Matrix3d() << 0, 0, 1, 0.6, -0.8, 0, 0.8, 0.6, 0).finished()},
-      {"e", (Eigen::Matrix3d() << 0, -1, 0, 0, 0, 1, -1, 0, 0).finished()}};
-  for (const auto& [name, m] : expected) EXPECT_LT((R(name).e() - m).norm(), 1e-14) << name;
-  EXPECT_NEAR(R("z")(2, 2), -1.0, 1e-15);
-  auto* ft = dynamic_cast<Capsule*>(world.getObject("ft"));
-  EXPECT_EQ(ft->getRadius(), 0.1);
-  EXPECT_EQ(ft->getHeight(), 2.0);  // half length 1, doubled
-  EXPECT_EQ(ft->getPosition().e(), Eigen::Vector3d(1, 0, 1));
-  for (size_t k = 0; k < 9; ++k) EXPECT_EQ(ft->getRotationMatrix().v[k], k % 4 == 0 ? 1.0 : 0.0);  // along z
-  EXPECT_EQ(dynamic_cast<Cylinder*>(world.getObject("cyl"))->getHeight(), 0.6);
-}
-
 TEST(MjcfLoader, MovedFixedBodiesKeepsTheSwapOrder) {
   // Each fixed entry ("F...") moves to the fixed bodies, and the last entry
   // among the movable ones takes its place.
@@ -229,14 +197,27 @@ TEST(MjcfLoader, MovedFixedBodiesKeepsTheSwapOrder) {
   }
 }
 
-TEST(MjcfLoader, ClassChainAndPoses) {
+TEST(MjcfLoader, ClassesPosesOrientationsAndSizes) {
   // A class value found through two parents; an element's own value wins.
-  const std::string path = writeTemp(R"(<mujoco><default><joint damping="1"/>
+  // A single body cannot hold a hinge: "door" becomes a robot hanging from
+  // "root"; without a joint "crate" is a single body. Every orientation
+  // form, and fromto for position and size.
+  const std::string path = writeTemp(R"(<mujoco><compiler angle="degree" eulerseq="zyz"/><default><joint damping="1"/>
   <default class="p"><joint stiffness="2"/><default class="q"><default class="r"/></default></default></default>
   <worldbody><body name="b"><geom type="sphere" size="0.1"/>
     <body name="c" pos="1 0 0"><joint class="r" name="j" armature="3" springref="30" ref="30"/><geom type="sphere" size="0.1"/></body>
     <body name="d" pos="0 1 0"><joint class="r" name="k" damping="5" type="slide" range="0 10" ref="0.1"/><geom type="sphere" size="0.1"/></body>
-  </body></worldbody></mujoco>)");
+  </body>
+  <body name="door" pos="0 0 1"><joint type="hinge" axis="0 0 1"/><geom type="box" size="0.5 0.02 1"/></body>
+  <body name="crate" pos="2 0 1"><geom type="box" size="0.1 0.1 0.1"/></body>
+  <geom name="q" type="sphere" size="1" quat="2 0 0 2"/>
+  <geom name="aa" type="sphere" size="1" axisangle="0 0 3 90"/>
+  <geom name="xy" type="sphere" size="1" xyaxes="0 0.6 0.8 0 -0.8 0.6"/>
+  <geom name="z" type="sphere" size="1" zaxis="0 0 -2"/>
+  <geom name="e" type="sphere" size="1" euler="90 90 0"/>
+  <geom name="ft" type="capsule" size="0.1" fromto="1 0 0 1 0 2"/>
+  <geom name="cyl" type="cylinder" size="0.1 0.3"/>
+</worldbody></mujoco>)");
   World world(path);
   auto* s = firstSystem(world);
   ASSERT_NE(s, nullptr);
@@ -254,21 +235,31 @@ TEST(MjcfLoader, ClassChainAndPoses) {
   // A prismatic reference shifts all three components of the joint's place.
   EXPECT_EQ(s->jointPosP[2][0], -0.1);
   EXPECT_EQ(s->jointPosP[2][1], 0.9);
-}
 
-TEST(MjcfLoader, AJointedBodyWithoutSubBodiesIsARobot) {
-  // A single body cannot hold a hinge: the body becomes a robot hanging from
-  // "root". Without a joint, or with a free one, it is a single body.
-  const std::string path = writeTemp(R"(<mujoco><worldbody>
-  <body name="door" pos="0 0 1"><joint type="hinge" axis="0 0 1"/><geom type="box" size="0.5 0.02 1"/></body>
-  <body name="crate" pos="2 0 1"><geom type="box" size="0.1 0.1 0.1"/></body>
-</worldbody></mujoco>)");
-  World world(path);
   auto* door = dynamic_cast<ArticulatedSystem*>(world.getObject("door"));
   ASSERT_NE(door, nullptr);
   EXPECT_EQ(door->bodyNames, (std::vector<std::string>{"root", "door"}));
   EXPECT_EQ(door->jointType[1], Joint::REVOLUTE);
   EXPECT_NE(dynamic_cast<Box*>(world.getObject("crate")), nullptr);
+
+  auto R = [&](const std::string& name) {
+    return dynamic_cast<SingleBodyObject*>(world.getObject(name))->getRotationMatrix();
+  };
+  // quat 2 0 0 2 is a quarter turn about z (normalised); xyaxes gives the
+  // columns x, y and x cross y; zyz with (90, 90, 0) is Rz(90) Ry(90).
+  const std::pair<std::string, Eigen::Matrix3d> expected[] = {
+      {"q", (Eigen::Matrix3d() << 0, -1, 0, 1, 0, 0, 0, 0, 1).finished()},
+      {"aa", (Eigen::Matrix3d() << 0, -1, 0, 1, 0, 0, 0, 0, 1).finished()},
+      {"xy", (Eigen::Matrix3d() << 0, 0, 1, 0.6, -0.8, 0, 0.8, 0.6, 0).finished()},
+      {"e", (Eigen::Matrix3d() << 0, -1, 0, 0, 0, 1, -1, 0, 0).finished()}};
+  for (const auto& [name, m] : expected) EXPECT_LT((R(name).e() - m).norm(), 1e-14) << name;
+  EXPECT_NEAR(R("z")(2, 2), -1.0, 1e-15);
+  auto* ft = dynamic_cast<Capsule*>(world.getObject("ft"));
+  EXPECT_EQ(ft->getRadius(), 0.1);
+  EXPECT_EQ(ft->getHeight(), 2.0);  // half length 1, doubled
+  EXPECT_EQ(ft->getPosition().e(), Eigen::Vector3d(1, 0, 1));
+  for (size_t k = 0; k < 9; ++k) EXPECT_EQ(ft->getRotationMatrix().v[k], k % 4 == 0 ? 1.0 : 0.0);  // along z
+  EXPECT_EQ(dynamic_cast<Cylinder*>(world.getObject("cyl"))->getHeight(), 0.6);
 }
 
 TEST(MjcfLoader, UnderAReturningCallbackBadGeomsAreLeftOut) {
