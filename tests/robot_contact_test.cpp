@@ -173,14 +173,17 @@ double largestSpeed(const ArticulatedSystem& s) {
 }  // namespace
 
 TEST(RobotContacts, BlocksAndResponsesEqualDenseAlgebra) {
-  for (bool arm : {false, true}) {
-    SCOPED_TRACE(arm ? "fixed-base arm" : "floating quadruped");
+  // The quadruped (floating), the arm (fixed base) and the tree of ball,
+  // slider and hinge joints.
+  for (int robot = 0; robot < 3; ++robot) {
+    SCOPED_TRACE(robot);
     StdoutCapture quiet;  // the arm's mimic joint is reported
     World world;
     ArticulatedSystem* s =
-        arm ? world.addArticulatedSystem(fixedBaseUrdf("franka_panda/panda.urdf", "panda_link0", 0.0),
-                                         kModels + "franka_panda", {}, 1, 0)
-            : world.addArticulatedSystem(kAnymal, "", {}, 1, 0);
+        robot == 0   ? world.addArticulatedSystem(kAnymal, "", {}, 1, 0)
+        : robot == 1 ? world.addArticulatedSystem(fixedBaseUrdf("franka_panda/panda.urdf", "panda_link0", 0.0),
+                                                  kModels + "franka_panda", {}, 1, 0)
+                     : world.addArticulatedSystem(vorsim_test::makeTree(Joint::FLOATING), "r");
     quiet.text();
     checkAgainstDenseAlgebra(world, *s);
   }
