@@ -1,6 +1,5 @@
-// Building a system from a Child tree: the tree model's helpers, merging of
-// fixed links, the body-, gc- and gv-indexed tables, frames, geoms, names, and
-// a robot's place in a world.
+// Building a system from a Child tree: merging of fixed links, the body-, gc-
+// and gv-indexed tables, frames, geoms, names, and a robot's place in a world.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -20,45 +19,42 @@ constexpr size_t kFixedBaseIdx = 0xFFFFFFFFu;
 Eigen::Matrix3d E(const Mat<3, 3>& m) { return m.e(); }
 Eigen::Vector3d E(const Mat<3, 1>& m) { return m.e(); }
 
-// Expects `fn` to raise a fatal message containing `text`.
 void expectFatal(const std::function<void()>& fn, const std::string& text) {
   const std::string out = fatalOf(fn);
   EXPECT_NE(out.find(text), std::string::npos) << "expected: " << text << "\ngot: " << out;
 }
 
+Child withShape(Child c, Shape::Type shape = Shape::Box) {
+  c.collisionBodies.emplace_back(shape, Mat<4, 1>{0.1, 0.1, 0.1, 0}, Mat<3, 1>{0, 0, 0}, Mat<3, 3>::getIdentity(),
+                                 Mat<3, 1>{1, 1, 1}, c.bodyName + "/0", "", "", "");
+  return c;
+}
+
 }  // namespace
 
-TEST(TreeModel, InertiaOrderAndJointReference) {
+TEST(Building, InertiaOrderAndJointReference) {
   Body body;
   body.setInertiaMjcfOrder(Mat<6, 1>{1, 2, 3, 4, 5, 6});  // xx yy zz xy xz yz
   EXPECT_EQ(E(body.inertia), (Eigen::Matrix3d() << 1, 4, 5, 4, 2, 6, 5, 6, 3).finished());
-
-  Child base = root("root", Joint::FIXED);
-  Child hinge = link("h", Joint::REVOLUTE), slider = link("s", Joint::PRISMATIC);
+  // A revolute reference turns the joint frame back; a prismatic one shifts
+  // the child by the reference in all three components, whatever the axis.
+  Child base = root("root", Joint::FIXED), hinge = link("h", Joint::REVOLUTE), slider = link("s", Joint::PRISMATIC);
   hinge.rot = rotation(0.4, {1, 1, 1});
-  hinge.axis = {0, 0, 1};
   hinge.jointRef = 0.25;
   slider.pos = {1, 2, 3};
   slider.axis = {1, 0, 0};
   slider.jointRef = 0.5;
-  Child untouched = link("u", Joint::REVOLUTE);
-  untouched.rot = rotation(0.9, {0, 1, 2});
-  slider.child.push_back(untouched);
   hinge.child.push_back(slider);
   base.child.push_back(hinge);
   base.processJointRef();
   const Child& h = base.child[0];
-  const Eigen::Matrix3d expected = E(rotation(0.4, {1, 1, 1})) * E(rotation(-0.25, {0, 0, 1}));
-  EXPECT_TRUE(E(h.rot).isApprox(expected, 1e-14));
-  // Subtracted from all three components, whatever the axis.
+  EXPECT_TRUE(E(h.rot).isApprox(E(rotation(0.4, {1, 1, 1})) * E(rotation(-0.25, {0, 0, 1})), 1e-14));
   EXPECT_EQ(E(h.child[0].pos), Eigen::Vector3d(0.5, 1.5, 2.5));
-  // A zero reference leaves the matrix bit for bit.
-  EXPECT_EQ(E(h.child[0].child[0].rot), E(untouched.rot));
 }
 
 TEST(Building, FixedLinksMergeIntoTheirMovableAncestor) {
   // base (floating) -> fixed f1 -> fixed f2 -> revolute arm
-  //                 \-> fixed f3 (massless, with a collision body)
+  //                 \-> fixed f3 (massless, with a collision body and a sensor)
   Child base = root("base", Joint::FLOATING, 2.0, {0.1, 0, 0}, {0.1, 0.2, 0.3});
   Child f1 = link("f1", Joint::FIXED, 1.5, {0, 0.2, 0}, {0.01, 0.02, 0.03});
   f1.pos = {0.5, 0, 0.1};
@@ -79,72 +75,50 @@ TEST(Building, FixedLinksMergeIntoTheirMovableAncestor) {
       InertialMeasurementUnit::ImuProperties{"f3:imu"}, nullptr, Mat<3, 1>{0, 0, 0.2}, Mat<3, 3>::getIdentity()));
   f2.child.push_back(arm);
   f1.fixedBodies.push_back(f2);
-  base.fixedBodies.push_back(f1);
-  base.fixedBodies.push_back(f3);
+  base.fixedBodies = {f1, f3};
 
   // The reference, computed link by link in the base frame.
-  struct Part {
-    double m;
-    Eigen::Vector3d c;
-    Eigen::Matrix3d I;
-  };
   const Eigen::Matrix3d R1 = E(f1.rot), R12 = R1 * E(f2.rot);
   const Eigen::Vector3d p1 = E(f1.pos), p12 = p1 + R1 * E(f2.pos);
-  std::vector<Part> parts = {{2.0, E(base.com), E(base.inertia)},
-                             {1.5, p1 + R1 * E(f1.com), R1 * E(f1.inertia) * R1.transpose()},
-                             {0.5, p12 + R12 * E(f2.com), R12 * E(f2.inertia) * R12.transpose()}};
-  double M = 0;
+  const std::vector<std::tuple<double, Eigen::Vector3d, Eigen::Matrix3d>> parts = {
+      {2.0, E(base.com), E(base.inertia)},
+      {1.5, p1 + R1 * E(f1.com), R1 * E(f1.inertia) * R1.transpose()},
+      {0.5, p12 + R12 * E(f2.com), R12 * E(f2.inertia) * R12.transpose()}};
   Eigen::Vector3d c = Eigen::Vector3d::Zero();
-  for (auto& p : parts) M += p.m, c += p.m * p.c;
-  c /= M;
+  for (const auto& [m, pc, pI] : parts) c += m * pc / 4.0;
   Eigen::Matrix3d I = Eigen::Matrix3d::Zero();
-  for (auto& p : parts) {
-    const Eigen::Vector3d r = p.c - c;
-    I += p.I + p.m * (r.squaredNorm() * Eigen::Matrix3d::Identity() - r * r.transpose());
-  }
+  for (const auto& [m, pc, pI] : parts)
+    I += pI + m * ((pc - c).squaredNorm() * Eigen::Matrix3d::Identity() - (pc - c) * (pc - c).transpose());
 
   ArticulatedSystem sys(base, "res");
   ASSERT_EQ(sys.nbody, 2u);
   EXPECT_EQ(sys.dof, 7u);
-  EXPECT_EQ(sys.gcDim, 8u);
   EXPECT_DOUBLE_EQ(sys.massOf[0], 4.0);
   EXPECT_TRUE(E(sys.comB[0]).isApprox(c, 1e-14));
   EXPECT_TRUE(E(sys.inertiaB[0]).isApprox(I, 1e-13)) << E(sys.inertiaB[0]) << "\n" << I;
   // The arm's joint carries both fixed transforms.
   EXPECT_TRUE(E(sys.jointPosP[1]).isApprox(p12 + R12 * E(arm.pos), 1e-14));
   EXPECT_TRUE(E(sys.jointRotP[1]).isApprox(R12 * E(arm.rot), 1e-14));
-  EXPECT_DOUBLE_EQ(sys.compositeMass[0], 5.0);
 
-  // Frames: root, movable child arm, then each fixed link followed by its
-  // sensors.
+  // Frames: root, movable child arm, then each fixed link followed by its sensors.
   const auto& frames = sys.getFrames();
   std::vector<std::string> names;
   for (const CoordinateFrame& f : frames) names.push_back(f.name);
   ASSERT_EQ(names, (std::vector<std::string>{"ROOT", "arm_joint", "f1_joint", "f3_joint", "f3:imu", "f2_joint"}));
-  EXPECT_EQ(frames[0].bodyName, "base");
-  EXPECT_TRUE(frames[1].isMovableJoint);
-  EXPECT_EQ(frames[1].parentId, 1u);
   EXPECT_TRUE(E(frames[5].position).isApprox(p12, 1e-14));
   EXPECT_TRUE(E(frames[5].orientation).isApprox(R12, 1e-14));
-  EXPECT_EQ(frames[5].bodyName, "f2");
-  EXPECT_EQ(frames[5].parentName, "base");
+  EXPECT_EQ(frames[5].bodyName + "/" + frames[5].parentName, "f2/base");
   EXPECT_EQ(frames[5].parentId, 0u);
-  EXPECT_FALSE(frames[5].isMovableJoint);
 
   // The massless fixed link still brings its collision body and sensor.
   ASSERT_EQ(sys.getCollisionBodies().size(), 1u);
   const CollisionDefinition& d = sys.getCollisionBodies()[0];
-  EXPECT_EQ(d.localIdx, 0u);
   EXPECT_TRUE(E(d.posOffset).isApprox(Eigen::Vector3d(-0.4 + 0.1, 0, 0), 1e-14));
-  EXPECT_EQ(geomData(d.colObj).name, "f3/0");
   EXPECT_EQ(geomData(d.colObj).material, "rubber");
   auto imu = sys.getSensors().at("f3:imu");
   EXPECT_EQ(imu->getFrameIdx(), 4u);
   EXPECT_EQ(imu->getOwner(), &sys);
   EXPECT_TRUE(E(imu->getPositionInBody()).isApprox(Eigen::Vector3d(-0.4 + 0.2, 0, 0), 1e-14));
-  Mat<3, 1> framePos;
-  sys.getFramePosition(4, framePos);
-  EXPECT_TRUE(E(framePos).isApprox(Eigen::Vector3d(-0.2, 0, 0), 1e-14));
 
   // Names: a merged link is a frame, not a body.
   EXPECT_EQ(sys.getBodyIdx("arm"), 1u);
@@ -152,13 +126,11 @@ TEST(Building, FixedLinksMergeIntoTheirMovableAncestor) {
   expectFatal([&] { sys.getBodyIdx("f2"); }, "This is a link name. In VorSim, links with fixed joints are consumed");
   EXPECT_EQ(sys.getFrameIdxByName("f2_joint"), 5u);
   EXPECT_EQ(sys.getFrameIdxByName("nope"), kNone);
-  EXPECT_EQ(&sys.getFrameByName("f3_joint"), &sys.getFrames()[3]);
   expectFatal([&] { sys.getFrameByName("nope"); }, "There is no frame named \"nope\"");
 }
 
 TEST(Building, TablesFollowTheDepthFirstBodyOrder) {
-  // fixed root -> A (revolute) -> A1 (prismatic), A2 (spherical); root -> B
-  // (revolute).
+  // fixed root -> A (revolute) -> A1 (prismatic), A2 (spherical); root -> B (revolute).
   Child top = root("root", Joint::FIXED, 1.0, {0, 0, 0}, {1, 1, 1});
   Child A = link("A", Joint::REVOLUTE, 1.0, {0, 0, 0}, {1, 1, 1});
   A.limit = {-1, 2};
@@ -176,32 +148,21 @@ TEST(Building, TablesFollowTheDepthFirstBodyOrder) {
   A2.damping = 0.75;
   A2.rotorInertia = 0.5;
   A2.effort = -5;  // only a positive effort is a limit
-  Child B = link("B", Joint::REVOLUTE, 4.0, {0, 0, 0}, {1, 1, 1});
   A.child = {A1, A2};
-  top.child = {A, B};
+  top.child = {A, link("B", Joint::REVOLUTE, 4.0, {0, 0, 0}, {1, 1, 1})};
 
   StdoutCapture quiet;
   ArticulatedSystem sys(top, "");
-  EXPECT_NE(quiet.text().find("resDir is not specified."), std::string::npos);  // ends the capture
+  EXPECT_NE(quiet.text().find("resDir is not specified."), std::string::npos);
   ASSERT_EQ(sys.nbody, 5u);
-  EXPECT_EQ(sys.dof, 6u);
   EXPECT_EQ(sys.gcDim, 7u);
   EXPECT_EQ(sys.bodyNames, (std::vector<std::string>{"root", "A", "A1", "A2", "B"}));
   EXPECT_EQ(sys.parent, (std::vector<size_t>{kNone, 0, 1, 1, 0}));
-  EXPECT_EQ(sys.children[0], (std::vector<size_t>{1, 4}));
-  EXPECT_EQ(sys.children[1], (std::vector<size_t>{2, 3}));
-  EXPECT_EQ(sys.leaves, (std::vector<size_t>{2, 3, 4}));
-  EXPECT_EQ(sys.depth, (std::vector<size_t>{1, 2, 3, 3, 2}));
   EXPECT_EQ(sys.gcIdx, (std::vector<size_t>{kFixedBaseIdx, 0, 1, 2, 6}));
   EXPECT_EQ(sys.gvIdx, (std::vector<size_t>{kFixedBaseIdx, 0, 1, 2, 5}));
-  EXPECT_EQ(sys.gcChain, (std::vector<size_t>{0, 1, 2, 5, 1}));
   EXPECT_EQ(sys.gvChain, (std::vector<size_t>{0, 1, 2, 4, 1}));
   EXPECT_EQ(sys.dofParent, (std::vector<size_t>{kNone, 0, 0, 2, 3, kNone}));
-  EXPECT_EQ(sys.compositeMass, (std::vector<double>{11, 6, 2, 3, 4}));
-  EXPECT_EQ(sys.movableJointNames, (std::vector<std::string>{"A_joint", "A1_joint", "A2_joint", "B_joint"}));
-  EXPECT_EQ(sys.jointNameToGv.at("A2_joint"), 2u);
   EXPECT_EQ(sys.jointNameToGv.at("B_joint"), 5u);
-  EXPECT_EQ(sys.jointNameToGv.count("ROOT"), 0u);
 
   EXPECT_EQ(sys.jointLimits[0][1], 2.0);
   EXPECT_EQ(sys.jointLimits[2][0], 0.7);
@@ -209,30 +170,20 @@ TEST(Building, TablesFollowTheDepthFirstBodyOrder) {
   EXPECT_EQ(sys.jointDampingGv.e(), (Eigen::VectorXd(6) << 0.5, 0, 0.75, 0.75, 0.75, 0).finished());
   EXPECT_EQ(sys.jointFrictionGv[0], 0.25);
   EXPECT_EQ(sys.rotorInertiaGv.e(), (Eigen::VectorXd(6) << 0.125, 0, 0.5, 0.5, 0.5, 0).finished());
-  EXPECT_EQ(sys.tauUpper[0], 40.0);
   EXPECT_EQ(sys.tauLower[0], -40.0);
   EXPECT_EQ(sys.tauUpper[2], 1e150);
-  EXPECT_EQ(sys.tauLower[5], -1e150);
   ASSERT_EQ(sys.springs.size(), 1u);
   EXPECT_EQ(sys.springs[0].springBody, 2u);
-  EXPECT_EQ(sys.springs[0].springStiffness, 100.0);
   EXPECT_EQ(sys.springs[0].springRest[0], 0.05);
-  EXPECT_EQ(sys.velocityLimitOf[0], 0.0);
   EXPECT_EQ(sys.velocityLimitOf[2], 3.0);
   // Defaults of gc: the reference coordinate, and unit quaternions.
   EXPECT_EQ(sys.gc.e(), (Eigen::VectorXd(7) << 0.3, 0, 1, 0, 0, 0, 0).finished());
-  EXPECT_EQ(sys.gv.e(), Eigen::VectorXd::Zero(6));
   EXPECT_EQ(sys.getBodyType(0), STATIC);
-  EXPECT_EQ(sys.getBodyType(1), DYNAMIC);
-  EXPECT_EQ(sys.getBodyType(), DYNAMIC);
-  EXPECT_TRUE(sys.child.empty());
 
   // Swapping siblings renumbers everything after them.
   std::swap(top.child[0], top.child[1]);
   ArticulatedSystem swapped(top, "r");
   EXPECT_EQ(swapped.bodyNames, (std::vector<std::string>{"root", "B", "A", "A1", "A2"}));
-  EXPECT_EQ(swapped.gvIdx[2], 1u);
-  EXPECT_EQ(swapped.jointNameToGv.at("B_joint"), 0u);
   EXPECT_EQ(swapped.gc[1], 0.3);
 }
 
@@ -243,12 +194,9 @@ TEST(Building, FloatingBaseLayoutAndEdgeTrees) {
   ArticulatedSystem sys(top, "r");
   EXPECT_EQ(sys.gcIdx, (std::vector<size_t>{0, 7, 11}));
   EXPECT_EQ(sys.gvIdx, (std::vector<size_t>{0, 6, 9}));
-  EXPECT_EQ(sys.gcChain, (std::vector<size_t>{7, 11, 12}));
   EXPECT_EQ(sys.dofParent, (std::vector<size_t>{kNone, 0, 1, 2, 3, 4, 5, 6, 7, 8}));
   EXPECT_EQ(sys.movableJointNames, (std::vector<std::string>{"ROOT", "hip_joint", "leg_joint"}));
-  EXPECT_EQ(sys.jointNameToGv.at("ROOT"), 0u);
   EXPECT_EQ(sys.gc.e(), (Eigen::VectorXd(12) << 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 0).finished());
-  EXPECT_EQ(sys.getBodyType(0), DYNAMIC);
 
   // Only fixed links: one body, no degrees of freedom, everything combined.
   Child lone = root("lone", Joint::FIXED, 1.0, {0, 0, 0}, {1, 1, 1});
@@ -258,32 +206,20 @@ TEST(Building, FloatingBaseLayoutAndEdgeTrees) {
   ArticulatedSystem rigid(lone, "r");
   EXPECT_EQ(rigid.nbody, 1u);
   EXPECT_EQ(rigid.dof, 0u);
-  EXPECT_EQ(rigid.gcDim, 0u);
-  EXPECT_TRUE(rigid.dofParent.empty());
-  EXPECT_EQ(rigid.massOf[0], 4.0);
   EXPECT_DOUBLE_EQ(rigid.comB[0][2], 0.75);
   EXPECT_DOUBLE_EQ(rigid.inertiaB[0](0, 0), 1.0 + 1.0 * 0.75 * 0.75 + 3.0 * 0.25 * 0.25);
-  EXPECT_DOUBLE_EQ(rigid.inertiaB[0](2, 2), 1.0);
 
   // Links of total mass zero: centre of mass zero, no division.
   Child ghost = root("ghost", Joint::FIXED);
-  Child ghostChild = link("g", Joint::FIXED);
-  ghostChild.pos = {1, 0, 0};
-  ghost.fixedBodies.push_back(ghostChild);
-  ArticulatedSystem empty(ghost, "r");
-  EXPECT_EQ(E(empty.comB[0]), Eigen::Vector3d::Zero());
+  ghost.fixedBodies.push_back(link("g", Joint::FIXED));
+  ghost.fixedBodies[0].pos = {1, 0, 0};
+  EXPECT_EQ(E(ArticulatedSystem(ghost, "r").comB[0]), Eigen::Vector3d::Zero());
 }
 
 TEST(Building, IgnoringTheNearestMassiveAncestor) {
-  auto shape = [](Child c) {
-    c.collisionBodies.emplace_back(Shape::Box, Mat<4, 1>{0.1, 0.1, 0.1, 0}, Mat<3, 1>{0, 0, 0},
-                                   Mat<3, 3>::getIdentity(), Mat<3, 1>{1, 1, 1}, c.bodyName + "/0", "", "", "");
-    return c;
-  };
-  Child base = shape(root("base", Joint::FLOATING, 1.0, {0, 0, 0}, {1, 1, 1}));
-  Child hollow = shape(link("hollow", Joint::REVOLUTE));  // massless
-  Child tip = shape(link("tip", Joint::REVOLUTE, 1.0, {0, 0, 0}, {1, 1, 1}));
-  hollow.child.push_back(tip);
+  Child base = withShape(root("base", Joint::FLOATING, 1.0, {0, 0, 0}, {1, 1, 1}));
+  Child hollow = withShape(link("hollow", Joint::REVOLUTE));  // massless
+  hollow.child.push_back(withShape(link("tip", Joint::REVOLUTE, 1.0, {0, 0, 0}, {1, 1, 1})));
   base.child.push_back(hollow);
   ArticulatedSystemOption option;
   option.ignoreParentCollision = true;
@@ -294,25 +230,21 @@ TEST(Building, IgnoringTheNearestMassiveAncestor) {
   EXPECT_TRUE(ignores(1, 0) && ignores(0, 1));  // hollow and base
   EXPECT_TRUE(ignores(2, 0) && ignores(0, 2));  // tip skips the massless hollow
   EXPECT_FALSE(ignores(2, 1));
-  EXPECT_EQ(geomData(defs[2].colObj).localIndex, 2u);
 
-  // A massless fixed root: the walk runs past it without reading out of range.
-  Child fixedRoot = shape(root("root", Joint::FIXED));
-  fixedRoot.child.push_back(shape(link("free", Joint::REVOLUTE)));
-  StdoutCapture quiet;
-  ArticulatedSystem none(fixedRoot, "r", option);
-  const std::string warning = quiet.text();
-  EXPECT_TRUE(geomData(none.getCollisionBodies()[1].colObj).ignoredGeoms.empty());
+  // A massless fixed root: the walk runs past it without reading out of
+  // range, and the massless subtree is reported.
+  Child fixedRoot = withShape(root("root", Joint::FIXED));
+  fixedRoot.child.push_back(withShape(link("free", Joint::REVOLUTE)));
+  const auto [none, warning] = built<ArticulatedSystem>(fixedRoot, "r", option);
+  EXPECT_TRUE(geomData(none->getCollisionBodies()[1].colObj).ignoredGeoms.empty());
+  EXPECT_NE(warning.find("Body \"free\" and the bodies below it have no mass"), std::string::npos);
+  EXPECT_EQ(warning.find("Body \"hollow\""), std::string::npos);
 
-  // Without the option nothing is ignored until asked for.
+  // Without the option nothing is ignored until asked for, and then both ways.
   ArticulatedSystem plain(base, "r");
   EXPECT_TRUE(geomData(plain.getCollisionBodies()[2].colObj).ignoredGeoms.empty());
   plain.ignoreCollisionBetween(2, 0);
-  EXPECT_EQ(geomData(plain.getCollisionBodies()[2].colObj).ignoredGeoms.size(), 1u);
   EXPECT_EQ(geomData(plain.getCollisionBodies()[0].colObj).ignoredGeoms.size(), 1u);
-  // A massless subtree is reported.
-  EXPECT_NE(warning.find("Body \"free\" and the bodies below it have no mass"), std::string::npos);
-  EXPECT_EQ(warning.find("Body \"hollow\""), std::string::npos);  // its child carries mass
 }
 
 TEST(Building, BadTreesEndInFatalMessages) {
@@ -323,10 +255,8 @@ TEST(Building, BadTreesEndInFatalMessages) {
   untyped.bodyName = "u";
   Child misplaced = root("root", Joint::FIXED);
   misplaced.child.push_back(link("welded", Joint::FIXED));
-  Child stl = root("root", Joint::FIXED);
   // A primitive made before the failing mesh must not leak.
-  stl.collisionBodies.emplace_back(Shape::Sphere, Mat<4, 1>{0.1, 0, 0, 0}, Mat<3, 1>{0, 0, 0},
-                                   Mat<3, 3>::getIdentity(), Mat<3, 1>{1, 1, 1}, "s", "", "", "");
+  Child stl = withShape(root("root", Joint::FIXED), Shape::Sphere);
   stl.collisionBodies.emplace_back(Shape::Mesh, Mat<4, 1>{1, 1, 1, 0}, Mat<3, 1>{0, 0, 0}, Mat<3, 3>::getIdentity(),
                                    Mat<3, 1>{1, 1, 1}, "m", "", "", "part.STL");
   const std::pair<Child, std::string> cases[] = {
@@ -341,7 +271,6 @@ TEST(Building, BadTreesEndInFatalMessages) {
 }
 
 TEST(Building, RobotsInAWorld) {
-  const std::string meshDir = std::string(VORSIM_TEST_DATA_DIR) + "/meshes";
   Child base = root("base", Joint::FIXED, 1.0, {0, 0, 0}, {1, 1, 1});
   base.pos = {0, 0, 1};
   Child arm = link("arm", Joint::REVOLUTE, 1.0, {0, 0, 0}, {1, 1, 1});
@@ -350,18 +279,18 @@ TEST(Building, RobotsInAWorld) {
   arm.collisionBodies.emplace_back(Shape::Mesh, Mat<4, 1>{0.2, 0.2, 0.2, 0}, Mat<3, 1>{0, 0, 0.5},
                                    Mat<3, 3>::getIdentity(), Mat<3, 1>{0.2, 0.2, 0.2}, "arm/0", "steel", "",
                                    "package://cube.obj");
-  CollisionBody own(Shape::Sphere, Mat<4, 1>{0.05, 0, 0, 0}, Mat<3, 1>{0, 0, 0}, Mat<3, 3>::getIdentity(),
-                    Mat<3, 1>{1, 1, 1}, "arm/1", "", "", "");
-  own.collisionGroup = 4;
-  own.collisionMask = 8;
-  arm.collisionBodies.push_back(own);
+  arm = withShape(arm, Shape::Sphere);
+  arm.collisionBodies[1].shapeParam = {0.05, 0, 0, 0};
+  arm.collisionBodies[1].name = "arm/1";
+  arm.collisionBodies[1].collisionGroup = 4;
+  arm.collisionBodies[1].collisionMask = 8;
   base.child.push_back(arm);
 
   World world;
   world.addGround();
   auto* sphere = world.addSphere(0.1, 1.0);
   sphere->setPosition(5, 5, 0.1);
-  auto* robot = world.addArticulatedSystem(base, meshDir, 2, 3);
+  auto* robot = world.addArticulatedSystem(base, std::string(VORSIM_TEST_DATA_DIR) + "/meshes", 2, 3);
   ASSERT_EQ(robot->getIndexInWorld(), 2u);
   const auto& defs = robot->getCollisionBodies();
   ASSERT_EQ(defs.size(), 2u);
@@ -375,37 +304,23 @@ TEST(Building, RobotsInAWorld) {
     EXPECT_EQ(geomData(d.colObj).localIndex, 1u);
     EXPECT_EQ(dGeomGetSpace(d.colObj), world.getCollisionSpace());
   }
-  EXPECT_NE(geomData(defs[0].colObj).userData, nullptr);  // the triangle data live with the geom
 
   // Geoms follow the bodies, bounding boxes included: a ray finds the mesh
   // where the joint put it.
   robot->setGeneralizedCoordinate({M_PI / 2});
   robot->updateCollision();
-  const dReal* p = dGeomGetPosition(defs[0].colObj);
-  EXPECT_NEAR(p[0], 0.5, 1e-12);
-  EXPECT_NEAR(p[2], 1.5, 1e-12);
+  EXPECT_NEAR(dGeomGetPosition(defs[0].colObj)[0], 0.5, 1e-12);
   const auto& hits = world.rayTest({0.5, 0, 3}, {0, 0, -1}, 5.0, true);
   ASSERT_EQ(hits.getNumOfHits(), 1u);
   EXPECT_EQ(hits[0].getObject(), robot);
   EXPECT_NEAR(hits[0].getPosition()[2], 1.6, 1e-6);
 
-  // The arm's mass sits on its joint, so only the sphere dropped on the mesh
-  // turns it: down, at the sphere's side, and the sphere goes down with it.
-  sphere->setPosition(0.5, 0, 1.75);
-  for (int i = 0; i < 50; ++i) world.integrate();
-  EXPECT_GT(robot->gc[0], M_PI / 2 + 0.01);
-  EXPECT_LT(sphere->getPosition()[2], 1.69);
-  EXPECT_GT(sphere->getPosition()[2], 1.0);
-  robot->setGeneralizedCoordinate({M_PI / 2});
-
   // Offsets and sizes of geoms can be changed after building.
   robot->setCollisionObjectShapeParameters(1, Mat<4, 1>{0.08, 0, 0, 0});
   EXPECT_EQ(dGeomSphereGetRadius(defs[1].colObj), 0.08);
-  EXPECT_EQ(robot->getVisColOb()[1].shapeParam[0], 0.08);
   robot->setCollisionObjectShapeParameters(0, Mat<4, 1>{5, 5, 5, 0});  // a mesh keeps its triangles
   EXPECT_EQ(robot->getVisColOb()[0].shapeParam[0], 5.0);
   robot->setCollisionObjectPositionOffset(1, Mat<3, 1>{0, 0, 1});
-  robot->setCollisionObjectOrientationOffset(1, Mat<3, 3>::getIdentity());
   robot->updateCollision();
   EXPECT_NEAR(dGeomGetPosition(defs[1].colObj)[0], 1.0, 1e-12);  // the arm's z is the world's x now
 
@@ -414,6 +329,5 @@ TEST(Building, RobotsInAWorld) {
   EXPECT_EQ(robot->getIndexInWorld(), 1u);
   for (const auto& d : defs) EXPECT_EQ(geomData(d.colObj).objectIndex, 1u);
   world.removeObject(robot);
-  EXPECT_EQ(world.getObjList().size(), 1u);
   EXPECT_EQ(dSpaceGetNumGeoms(world.getCollisionSpace()), 1);
 }

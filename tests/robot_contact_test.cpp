@@ -1,6 +1,6 @@
-// Robots in contact: the contact blocks and responses against dense algebra
-// on the mass matrix, the solver's velocity reads and impulse writes, and
-// quadrupeds and arms in contact with the ground, boxes and themselves.
+// Robots in contact: contact blocks, responses, velocity reads and impulse
+// writes against dense algebra; robots resting on the ground, pressing on a
+// box and touching themselves.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -49,14 +49,6 @@ MatX denseJacobian(const ArticulatedSystem& s, size_t body, const Mat<3, 1>& poi
   return vorsim_test::dense(J, s.dof);
 }
 
-// The matrix the contact path inverts: mass matrix with rotor inertia, plus
-// the implicit diagonal of damping and PD gains.
-MatX implicitMass(ArticulatedSystem& s) {
-  MatX M = s.getMassMatrix().e();
-  for (size_t i = 0; i < s.dof; ++i) M(Eigen::Index(i), Eigen::Index(i)) += s.dampedDiag[i];
-  return M;
-}
-
 Contact makeContact(const Mat<3, 1>& position, const Mat<3, 1>& normal, size_t body) {
   Contact c;
   c.position = position;
@@ -80,13 +72,11 @@ void checkAgainstDenseAlgebra(World& world, ArticulatedSystem& s) {
   std::uniform_real_distribution<double> u(-1.0, 1.0);
   VecDyn gc = s.gc, gv(s.dof), rotor(s.dof);
   const bool floating = s.getRootJointType() == Joint::FLOATING;
-  const size_t firstJoint = floating ? 7 : 0;
   if (floating) {
-    double q[4] = {1.0, 0.3 * u(rng), 0.3 * u(rng), 0.3 * u(rng)};
-    const double n = std::sqrt(q[0] * q[0] + q[1] * q[1] + q[2] * q[2] + q[3] * q[3]);
-    for (size_t k = 0; k < 4; ++k) gc[3 + k] = q[k] / n;
+    for (size_t k = 4; k < 7; ++k) gc[k] = 0.3 * u(rng);
+    gc[3] = 1.0;  // the setter normalises
   }
-  for (size_t i = firstJoint; i < s.gcDim; ++i) gc[i] += 0.4 * u(rng);
+  for (size_t i = floating ? 7 : 0; i < s.gcDim; ++i) gc[i] += 0.4 * u(rng);
   for (size_t i = 0; i < s.dof; ++i) gv[i] = u(rng), rotor[i] = 0.01 * (1.0 + u(rng));
   s.setGeneralizedCoordinate(gc);
   s.setGeneralizedVelocity(gv);
@@ -97,30 +87,26 @@ void checkAgainstDenseAlgebra(World& world, ArticulatedSystem& s) {
   auto& contacts = s.getContacts();
   ASSERT_TRUE(contacts.empty());
   const size_t nb = s.nbody;
-  const std::vector<size_t> bodies = {floating ? size_t(0) : size_t(1), nb / 3, nb / 2, nb - 1, nb - 2};
-  for (size_t b : bodies) {
+  for (size_t b : {floating ? size_t(0) : size_t(1), nb / 3, nb / 2, nb - 1, nb - 2}) {
     Mat<3, 1> p;
     s.getPosition(b, Mat<3, 1>{0.05 * u(rng), 0.05 * u(rng), 0.05 * u(rng)}, p);
     Mat<3, 1> n{u(rng), u(rng), u(rng)};
     n /= n.norm();
     contacts.push_back(makeContact(p, n, b));
   }
-  // A pair of the robot's own points: bodies on two branches (the last
-  // body and one from the first third), at the same world point.
-  const size_t b1 = nb - 1, b2 = nb / 3;
+  // A pair of the robot's own points on two branches, at one world point.
+  const size_t b1 = nb - 1, b2 = nb / 3, first = contacts.size();
   Mat<3, 1> pSelf;
   s.getPosition(b1, Mat<3, 1>{0.02, -0.03, 0.01}, pSelf);
-  const size_t first = contacts.size();
   Contact a = makeContact(pSelf, Mat<3, 1>{0.0, 0.6, 0.8}, b1);
   a.pairObjectIndex = s.getIndexInWorld();
   a.pairObjectBodyType = DYNAMIC;
   a.pairContactIndex = first + 1;
-  Contact b = a;
-  b.localBodyIndex = b2;
-  b.isObjectA = false;
-  b.pairContactIndex = first;
   contacts.push_back(a);
-  contacts.push_back(b);
+  a.localBodyIndex = b2;
+  a.isObjectA = false;
+  a.pairContactIndex = first;
+  contacts.push_back(a);
 
   const Mat<3, 1> gravity = world.getGravity();
   const double dt = world.getTimeStep();
@@ -131,9 +117,10 @@ void checkAgainstDenseAlgebra(World& world, ArticulatedSystem& s) {
   EXPECT_TRUE(contacts[first + 1].skip);
   EXPECT_EQ(contacts[first + 1].impactVel, 0.0);
 
-  const MatX Minv = implicitMass(s).inverse();
+  // The matrix the contact path inverts: M with rotor inertia and the
+  // implicit diagonal of damping and gains.
+  const MatX Minv = (s.getMassMatrix().e() + MatX(s.dampedDiag.e().asDiagonal())).inverse();
   const Eigen::VectorXd gvStart = s.gv.e(), gvWork = s.gvWork.e();
-  std::vector<MatX> expected(contacts.size());
   for (size_t c = 0; c < contacts.size(); ++c) {
     if (contacts[c].skip) continue;
     SCOPED_TRACE("contact " + std::to_string(c) + " on body " + std::to_string(contacts[c].localBodyIndex));
@@ -141,7 +128,6 @@ void checkAgainstDenseAlgebra(World& world, ArticulatedSystem& s) {
     if (contacts[c].isSelfCollision) J -= denseJacobian(s, b2, contacts[c].position);
     const MatX Jc = contacts[c].frame.e() * J;
     const MatX G = Jc * Minv * Jc.transpose();
-    expected[c] = G;
     EXPECT_LT(relError(contacts[c].delassus.e(), G), 1e-9) << contacts[c].delassus.e() << "\n\n" << G;
     EXPECT_LT(relError(s.contactResponse[c].e(), Jc * Minv), 1e-9);
     EXPECT_NEAR(contacts[c].impactVel, (Jc * gvStart)(2), 1e-9 * (1.0 + (Jc * gvStart).norm()));
@@ -165,14 +151,6 @@ void checkAgainstDenseAlgebra(World& world, ArticulatedSystem& s) {
     EXPECT_LT((change - Minv * Jc.transpose() * impulse.e()).norm(), 1e-9 * change.norm());
     s.gvWork.e() = before;
   }
-
-  // The older dense route gives the same blocks.
-  s.computeSparseInverse(s.getMassMatrix(), s.massMatrixInverse);
-  s.getFullDelassusAndTauStar(dt);
-  for (size_t c = 0; c < contacts.size(); ++c) {
-    if (contacts[c].skip) continue;
-    EXPECT_LT(relError(contacts[c].delassus.e(), expected[c]), 1e-9) << "dense route, contact " << c;
-  }
 }
 
 // Anymal in its standing pose at height z (on its back with `back`).
@@ -180,22 +158,10 @@ ArticulatedSystem* addStandingAnymal(World& world, double z, bool back, double k
   // Thighs overlap the base near the hips: the robot's own links are kept
   // apart by group 2, whose mask leaves out group 2.
   ArticulatedSystem* s = world.addArticulatedSystem(kAnymal, "", {}, 2, World::kAllBits & ~size_t(2));
-  VecDyn gc(s->gcDim), gv(s->dof);
-  const double q[19] = {
-      0,     0,    z,  back ? 0.0 : 1.0, back ? 1.0 : 0.0, 0, 0, 0.03, 0.4, -0.8, -0.03, 0.4, -0.8, 0.03, -0.4, 0.8,
-      -0.03, -0.4, 0.8};
-  for (size_t i = 0; i < 19; ++i) gc[i] = q[i];
-  for (size_t i = 0; i < s->dof; ++i) gv[i] = 0.0;
-  s->setGeneralizedCoordinate(gc);
-  s->setGeneralizedVelocity(gv);
+  s->setGeneralizedCoordinate({0, 0, z, back ? 0.0 : 1.0, back ? 1.0 : 0.0, 0, 0, 0.03, 0.4, -0.8, -0.03, 0.4, -0.8,
+                               0.03, -0.4, 0.8, -0.03, -0.4, 0.8});
   vorsim_test::setPd(*s, kp, kd, s->gc);
   return s;
-}
-
-double deepestPenetration(const ArticulatedSystem& s) {
-  double d = 0.0;
-  for (const Contact& c : s.getContacts()) d = std::max(d, -c.depth);
-  return d;
 }
 
 double largestSpeed(const ArticulatedSystem& s) {
@@ -207,18 +173,17 @@ double largestSpeed(const ArticulatedSystem& s) {
 }  // namespace
 
 TEST(RobotContacts, BlocksAndResponsesEqualDenseAlgebra) {
-  {
-    SCOPED_TRACE("floating quadruped");
+  // The quadruped (floating), the arm (fixed base) and the tree of ball,
+  // slider and hinge joints.
+  for (int robot = 0; robot < 3; ++robot) {
+    SCOPED_TRACE(robot);
+    StdoutCapture quiet;  // the arm's mimic joint is reported
     World world;
-    ArticulatedSystem* s = world.addArticulatedSystem(kAnymal, "", {}, 1, 0);
-    checkAgainstDenseAlgebra(world, *s);
-  }
-  {
-    SCOPED_TRACE("fixed-base arm");
-    StdoutCapture quiet;  // the mimic joint is reported
-    World world;
-    ArticulatedSystem* s = world.addArticulatedSystem(fixedBaseUrdf("franka_panda/panda.urdf", "panda_link0", 0.0),
-                                                      kModels + "franka_panda", {}, 1, 0);
+    ArticulatedSystem* s =
+        robot == 0   ? world.addArticulatedSystem(kAnymal, "", {}, 1, 0)
+        : robot == 1 ? world.addArticulatedSystem(fixedBaseUrdf("franka_panda/panda.urdf", "panda_link0", 0.0),
+                                                  kModels + "franka_panda", {}, 1, 0)
+                     : world.addArticulatedSystem(vorsim_test::makeTree(Joint::FLOATING), "r");
     quiet.text();
     checkAgainstDenseAlgebra(world, *s);
   }
@@ -240,19 +205,15 @@ TEST(RobotContacts, QuadrupedComesToRestWithoutJitter) {
     World world;
     world.setTimeStep(0.001);
     world.setWarmStart(c.warm);
-    HeightMap* map = nullptr;
-    if (c.rough) {
-      TerrainProperties terrain;
-      terrain.frequency = 0.8;
-      terrain.xSize = terrain.ySize = 4.0;
-      terrain.zScale = 0.3;
-      terrain.xSamples = terrain.ySamples = 80;
-      terrain.fractalOctaves = 3;
-      terrain.seed = 3;
-      map = world.addHeightMap(0.0, 0.0, terrain);
-    } else {
-      world.addGround();
-    }
+    TerrainProperties terrain;
+    terrain.frequency = 0.8;
+    terrain.xSize = terrain.ySize = 4.0;
+    terrain.zScale = 0.3;
+    terrain.xSamples = terrain.ySamples = 80;
+    terrain.fractalOctaves = 3;
+    terrain.seed = 3;
+    HeightMap* map = c.rough ? world.addHeightMap(0.0, 0.0, terrain) : nullptr;
+    if (!c.rough) world.addGround();
     auto ground = [map](double x, double y) { return map ? map->getHeight(x, y) : 0.0; };
     ArticulatedSystem* s = addStandingAnymal(world, ground(0, 0) + (c.back ? 0.3 : 0.55), c.back, 200.0, 10.0);
     for (int i = 0; i < c.settle; ++i) world.integrate();
@@ -260,12 +221,8 @@ TEST(RobotContacts, QuadrupedComesToRestWithoutJitter) {
     double deepest = 0.0, fastest = 0.0;
     for (int i = 0; i < c.watch; ++i) {
       world.integrate();
-      deepest = std::max(deepest, deepestPenetration(*s));
       fastest = std::max(fastest, largestSpeed(*s));
-      for (const Contact& contact : s->getContacts()) {  // standing: feet only
-        const std::string& body = s->getBodyNames()[contact.localBodyIndex];
-        EXPECT_TRUE(c.back || body.find("SHANK") != std::string::npos) << body;
-      }
+      for (const Contact& contact : s->getContacts()) deepest = std::max(deepest, -contact.depth);
     }
     EXPECT_LT(deepest, c.penetration);
     EXPECT_LT(c.back ? fastest : largestSpeed(*s), 1e-3);  // on its back, at every step
@@ -303,11 +260,8 @@ TEST(RobotContacts, ArmPressingOnABoxBalancesItsTorques) {
   quiet.text();
   // A bent pose with the hand over a fixed box; the PD target has the
   // shoulder lower than the box allows, so the arm presses on it.
-  VecDyn gc = arm->gc;
-  const double pose[9] = {0.0, 0.3, 0.0, -2.0, 0.0, 2.3, 0.8, 0.02, 0.02};
-  for (size_t i = 0; i < 9 && i < arm->gcDim; ++i) gc[i] = pose[i];
-  arm->setGeneralizedCoordinate(gc);
-  VecDyn target = gc;
+  arm->setGeneralizedCoordinate({0.0, 0.3, 0.0, -2.0, 0.0, 2.3, 0.8, 0.02, 0.02});
+  VecDyn target = arm->gc;
   target[1] += 0.2;
   vorsim_test::setPd(*arm, 300.0, 20.0, target);
   Mat<3, 1> hand;
@@ -328,36 +282,25 @@ TEST(RobotContacts, ArmPressingOnABoxBalancesItsTorques) {
     const Eigen::Vector3d f = (c.isObjectA ? 1.0 : -1.0) * c.frame.e().transpose() * c.impulse->e() / dt;
     JTf += denseJacobian(*arm, c.localBodyIndex, c.position).transpose() * f;
   }
-  const Eigen::VectorXd tau = arm->getActuation().e();
-  const Eigen::VectorXd h = arm->getNonlinearities(world.getGravity()).e();
-  const Eigen::VectorXd needed = h - tau;
+  const Eigen::VectorXd needed = arm->getNonlinearities(world.getGravity()).e() - arm->getActuation().e();
   EXPECT_GT(JTf.norm(), 1.0);  // the box carries a real load
   EXPECT_LT((JTf - needed).norm(), 0.01 * needed.norm()) << JTf.transpose() << "\n" << needed.transpose();
 }
 
-namespace {
-void addSphere(Child& c, double r, const Mat<3, 1>& at) {
-  c.collisionBodies.emplace_back(Shape::Sphere, Mat<4, 1>{r, 0, 0, 0}, at, Mat<3, 3>::getIdentity(), Mat<3, 1>{1, 1, 1},
-                                 c.bodyName + "/0", "", "", "");
-}
-}  // namespace
-
 TEST(RobotContacts, SelfCollisionAndIgnoringTheParent) {
   // A floating base - upper - lower, in zero gravity: each body's sphere
   // overlaps its parent's, and the lower one overlaps the base's too.
-  Child base = link("base", Joint::FLOATING, 1.0);
-  addSphere(base, 0.1, {0, 0, 0});
-  Child upper = link("upper", Joint::REVOLUTE, 1.0);
-  upper.axis = {1, 0, 0};
-  upper.pos = {0, 0, 0.15};
-  addSphere(upper, 0.1, {0, 0, 0});
-  Child lower = link("lower", Joint::REVOLUTE, 1.0);
-  lower.axis = {1, 0, 0};
-  lower.pos = {0, 0, -0.05};
-  addSphere(lower, 0.1, {0, 0.03, -0.12});
-  upper.child.push_back(lower);
-  base.child.push_back(upper);
-  base.pos = {0, 0, 1};
+  auto ball = [](const std::string& name, Joint::Type type, const Mat<3, 1>& pos, const Mat<3, 1>& at) {
+    Child c = link(name, type, 1.0);
+    c.axis = {1, 0, 0};
+    c.pos = pos;
+    c.collisionBodies.emplace_back(Shape::Sphere, Mat<4, 1>{0.1, 0, 0, 0}, at, Mat<3, 3>::getIdentity(),
+                                   Mat<3, 1>{1, 1, 1}, name + "/0", "", "", "");
+    return c;
+  };
+  Child base = ball("base", Joint::FLOATING, {0, 0, 1}, {0, 0, 0});
+  base.child.push_back(ball("upper", Joint::REVOLUTE, {0, 0, 0.15}, {0, 0, 0}));
+  base.child[0].child.push_back(ball("lower", Joint::REVOLUTE, {0, 0, -0.05}, {0, 0.03, -0.12}));
 
   for (bool ignore : {false, true}) {
     SCOPED_TRACE(ignore ? "parent ignored" : "all pairs");

@@ -107,25 +107,18 @@ TEST(UrdfLoader, ReadsEveryElementIntoTheSystem) {
   EXPECT_EQ(s.dof, 6u + 3u + 1u + 1u);
   EXPECT_EQ(s.gcDim, 7u + 4u + 1u + 1u);
 
-  // Inertia rotated by the inertial origin: R I R^T.
-  Eigen::Matrix3d I;
-  I << 0.1, 0.01, 0, 0.01, 0.2, 0, 0, 0, 0.3;
-  const Eigen::Matrix3d R = Eigen::AngleAxisd(0.5, Eigen::Vector3d::UnitZ()).toRotationMatrix();
-  EXPECT_TRUE(E(s.inertiaB[0]).isApprox(R * I * R.transpose(), 1e-14));
+  // Mass properties (inertia rotations are checked against another engine in
+  // tests/mujoco): the tool merged into the lower link.
   EXPECT_EQ(E(s.comB[0]), Eigen::Vector3d(0, 0, 0.1));
-  EXPECT_DOUBLE_EQ(s.massOf[2], 1.0);  // lower and tool
+  EXPECT_DOUBLE_EQ(s.massOf[2], 1.0);
   EXPECT_DOUBLE_EQ(s.comB[2][2], -0.1);
 
   // Visual colours: a named 0..255 colour, an inline one, and an unknown name.
   const auto& vis = s.getVisOb();
   ASSERT_EQ(vis.size(), 3u);
-  EXPECT_EQ(Eigen::Vector3d(vis[0].color.e().head<3>()), Eigen::Vector3d(1, 0, 0));
-  EXPECT_EQ(vis[0].color[3], 1.0);
+  EXPECT_EQ(vis[0].color.e(), Eigen::Vector4d(1, 0, 0, 1));
   EXPECT_EQ(vis[1].color.e(), Eigen::Vector4d(1, 1, 1, 1));
   EXPECT_EQ(vis[2].color.e(), Eigen::Vector4d(0.7, 0.7, 0.7, 1.0));
-  EXPECT_EQ(vis[0].name, "base");
-  EXPECT_EQ(vis[0].material, "red");
-  EXPECT_EQ(vis[0].shape, Shape::Box);
   EXPECT_EQ(vis[0].shapeParam.e(), Eigen::Vector4d(0.1, 0.2, 0.3, 0));
 
   // Collision: capsule, contact material on the geom, visual material kept.
@@ -133,14 +126,10 @@ TEST(UrdfLoader, ReadsEveryElementIntoTheSystem) {
   ASSERT_EQ(defs.size(), 2u);
   EXPECT_EQ(geomData(defs[0].colObj).name, "base/0");
   EXPECT_EQ(geomData(defs[0].colObj).material, "rubber");
-  EXPECT_EQ(dGeomGetClass(defs[0].colObj), dCapsuleClass);
   dReal radius, length;
   dGeomCapsuleGetParams(defs[0].colObj, &radius, &length);
-  EXPECT_EQ(radius, 0.05);
-  EXPECT_EQ(length, 0.3);
+  EXPECT_EQ(Eigen::Vector2d(radius, length), Eigen::Vector2d(0.05, 0.3));
   EXPECT_EQ(s.getVisColOb()[0].material, "red");
-  EXPECT_EQ(s.getVisColOb()[0].color.e(), Eigen::Vector4d(0.7, 0.7, 0.7, 1.0));
-  EXPECT_EQ(s.getVisColOb()[1].localIdx, 1u);
   EXPECT_NEAR(defs[0].rotOffset(0, 2), 1.0, 1e-15);
   EXPECT_EQ(dGeomGetClass(defs[1].colObj), dCylinderClass);
   EXPECT_EQ(defs[1].localIdx, 1u);
@@ -148,7 +137,6 @@ TEST(UrdfLoader, ReadsEveryElementIntoTheSystem) {
   // Joints: the spherical cone, effort at its first entry only, damping and
   // rotor inertia on all three, the spring's rest quaternion.
   const size_t ball = s.gvIdx[1], knee = s.gvIdx[2], slide = s.gvIdx[3];
-  EXPECT_EQ(s.jointType[1], Joint::SPHERICAL);
   EXPECT_EQ(s.jointLimits[ball][0], 0.8);
   EXPECT_EQ(s.tauUpper[ball], 30.0);
   EXPECT_EQ(s.tauUpper[ball + 1], 1e150);
@@ -162,12 +150,10 @@ TEST(UrdfLoader, ReadsEveryElementIntoTheSystem) {
   // Continuous: axis normalised, no position limit, the file's velocity.
   EXPECT_EQ(E(s.jointAxisB[2]), Eigen::Vector3d(0, 1, 0));
   EXPECT_EQ(s.jointLimits[knee][0], -DBL_MAX);
-  EXPECT_EQ(s.jointLimits[knee][1], DBL_MAX);
   EXPECT_EQ(s.velocityLimitOf[2], 3.0);
   EXPECT_EQ(s.tauLower[knee], -10.0);
   EXPECT_EQ(s.jointFrictionGv[knee], 0.2);
   // Prismatic without effort or velocity: the defaults.
-  EXPECT_EQ(s.jointLimits[slide][0], -0.1);
   EXPECT_EQ(s.jointLimits[slide][1], 0.2);
   EXPECT_EQ(s.velocityLimitOf[3], 1e6);
   EXPECT_EQ(s.tauUpper[slide], 1e150);
@@ -178,18 +164,14 @@ TEST(UrdfLoader, ReadsEveryElementIntoTheSystem) {
   auto eye = std::dynamic_pointer_cast<RGBCamera>(s.getSensors().at("upper:eye"));
   ASSERT_NE(eye, nullptr);
   const CoordinateFrame& eyeFrame = s.getFrames()[eye->getFrameIdx()];
-  EXPECT_EQ(eyeFrame.name, "upper:eye");
-  EXPECT_EQ(eyeFrame.parentName, "upper");
-  EXPECT_EQ(eyeFrame.parentId, 1u);
+  EXPECT_EQ(eyeFrame.name + "/" + eyeFrame.parentName, "upper:eye/upper");
   EXPECT_EQ(eyeFrame.position[0], 0.1);
   World world;
-  EXPECT_NE(vorsim_test::fatalOf([&] { eye->update(world); })
-                .find("RGB sensors can only be updated by the visualizer. Use VorsimUnreal."),
+  EXPECT_NE(vorsim_test::fatalOf([&] { eye->update(world); }).find("RGB sensors can only be updated by the visualizer"),
             std::string::npos);
   auto imu = std::dynamic_pointer_cast<InertialMeasurementUnit>(s.getSensors().at("base:imu"));
   ASSERT_NE(imu, nullptr);
   EXPECT_TRUE(s.hasImu());
-  EXPECT_EQ(s.getFrames().at(imu->getFrameIdx()).name, "base:imu");
   imu->updatePose();
   EXPECT_NEAR(imu->getPosition()[2], 0.05, 1e-15);
 
@@ -197,8 +179,6 @@ TEST(UrdfLoader, ReadsEveryElementIntoTheSystem) {
   EXPECT_EQ(s.gc[11], 0.5);
   ASSERT_EQ(s.getPins().size(), 1u);
   const PinConstraint& pin = s.getPins()[0];
-  EXPECT_EQ(pin.pinBody1, 2u);
-  EXPECT_EQ(pin.pinBody2, 3u);
   Mat<3, 1> p1, p2;
   s.getPosition(pin.pinBody1, pin.pinPos1, p1);
   s.getPosition(pin.pinBody2, pin.pinPos2, p2);
@@ -211,7 +191,6 @@ TEST(UrdfLoader, SensorSetFilesMeshesAndResourceDirectory) {
   ArticulatedSystem s(kUrdfDir + "sensor_robot.urdf");
   EXPECT_EQ(s.getResourceDir(), kUrdfDir.substr(0, kUrdfDir.size() - 1));
   EXPECT_EQ(s.getRobotFileName(), "sensor_robot.urdf");
-  EXPECT_EQ(s.getRobotTopDir(), "urdf");
   ASSERT_EQ(s.nbody, 2u);
   // The camera link's content comes from sensors/camera.xml.
   EXPECT_DOUBLE_EQ(s.massOf[1], 0.75);
@@ -223,7 +202,6 @@ TEST(UrdfLoader, SensorSetFilesMeshesAndResourceDirectory) {
   // The depth camera sits 0.02 m along the camera link's x, which the fixed
   // joint turned by 90 degrees about z: in the head's frame at (0.1, 0.02, 0).
   const CoordinateFrame& f = s.getFrames()[depth->getFrameIdx()];
-  EXPECT_EQ(f.parentName, "head");
   EXPECT_EQ(f.parentId, 1u);
   EXPECT_NEAR(f.position[0], 0.1, 1e-15);
   EXPECT_NEAR(f.position[1], 0.02, 1e-15);
@@ -235,10 +213,8 @@ TEST(UrdfLoader, SensorSetFilesMeshesAndResourceDirectory) {
   EXPECT_EQ(dGeomGetClass(mesh), dTriMeshClass);
   ASSERT_EQ(s.meshVertices.size(), 1u);
   EXPECT_FLOAT_EQ(s.meshVertices[0][0], -0.05f);
-  EXPECT_FLOAT_EQ(s.meshVertices[0][1], -0.1f);
   EXPECT_FLOAT_EQ(s.meshVertices[0][2], -0.15f);
   EXPECT_EQ(s.meshIndices[0].size(), 36u);
-  EXPECT_EQ(geomData(mesh).userData, static_cast<void*>(s.meshData[0]));
 }
 
 TEST(UrdfLoader, WorldRootJointOrderAndWarnings) {
@@ -264,7 +240,6 @@ TEST(UrdfLoader, WorldRootJointOrderAndWarnings) {
   EXPECT_EQ(E(s.posW[0]), Eigen::Vector3d(0, 0, 1));
   EXPECT_NEAR(s.rotW[0](1, 0), std::sin(0.3), 1e-15);
   EXPECT_EQ(s.getFrames()[0].name, "fix");
-  EXPECT_EQ(s.getBodyType(0), STATIC);
   EXPECT_NE(text.find("joint \"fix\" connects the robot to \"world\""), std::string::npos);
   EXPECT_NE(text.find("link \"stray\" also hangs from \"world\" and is left out"), std::string::npos);
   EXPECT_NE(text.find("joint \"j2\" has a mimic element"), std::string::npos);
@@ -278,12 +253,8 @@ TEST(UrdfLoader, WorldRootJointOrderAndWarnings) {
   EXPECT_EQ(E(single.posW[0]), Eigen::Vector3d(0, 0, 1));
 
   // The caller's joint order comes first among siblings.
-  StdoutCapture quiet;
-  ArticulatedSystem reordered(urdf, "r", {"j2"});
-  quiet.text();
-  EXPECT_EQ(reordered.bodyNames, (std::vector<std::string>{"base", "b", "a"}));
-  EXPECT_EQ(reordered.jointNameToGv.at("j2"), 0u);
-
+  const auto reordered = vorsim_test::built<ArticulatedSystem>(urdf, "r", std::vector<std::string>{"j2"}).first;
+  EXPECT_EQ(reordered->bodyNames, (std::vector<std::string>{"base", "b", "a"}));
 }
 
 namespace {
@@ -324,7 +295,8 @@ TEST(UrdfLoader, BadInputEndsInLocatedFatalMessages) {
              R"(<joint name="k" type="fixed"><parent link="c"/><child link="d"/></joint>
 <joint name="l" type="fixed"><parent link="d"/><child link="c"/></joint>)"),
        "link \"c\" is not connected to the root: its joints form a cycle"},
-      {robot(kTwoLinks), "two root links, \"a\" and \"b\""},
+      {robot(kTwoLinks), "at row:3 col:1, the node 'link': the description has two root links, \"a\" and \"b\""},
+      {robot("<link name=\"world\"/>"), "the link \"world\" has no child: there is no robot to fix to it"},
       {robot(kTwoLinks + R"(<link name="a"/>)"), "a link named \"a\" is defined twice"},
       {robot(kTwoLinks + kJointAB), "given joint names are not found in the file", {"j", "missing"}},
       {robot(kTwoLinks + kJointAB + kJointAB), "given joint names are not found in the file"},

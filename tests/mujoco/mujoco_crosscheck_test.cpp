@@ -1,28 +1,14 @@
 // The mass matrix and the bias forces of the robots in models/ against MuJoCo
-// (Debian's libmujoco-dev, 2.2), an engine we do not write, at random
-// configurations and velocities, to 1e-9 relative. Both read the same URDF;
-// MuJoCo's copy differs as follows:
-// - No visual or collision elements: its importer cannot read some (the
-//   humanoid's capsules, the panda's package:// paths), and it would derive
-//   inertia from geometry for links without <inertial>, which have no mass in
-//   vorsim (and by the URDF convention). Geometry plays no part here.
-// - <compiler fusestatic="false" inertiafromgeom="false">: links on fixed
-//   joints stay bodies (vorsim merges them; the dynamics are the same).
-// - boundmass / boundinertia 1e-13, since MuJoCo refuses moving bodies without
-//   mass (the humanoid's chains of continuous joints pass through massless
-//   links); less than 1e-10 relative to any entry compared.
-// - No <inertial> on links of mass zero: vorsim gives such a link no inertia
-//   (the panda's link8 and grasp target declare inertia 0.1), MuJoCo keeps it.
-// - A "floating" joint from "world" to the root link, since MuJoCo fixes a
-//   root without a joint where vorsim floats it; a "fixed" one, given to both
-//   engines, for a fixed base.
-// Joints are matched by name; revolute and prismatic joints are one number,
-// a ball joint a quaternion (w, x, y, z) with its angular velocity in the
-// child's frame, in both. MuJoCo's free joint takes the base's angular
-// velocity in the body frame, vorsim's in the world frame: u_vorsim =
-// T u_mujoco with T = diag(1, R, 1, ..., 1) permuted to vorsim's order, R the
-// base's orientation. T is orthogonal, so M_vorsim = T M_mujoco T^T and
-// b_vorsim = T b_mujoco (dT/dt contributes R'(R^T w) = w x w = 0).
+// (Debian's libmujoco-dev), an engine we do not write, at random states, to
+// 1e-9 relative. MuJoCo reads a copy of the same URDF without visual and
+// collision elements (its importer cannot read some, and geometry plays no
+// part), with fused static bodies off, inertia not taken from geometry, mass
+// bounds of 1e-13 (it refuses massless moving bodies) and no <inertial> of
+// zero mass (vorsim gives such a link no inertia). A "floating" or "fixed"
+// joint from "world" gives both the same base. Joints are matched by name.
+// MuJoCo's free joint takes the base's angular velocity in the body frame,
+// vorsim's in the world frame: u_vorsim = T u_mujoco with T orthogonal, so
+// M_vorsim = T M_mujoco T^T and b_vorsim = T b_mujoco (dT/dt R^T w = w x w = 0).
 #include <gtest/gtest.h>
 #include <mujoco/mujoco.h>
 
@@ -243,8 +229,6 @@ TEST_P(MujocoCrossCheck, MassMatrixAndBiasForcesAgree) {
     ASSERT_LT(errBias, 1e-9) << "trial " << trial << "\nvorsim " << bias.transpose() << "\nMuJoCo "
                              << expectedBias.transpose();
   }
-  RecordProperty("worst_relative_error_mass_matrix", std::to_string(worstM));
-  RecordProperty("worst_relative_error_bias", std::to_string(worstBias));
   std::cout << GetParam() << ": worst relative difference, mass matrix " << worstM << ", bias forces " << worstBias
             << "\n";
 }
