@@ -347,13 +347,11 @@ TEST(SpinningLidar, FullTurnsDirectionAndSlowSpin) {
   // Every ray points down at the ground, so every cast ray is seen in the scan.
   const std::string sensors = lidarSensor("ccw", kAtOrigin, 64, 3, -0.6, -0.2, 0, 50, 10, "counter", 100) +
                               lidarSensor("cw", kAtOrigin, 64, 3, -0.6, -0.2, 0, 50, 10, "clockwise", 100) +
-                              lidarSensor("slow", kAtOrigin, 64, 3, -0.6, -0.2, 0, 50, 0.1, "counter", 100) +
-                              lidarSensor("flat", kAtOrigin, 64, 1, -0.6, -0.6, 0, 50, 10, "counter", 100);
+                              lidarSensor("slow", kAtOrigin, 64, 3, -0.6, -0.2, 0, 50, 0.1, "counter", 100);
   ArticulatedSystem* robot = world.addArticulatedSystem(fixedRobot("xyz=\"0 0 1\"", sensors));
   auto ccw = robot->getSensor<SpinningLidar>("base:ccw");
   auto cw = robot->getSensor<SpinningLidar>("base:cw");
   auto slow = robot->getSensor<SpinningLidar>("base:slow");
-  auto flat = robot->getSensor<SpinningLidar>("base:flat");
   auto column = [](const Mat<3, 1>& q) { return std::lround(std::atan2(q[1], q[0]) / (2.0 * kPi / 64)); };
 
   // A turn takes 10 updates, and in it every one of the 64 columns is cast.
@@ -385,8 +383,6 @@ TEST(SpinningLidar, FullTurnsDirectionAndSlowSpin) {
       EXPECT_NEAR(cw->getYawAngle(), 2 * kPi - 0.2 * kPi, 1e-12);
     }
     slowNonEmpty += !slow->getScan().empty();
-    // One pitch sample gives NaN directions: nothing is ever hit.
-    EXPECT_TRUE(flat->getScan().empty());
   }
   for (auto* columns : {&ccwColumns, &cwColumns}) {
     EXPECT_EQ(std::set<long>(columns->begin(), columns->end()).size(), 64u);
@@ -549,7 +545,7 @@ Eigen::Matrix3d quaternionMatrix(const Mat<4, 1>& q) {
 
 }  // namespace
 
-TEST(InertialUnitInMotion, FreeFallReadsNoAccelerationAndRestReadsGravityUp) {
+TEST(InertialUnitInMotion, FreeFallReadsNoAcceleration) {
   // A floating body thrown sideways and spinning: its inertia is a multiple of
   // the identity, so the spin stays constant in the world.
   World world;
@@ -571,23 +567,6 @@ TEST(InertialUnitInMotion, FreeFallReadsNoAccelerationAndRestReadsGravityUp) {
     EXPECT_LT((R - E(imu->getOrientation())).norm(), 1e-12);
   }
   EXPECT_NEAR(robot->getGeneralizedCoordinate()[2], 5.0 + 2.0 * 0.3 - 0.5 * 9.81 * 0.09, 2e-3);
-
-  // A pendulum hanging still from a fixed base: its unit, turned 0.4 rad
-  // about z, reads +g along its own z axis and the turn as its orientation.
-  World hanging;
-  hanging.setTimeStep(0.001);
-  ArticulatedSystem* pendulum = hanging.addArticulatedSystem(fixedRobot("xyz=\"0 0 2\"", R"(</link>
-<joint name="swing" type="revolute"><parent link="base"/><child link="bob"/><axis xyz="0 1 0"/>
-  <limit lower="-3" upper="3" effort="10" velocity="10"/></joint>
-<link name="bob"><inertial><origin xyz="0 0 -0.5"/><mass value="1"/><inertia ixx="0.01" iyy="0.01" izz="0.01"/>
-  </inertial><sensor type="imu" name="imu" update_rate="1000"><origin xyz="0.1 0 -0.5" rpy="0 0 0.4"/></sensor>)"));
-  auto bob = pendulum->getSensor<InertialMeasurementUnit>("bob:imu");
-  for (int s = 0; s < 50; ++s) hanging.integrate();
-  EXPECT_NEAR(pendulum->getGeneralizedCoordinate()[0], 0.0, 1e-12);
-  EXPECT_LT((E(bob->getLinearAcceleration()) - Eigen::Vector3d(0, 0, 9.81)).norm(), 1e-6 * 9.81);
-  EXPECT_LT((quaternionMatrix(bob->getQuaternion()) - Eigen::Matrix3d(Eigen::AngleAxisd(0.4, Eigen::Vector3d::UnitZ())))
-                .norm(),
-            1e-12);
 }
 
 // ------------------------------------------------------ look-ups and records --
