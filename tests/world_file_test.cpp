@@ -431,7 +431,7 @@ TEST(WorldFile, BadClassesWiresAndFilesEndInMessages) {
       {"<vorsim><contact_solver threshold=\"small\"/></vorsim>",
        "the node 'contact_solver': the attribute 'threshold' is not a number: 'small'"},
       // A file that includes itself.
-      {"<vorsim><include value=\"vorsim_world_BadClassesWiresAndFilesEndInMessages_bad.xml\"/></vorsim>",
+      {"<vorsim><include value=\"" + tempPath("bad.xml").substr(testing::TempDir().size()) + "\"/></vorsim>",
        "includes itself"},
   };
   for (const auto& [text, message] : cases) {
