@@ -198,7 +198,7 @@ struct DepthScene {
     wall->setBodyType(STATIC);
     wall->setPosition(wallCenter.x(), wallCenter.y(), wallCenter.z());
     ArticulatedSystem* robot = world.addArticulatedSystem(
-        fixedRobot("xyz=\"0 0 1\" rpy=\"0 0.3 0\"",
+        fixedRobot("xyz=\"0 0.3 1\" rpy=\"0 0.3 0.1\"",
                    depthSensor("cam", "xyz=\"0.1 0 0.2\" rpy=\"0.2 0 0\"", width, height, 1.2, 10.0) +
                        "<collision><geometry><sphere radius=\"0.5\"/></geometry></collision>"));
     camera = robot->getSensor<DepthCamera>("base:cam");
@@ -222,8 +222,10 @@ TEST(DepthCamera, WallAndGroundPerPixel) {
   const Eigen::Matrix3d R = E(cam.getOrientation());
   const Eigen::Vector3d p = E(cam.getPosition());
   // The camera's pose: the base's mount composed with the sensor's.
-  const Eigen::Matrix3d baseRot = Eigen::AngleAxisd(0.3, Eigen::Vector3d::UnitY()).toRotationMatrix();
-  EXPECT_LT((p - (Eigen::Vector3d(0, 0, 1) + baseRot * Eigen::Vector3d(0.1, 0, 0.2))).norm(), 1e-15);
+  const Eigen::Matrix3d baseRot =
+      (Eigen::AngleAxisd(0.1, Eigen::Vector3d::UnitZ()) * Eigen::AngleAxisd(0.3, Eigen::Vector3d::UnitY()))
+          .toRotationMatrix();
+  EXPECT_LT((p - (Eigen::Vector3d(0, 0.3, 1) + baseRot * Eigen::Vector3d(0.1, 0, 0.2))).norm(), 1e-15);
   EXPECT_LT((R - baseRot * Eigen::AngleAxisd(0.2, Eigen::Vector3d::UnitX()).toRotationMatrix()).norm(), 1e-15);
 
   const double planeW = 2.0 * std::tan(0.6);

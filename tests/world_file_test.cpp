@@ -290,13 +290,19 @@ TEST(WorldFile, EveryElementKindLoadsAndSteps) {
 TEST(WorldFile, ParametersFromTheCallerTemplatesAndMjcfComesFirst) {
   const std::string path = writeTemp("params.xml", R"(<vorsim>
   <params><r value="0.1"/></params>
-  <objects><sphere name="s" radius="@@r" mass="1" collision_group="-1" collision_mask="4"/></objects>
+  <object_class name="pebble" type="sphere" radius="0.05" mass="0.1" material="stone"/>
+  <objects><sphere name="s" radius="@@r" mass="1" collision_group="-1" collision_mask="collision[2, 63]"/>
+    <compound name="c" mass="1" inertia="1 1 1">
+      <children><p type="pebble" material="glass"/><b type="box" dim="1 1 1"/></children></compound>
+  </objects>
 </vorsim>)");
   World world(path, {});
   auto* s = find<Sphere>(world, "s");
   EXPECT_EQ(s->getRadius(), 0.1);
   EXPECT_EQ(s->getCollisionGroup(), 0xFFFFFFFFu);  // -1 is every bit
-  EXPECT_EQ(s->getCollisionMask(), 4u);
+  EXPECT_EQ(s->getCollisionMask(), 4u);            // bit 63 is allowed, and cut to 32 bits
+  // A class's part takes the material of the child that names it.
+  EXPECT_EQ(find<Compound>(world, "c")->getChildren().at(0).material, "glass");
   World given(path, {{"r", "0.25"}});
   EXPECT_EQ(find<Sphere>(given, "s")->getRadius(), 0.25);
   // A file holding both tags is MJCF; one holding neither leaves the world empty.
@@ -411,6 +417,9 @@ TEST(WorldFile, BadClassesWiresAndFilesEndInMessages) {
       {"<vorsim>\n<object_class name=\"x\" type=\"compound\" mass=\"1\" inertia=\"1 1 1\"><children><c "
        "type=\"y\"/></children></object_class>\n<objects><x/></objects></vorsim>",
        "Could not find the object class y"},
+      {"<vorsim>\n<object_class name=\"x\" type=\"compound\" mass=\"1\" inertia=\"1 1 1\"><children><c "
+       "type=\"x\"/></children></object_class>\n<objects><x/></objects></vorsim>",
+       "The object class x contains itself"},
       {"<vorsim>\n<include value=\"nowhere.xml\"/></vorsim>",
        "Could not open the vorsim configuration file: nowhere.xml"},
       {"<vorsim>\n<gravity value=\"0 -9.8\"/></vorsim>", "the attribute 'value' should have 3 numbers, not 2"},
