@@ -268,7 +268,7 @@ TEST(WorldExport, RoundTripStepsBitForBit) {
     anymal->setGeneralizedVelocity(u);
     anymal->setControlMode(ArticulatedSystem::PD_PLUS_FEEDFORWARD_TORQUE);
     anymal->setPdGains(p, d);
-    anymal->setPdTarget(target, d);
+    anymal->setPdTarget(target, d);  // any distinct numbers serve as velocity target and force
     anymal->setGeneralizedForce(u);
   }
 
