@@ -1,6 +1,7 @@
-// The collision layer's own ray casting, checked against the installed
-// collision library's ray tests on random rays (every primitive, heightfields),
-// the batch snapshot against single queries, and degenerate rays.
+// Ray casting: hits on every primitive, masks, owners and the closest-hit
+// rule; the collision layer's own casting checked against the installed
+// collision library's ray tests on random rays (every primitive,
+// heightfields); the batch snapshot against single queries; degenerate rays.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -75,8 +76,6 @@ void compareWithReference(dGeomID geom, const Eigen::Vector3d& center, double sp
     dGeomRaySetLength(ray, reach);
 
     dContactGeom ours[8];
-    dReal aabb[6];
-    dGeomGetAABB(ray, aabb);
     const int n = dRayTest(space, ray, 8, ours, int(sizeof(dContactGeom)));
     RayQuery q;
     for (int k = 0; k < 3; ++k) {
@@ -91,7 +90,7 @@ void compareWithReference(dGeomID geom, const Eigen::Vector3d& center, double sp
     const bool sceneHit = scene.closest(q, fromScene);
 
     ASSERT_EQ(n > 0, ref.depth >= 0.0) << what << " ray " << i << " from " << start.transpose() << " along "
-                                       << dir.transpose() << " reach " << reach << ": ours at " << ours[0].depth;
+                                       << dir.transpose() << " reach " << reach;
     ASSERT_EQ(sceneHit, ref.depth >= 0.0) << what << " ray " << i;
     if (!sceneHit) continue;
     ++hits;
@@ -101,7 +100,6 @@ void compareWithReference(dGeomID geom, const Eigen::Vector3d& center, double sp
     EXPECT_NEAR(fromScene.depth, ref.depth, 1e-9) << what << " ray " << i;
     const Eigen::Vector3d p(fromScene.pos[0], fromScene.pos[1], fromScene.pos[2]);
     EXPECT_LT((p - ref.pos).norm(), 1e-9) << what << " ray " << i;
-    EXPECT_LT((p - (start + fromScene.depth * dir)).norm(), 1e-12);
     EXPECT_EQ(fromScene.g1, geom);
     // The normal is a unit vector facing the ray's start.
     const Eigen::Vector3d normal(fromScene.normal[0], fromScene.normal[1], fromScene.normal[2]);
@@ -154,6 +152,21 @@ std::vector<std::pair<Object*, Eigen::Vector3d>> castAloneAndBatched(World& worl
 
 int hitCount(const std::vector<std::pair<Object*, Eigen::Vector3d>>& hits) {
   return int(std::count_if(hits.begin(), hits.end(), [](const auto& h) { return h.first != nullptr; }));
+}
+
+// A body of the given kind (sphere, box, capsule, cylinder, mesh cube) of sizes
+// a, b, c, placed at p and turned at random.
+SingleBodyObject* addBody(World& world, int kind, double a, double b, double c, const Eigen::Vector3d& p,
+                          std::mt19937& rng) {
+  SingleBodyObject* body = nullptr;
+  if (kind == 0) body = world.addSphere(a, 1.0);
+  if (kind == 1) body = world.addBox(a, b, c, 1.0, "default", 2);
+  if (kind == 2) body = world.addCapsule(a, b, 1.0);
+  if (kind == 3) body = world.addCylinder(a, b, 1.0);
+  if (kind == 4) body = world.addMesh(std::string(VORSIM_TEST_DATA_DIR) + "/meshes/cube.obj", 1.0, a);
+  body->setPosition(p.x(), p.y(), p.z());
+  body->setOrientation(Eigen::Matrix3d(Eigen::AngleAxisd(randomUnit(rng).x() * 6.0, randomUnit(rng))));
+  return body;
 }
 
 }  // namespace
@@ -257,28 +270,10 @@ TEST(RayCast, BatchSnapshotMatchesSingleQueriesAndHoldsStill) {
   std::mt19937 rng(3);
   std::uniform_real_distribution<double> u(-6.0, 6.0);
   std::vector<SingleBodyObject*> bodies;
+  const double sizes[5][3] = {{0.4, 0, 0}, {0.6, 0.3, 0.8}, {0.2, 0.7, 0}, {0.3, 0.5, 0}, {0.6, 0, 0}};
   for (int i = 0; i < 60; ++i) {
-    SingleBodyObject* b = nullptr;
-    switch (i % 5) {
-      case 0:
-        b = world.addSphere(0.4, 1.0);
-        break;
-      case 1:
-        b = world.addBox(0.6, 0.3, 0.8, 1.0, "default", 2);
-        break;
-      case 2:
-        b = world.addCapsule(0.2, 0.7, 1.0);
-        break;
-      case 3:
-        b = world.addCylinder(0.3, 0.5, 1.0);
-        break;
-      default:
-        b = world.addMesh(std::string(VORSIM_TEST_DATA_DIR) + "/meshes/cube.obj", 1.0, 0.6);
-        break;
-    }
-    b->setPosition(u(rng), u(rng), 1.0 + 0.2 * u(rng));
-    b->setOrientation(Eigen::Matrix3d(Eigen::AngleAxisd(u(rng), randomUnit(rng))));
-    bodies.push_back(b);
+    const double* a = sizes[i % 5];
+    bodies.push_back(addBody(world, i % 5, a[0], a[1], a[2], {u(rng), u(rng), 1.0 + 0.2 * u(rng)}, rng));
   }
   bodies[0]->setPosition(9.0, 9.0, 1.0);  // with nothing above it
   std::vector<Ray> rays;
@@ -336,26 +331,8 @@ TEST(RayCast, BatchFindsSmallBodiesScatteredInSpace) {
   std::mt19937 rng(8);
   std::uniform_real_distribution<double> u(-20.0, 20.0), size(0.05, 0.3);
   std::vector<SingleBodyObject*> bodies;
-  for (int i = 0; i < 300; ++i) {
-    SingleBodyObject* b = nullptr;
-    switch (i % 4) {
-      case 0:
-        b = world.addSphere(size(rng), 1.0);
-        break;
-      case 1:
-        b = world.addBox(size(rng), size(rng), size(rng), 1.0);
-        break;
-      case 2:
-        b = world.addCapsule(size(rng), size(rng), 1.0);
-        break;
-      default:
-        b = world.addCylinder(size(rng), size(rng), 1.0);
-        break;
-    }
-    b->setPosition(u(rng), u(rng), u(rng));
-    b->setOrientation(Eigen::Matrix3d(Eigen::AngleAxisd(u(rng), randomUnit(rng))));
-    bodies.push_back(b);
-  }
+  for (int i = 0; i < 300; ++i)
+    bodies.push_back(addBody(world, i % 4, size(rng), size(rng), size(rng), {u(rng), u(rng), u(rng)}, rng));
   std::uniform_real_distribution<double> jitter(-0.15, 0.15);
   std::vector<Ray> rays;
   for (int i = 0; i < 4000; ++i) {
@@ -374,31 +351,111 @@ TEST(RayCast, AGrazingRayTouchesTheHighestVertex) {
   // A flat 4 m x 4 m grid with one peak of 1 m at its centre. A level ray at
   // exactly the peak's height along a grid line touches the surface only at
   // the peak; the walk must not skip the blocks and cells whose highest point
-  // the ray only touches.
-  World world;
-  std::vector<double> heights(25, 0.0);
-  heights[12] = 1.0;
-  world.addHeightMap(5, 5, 4.0, 4.0, 0.0, 0.0, heights);
-  for (const Eigen::Vector3d& dir : {Eigen::Vector3d(1, 0, 0), Eigen::Vector3d(0, -1, 0)}) {
-    for (bool batched : {false, true}) {
-      std::unique_ptr<World::RayBatch> scope(batched ? new World::RayBatch(world) : nullptr);
-      const auto& hit = world.rayTest(Eigen::Vector3d(0, 0, 1.0) - 3.0 * dir, dir, 10.0, true);
-      ASSERT_EQ(hit.size, 1u) << dir.transpose() << (batched ? " batched" : "");
-      EXPECT_LT((Eigen::Vector3d(hit[0].position.e()) - Eigen::Vector3d(0, 0, 1)).norm(), 1e-9);
+  // the ray only touches. The same from below at the bottom of a pit.
+  for (double peak : {1.0, -1.0}) {
+    World world;
+    std::vector<double> heights(25, 0.0);
+    heights[12] = peak;
+    world.addHeightMap(5, 5, 4.0, 4.0, 0.0, 0.0, heights);
+    for (const Eigen::Vector3d& dir : {Eigen::Vector3d(1, 0, 0), Eigen::Vector3d(0, -1, 0)})
+      for (bool batched : {false, true}) {
+        std::unique_ptr<World::RayBatch> scope(batched ? new World::RayBatch(world) : nullptr);
+        const auto& hit = world.rayTest(Eigen::Vector3d(0, 0, peak) - 3.0 * dir, dir, 10.0, true);
+        ASSERT_EQ(hit.size, 1u) << peak << " " << dir.transpose() << (batched ? " batched" : "");
+        EXPECT_LT((Eigen::Vector3d(hit[0].position.e()) - Eigen::Vector3d(0, 0, peak)).norm(), 1e-9);
+      }
+    // Just above the peak the same rays pass.
+    if (peak > 0.0) {
+      EXPECT_EQ(world.rayTest({-3, 0, 1.0 + 1e-6}, {1, 0, 0}, 10.0, true).size, 0u);
     }
   }
-  // Just above the peak the same rays pass.
-  EXPECT_EQ(world.rayTest({-3, 0, 1.0 + 1e-6}, {1, 0, 0}, 10.0, true).size, 0u);
+}
 
-  // The same from below: a level ray at the bottom of a pit, under the rest
-  // of the surface, touches the surface only at the pit's lowest vertex.
-  World pitWorld;
-  heights[12] = -1.0;
-  pitWorld.addHeightMap(5, 5, 4.0, 4.0, 0.0, 0.0, heights);
-  for (bool batched : {false, true}) {
-    std::unique_ptr<World::RayBatch> scope(batched ? new World::RayBatch(pitWorld) : nullptr);
-    const auto& hit = pitWorld.rayTest({-3, 0, -1.0}, {1, 0, 0}, 10.0, true);
-    ASSERT_EQ(hit.size, 1u) << (batched ? "batched" : "");
-    EXPECT_LT((Eigen::Vector3d(hit[0].position.e()) - Eigen::Vector3d(0, 0, -1)).norm(), 1e-9);
+// ----------------------------------------------- simple scenes, by hand --
+
+namespace {
+const Eigen::Vector3d kDown(0, 0, -1);
+}
+
+TEST(Ray, HitsEveryPrimitiveAtItsSurface) {
+  World world;
+  world.addGround(-1.0);
+  auto* sphere = world.addSphere(0.5, 1.0);
+  sphere->setPosition(0, 0, 0);
+  auto* box = world.addBox(1.0, 2.0, 0.4, 1.0);
+  box->setPosition(3, 0, 0);
+  box->setOrientation(Eigen::Quaterniond(Eigen::AngleAxisd(M_PI / 2, Eigen::Vector3d::UnitZ())));
+  auto* capsule = world.addCapsule(0.25, 1.0, 1.0);
+  capsule->setPosition(6, 0, 0);  // upright: top at z = 0.75
+  auto* cylinder = world.addCylinder(0.3, 0.8, 1.0);
+  cylinder->setPosition(9, 0, 0);
+  cylinder->setOrientation(Eigen::Quaterniond(Eigen::AngleAxisd(M_PI / 2, Eigen::Vector3d::UnitX())));
+  struct Case {
+    Eigen::Vector3d start, dir;
+    Object* object;
+    Eigen::Vector3d hit;
+  };
+  const double s = std::sqrt(0.5);
+  const Case cases[] = {
+      {{0, 0, 5}, kDown, sphere, {0, 0, 0.5}},
+      {{-3 * s, -3 * s, 0}, {s, s, 0}, sphere, {-0.5 * s, -0.5 * s, 0}},
+      {{3, 0, 5}, kDown, box, {3, 0, 0.2}},
+      {{1, 0, 0}, {1, 0, 0}, box, {2.0, 0, 0}},  // rotated: 2 m along x now
+      {{6, 0, 5}, kDown, capsule, {6, 0, 0.75}},
+      {{6, -3, 0.2}, {0, 1, 0}, capsule, {6, -0.25, 0.2}},
+      {{9, 0, 5}, kDown, cylinder, {9, 0, 0.3}},  // lying along y
+      {{9, -3, 0}, {0, 1, 0}, cylinder, {9, -0.4, 0}},
+      {{20, 0, 5}, kDown, world.getObjList()[0], {20, 0, -1}},
+  };
+  for (const Case& c : cases) {
+    const auto& hits = world.rayTest(c.start, c.dir, 50.0, true);
+    ASSERT_EQ(hits.size, 1u);
+    EXPECT_EQ(hits[0].object, c.object);
+    EXPECT_LT((hits[0].position.e() - c.hit).norm(), 1e-9) << hits[0].position.e().transpose();
   }
+  // Out of reach, nothing.
+  EXPECT_EQ(world.rayTest({0, 0, 5}, kDown, 4.0, true).size, 0u);
+  EXPECT_EQ(world.rayTest({0, 0, 5}, {0, 0, 1}, 50.0, false).size, 0u);
+}
+
+TEST(Ray, ClosestHitAllHitsMasksAndOwner) {
+  World world;
+  auto* near = world.addBox(1, 1, 1, 1.0, "default", 0x1);
+  near->setPosition(0, 0, 2);
+  auto* far = world.addSphere(0.5, 1.0, "default", 0x2);
+  far->setPosition(0, 0, -2);
+  auto* ground = world.addGround(-5.0);
+  auto* side = world.addSphere(0.5, 1.0, "default", 0x4);  // off the vertical ray
+  side->setPosition(0, -3, 2);
+
+  // Closest only: the near face of the first box, whatever the order of hits.
+  const auto& closest = world.rayTest({0, 0, 10}, kDown, 100.0, true);
+  ASSERT_EQ(closest.size, 1u);
+  EXPECT_EQ(closest[0].object, near);
+  EXPECT_NEAR(closest[0].position[2], 2.5, 1e-12);
+  // All hits: one per geom on the way, unsorted.
+  const auto& all = world.rayTest({0, 0, 10}, kDown, 100.0, false);
+  ASSERT_EQ(all.size, 3u);
+  std::vector<double> zs;
+  for (size_t i = 0; i < 3; ++i) zs.push_back(all[i].position[2]);
+  std::sort(zs.begin(), zs.end());
+  EXPECT_LT((Eigen::Vector3d(zs[0], zs[1], zs[2]) - Eigen::Vector3d(-5.0, -1.5, 2.5)).norm(), 1e-12);
+
+  // The mask selects groups; a mask of 0 sees nothing.
+  EXPECT_EQ(world.rayTest({0, 0, 10}, kDown, 100.0, false, size_t(-1), size_t(-1), 0).size, 0u);
+  EXPECT_EQ(world.rayTest({0, 0, 10}, kDown, 100.0, true, size_t(-1), size_t(-1), 0x2)[0].object, far);
+  EXPECT_EQ(world.rayTest({0, 0, 10}, kDown, 100.0, true, size_t(-1), size_t(-1), 0x80000000)[0].object, ground);
+  // A ray cast from inside its owner does not see the owner; without an owner
+  // it sees the inside of the box first.
+  const auto& fromInside = world.rayTest({0, 0, 2}, kDown, 100.0, true, near->getIndexInWorld(), 0);
+  ASSERT_EQ(fromInside.size, 1u);
+  EXPECT_EQ(fromInside[0].object, far);
+  EXPECT_NEAR(fromInside[0].position[2], -1.5, 1e-12);
+  EXPECT_EQ(world.rayTest({0, 0, 2}, kDown, 100.0, true)[0].object, near);
+  // Along y at z = 2: the side sphere is hit at y = -3.5, 1.5 m from the start;
+  // the box at y = -0.5, 4.5 m away, though nearer the origin.
+  const auto& along = world.rayTest({0, -5, 2}, {0, 1, 0}, 20.0, true);
+  ASSERT_EQ(along.size, 1u);
+  EXPECT_EQ(along[0].object, side);
+  EXPECT_NEAR(along[0].position[1], -3.5, 1e-12);
 }

@@ -1,7 +1,6 @@
-// Sensors on robots: the timing of updates, depth images and point clouds
-// against analytic scenes, lidar scans against a box and the ground, the
-// inertial unit's reading from a known motion, look-ups, records read back by
-// an independent little-endian reader, and bad input.
+// Sensors on robots: update timing, depth images and lidar scans against
+// analytic scenes, the inertial unit against known motions, records read back
+// by an independent little-endian reader, look-ups and bad input.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -25,6 +24,7 @@ using namespace vorsim;
 namespace {
 
 constexpr double kPi = 3.14159265358979323846;
+const std::string kAtOrigin = "xyz=\"0 0 0\"";
 
 Eigen::Vector3d E(const Mat<3, 1>& m) { return m.e(); }
 Eigen::Matrix3d E(const Mat<3, 3>& m) { return m.e(); }
@@ -78,24 +78,6 @@ double rayBox(const Eigen::Vector3d& start, const Eigen::Vector3d& dir, const Ei
   return (t >= 0.0 && t <= reach) ? t : -1.0;
 }
 
-// Entry into a sphere, as above.
-double raySphere(const Eigen::Vector3d& start, const Eigen::Vector3d& dir, const Eigen::Vector3d& center, double r,
-                 double reach) {
-  const Eigen::Vector3d q = start - center;
-  const double b = q.dot(dir), c = q.squaredNorm() - r * r, disc = b * b - c;
-  if (disc < 0) return -1.0;
-  double t = -b - std::sqrt(disc);
-  if (t < 0) t = -b + std::sqrt(disc);
-  return (t >= 0.0 && t <= reach) ? t : -1.0;
-}
-
-// Where a ray meets the plane z = 0, or negative.
-double rayGround(const Eigen::Vector3d& start, const Eigen::Vector3d& dir, double reach) {
-  if (dir.z() >= 0.0) return -1.0;
-  const double t = -start.z() / dir.z();
-  return t <= reach ? t : -1.0;
-}
-
 // Reads packed little-endian records byte by byte, independently of the host.
 class RecordReader {
  public:
@@ -108,18 +90,15 @@ class RecordReader {
     return v;
   }
   uint32_t u32() { return unsignedInt<uint32_t>(); }
-  double f64() {
-    const uint64_t bits = unsignedInt<uint64_t>();
-    double d;
-    std::memcpy(&d, &bits, 8);
-    return d;
-  }
-  float f32() {
-    const uint32_t bits = u32();
-    float f;
-    std::memcpy(&f, &bits, 4);
+  template <typename F, typename U>  // a float of the bits of U
+  F real() {
+    const U bits = unsignedInt<U>();
+    F f;
+    std::memcpy(&f, &bits, sizeof(F));
     return f;
   }
+  double f64() { return real<double, uint64_t>(); }
+  float f32() { return real<float, uint32_t>(); }
   std::string text() {
     const uint32_t n = u32();
     std::string s(p_, n);
@@ -131,16 +110,6 @@ class RecordReader {
  private:
   const char* p_;
 };
-
-// type, name, width, height, clip near and far, field of view, noise type,
-// mean and deviation, format. (A braced list reads its fields in order.)
-using CameraRecord = std::tuple<uint32_t, std::string, uint32_t, uint32_t, double, double, double, uint32_t, double,
-                                double, std::string>;
-
-CameraRecord readCamera(RecordReader& in) {
-  return CameraRecord{in.u32(), in.text(), in.u32(), in.u32(), in.f64(), in.f64(),
-                      in.f64(), in.u32(),  in.f64(), in.f64(), in.text()};
-}
 
 // Steps the world once and lets the robot update its sensors. The robot's
 // integrate does this itself once it steps; a second call in the same step
@@ -157,16 +126,15 @@ void step(World& world, ArticulatedSystem* robot) {
 TEST(SensorTiming, RatesSourcesAndLongSteps) {
   World world;
   world.setTimeStep(0.001);
-  const std::string lidars = lidarSensor("fast", "xyz=\"0 0 0\"", 32, 2, -0.1, 0.1, 0, 10, 10, "counter", 100) +
-                             lidarSensor("never", "xyz=\"0 0 0\"", 32, 2, -0.1, 0.1, 0, 10, 10, "counter", 0) +
-                             depthSensor("cam", "xyz=\"0 0 0\"", 2, 2, 1.0, 5.0, 1000);
-  ArticulatedSystem* robot = world.addArticulatedSystem(fixedRobot("xyz=\"0 0 1\"", lidars));
+  const std::string sensors = lidarSensor("fast", kAtOrigin, 32, 2, -0.1, 0.1, 0, 10, 10, "counter", 100) +
+                              lidarSensor("never", kAtOrigin, 32, 2, -0.1, 0.1, 0, 10, 10, "counter", 0) +
+                              depthSensor("cam", kAtOrigin, 2, 2, 1.0, 5.0, 1000);
+  ArticulatedSystem* robot = world.addArticulatedSystem(fixedRobot("xyz=\"0 0 1\"", sensors));
   auto fast = robot->getSensor<SpinningLidar>("base:fast");
   auto never = robot->getSensor<SpinningLidar>("base:never");
   auto cam = robot->getSensor<DepthCamera>("base:cam");
 
-  // A 100 Hz sensor at dt 1 ms: the first step (lastUpdateTime -1), then every
-  // 10th step.
+  // A 100 Hz sensor at dt 1 ms: the first step (lastUpdateTime -1), then every 10th.
   std::vector<int> updatedAt;
   double last = fast->getLastUpdateTime();
   EXPECT_EQ(last, -1.0);
@@ -187,7 +155,6 @@ TEST(SensorTiming, RatesSourcesAndLongSteps) {
   EXPECT_EQ(cam->getMeasurementSource(), Sensor::VISUALIZER);
   EXPECT_EQ(cam->getLastUpdateTime(), -1.0);
   EXPECT_EQ(cam->getDepthArray(), std::vector<float>(4, 0.0f));
-  // Switched to the simulator, it measures at its next step.
   cam->setMeasurementSource(Sensor::SIMULATOR);
   step(world, robot);
   EXPECT_EQ(cam->getLastUpdateTime(), world.getWorldTime());
@@ -196,24 +163,17 @@ TEST(SensorTiming, RatesSourcesAndLongSteps) {
   // A step five times the period yields one update per step, not five.
   world.setTimeStep(0.05);
   for (int s = 0; s < 3; ++s) {
-    const double before = fast->getLastUpdateTime();
     step(world, robot);
     EXPECT_EQ(fast->getLastUpdateTime(), world.getWorldTime());
-    if (s > 0) {
-      EXPECT_NEAR(fast->getLastUpdateTime() - before, 0.05, 1e-9);
-    }
   }
-}
 
-TEST(SensorTiming, DueRuleAtTheBoundary) {
+  // The due rule at its boundary: a period of 0.25 with a 1e-10 allowance.
   SpinningLidar::SpinningLidarProperties prop;
-  prop.name = "l";
   SpinningLidar lidar(prop, nullptr, Mat<3, 1>{0, 0, 0}, Mat<3, 3>::getIdentity());
-  lidar.setUpdateRate(4.0);  // period 0.25
+  lidar.setUpdateRate(4.0);
   lidar.setLastUpdateTime(1.0);
   EXPECT_FALSE(lidar.isDue(1.25 - 2e-10));
-  EXPECT_TRUE(lidar.isDue(1.25 - 0.5e-10));  // within the 1e-10 allowance
-  EXPECT_TRUE(lidar.isDue(1.25));
+  EXPECT_TRUE(lidar.isDue(1.25 - 0.5e-10));
   // A rate of 1 Hz or more is due in the first step.
   lidar.setLastUpdateTime(-1.0);
   lidar.setUpdateRate(1.0);
@@ -228,29 +188,29 @@ namespace {
 
 struct DepthScene {
   World world;
-  ArticulatedSystem* robot = nullptr;
   std::shared_ptr<DepthCamera> camera;
-  Box* wall = nullptr;
   Eigen::Vector3d wallCenter{4.0, 0.0, 0.5}, wallHalf{0.1, 5.0, 0.5};
 
-  DepthScene(int width, int height, const std::string& extra = "") {
+  // The camera sits inside a collision sphere of its own base, which its rays leave out.
+  DepthScene(int width, int height) {
     world.addGround(0.0);
-    wall = world.addBox(0.2, 10.0, 1.0, 1.0);
+    Box* wall = world.addBox(0.2, 10.0, 1.0, 1.0);
     wall->setBodyType(STATIC);
     wall->setPosition(wallCenter.x(), wallCenter.y(), wallCenter.z());
-    robot = world.addArticulatedSystem(
-        fixedRobot("xyz=\"0 0 1\" rpy=\"0 0.3 0\"",
-                   depthSensor("cam", "xyz=\"0.1 0 0.2\" rpy=\"0.2 0 0\"", width, height, 1.2, 10.0) + extra));
+    ArticulatedSystem* robot = world.addArticulatedSystem(
+        fixedRobot("xyz=\"0 0.3 1\" rpy=\"0 0.3 0.1\"",
+                   depthSensor("cam", "xyz=\"0.1 0 0.2\" rpy=\"0.2 0 0\"", width, height, 1.2, 10.0) +
+                       "<collision><geometry><sphere radius=\"0.5\"/></geometry></collision>"));
     camera = robot->getSensor<DepthCamera>("base:cam");
+    camera->update(world);
   }
 
   // Distance along the unit ray to the nearest of ground and wall, or negative.
   double expectedHit(const Eigen::Vector3d& start, const Eigen::Vector3d& dir) const {
-    double best = -1.0;
-    for (double t :
-         {rayGround(start, dir, 10.0), rayBox(start, dir, wallCenter, Eigen::Matrix3d::Identity(), wallHalf, 10.0)})
-      if (t >= 0.0 && (best < 0.0 || t < best)) best = t;
-    return best;
+    const double ground = dir.z() < 0.0 ? -start.z() / dir.z() : -1.0;
+    const double wall = rayBox(start, dir, wallCenter, Eigen::Matrix3d::Identity(), wallHalf, 10.0);
+    if (ground < 0.0 || ground > 10.0) return wall;
+    return wall >= 0.0 && wall < ground ? wall : ground;
   }
 };
 
@@ -259,20 +219,25 @@ struct DepthScene {
 TEST(DepthCamera, WallAndGroundPerPixel) {
   DepthScene scene(16, 16);
   DepthCamera& cam = *scene.camera;
-  cam.update(scene.world);
-
   const Eigen::Matrix3d R = E(cam.getOrientation());
   const Eigen::Vector3d p = E(cam.getPosition());
   // The camera's pose: the base's mount composed with the sensor's.
-  const Eigen::Matrix3d baseRot = Eigen::AngleAxisd(0.3, Eigen::Vector3d::UnitY()).toRotationMatrix();
-  EXPECT_LT((p - (Eigen::Vector3d(0, 0, 1) + baseRot * Eigen::Vector3d(0.1, 0, 0.2))).norm(), 1e-15);
+  const Eigen::Matrix3d baseRot =
+      (Eigen::AngleAxisd(0.1, Eigen::Vector3d::UnitZ()) * Eigen::AngleAxisd(0.3, Eigen::Vector3d::UnitY()))
+          .toRotationMatrix();
+  EXPECT_LT((p - (Eigen::Vector3d(0, 0.3, 1) + baseRot * Eigen::Vector3d(0.1, 0, 0.2))).norm(), 1e-15);
   EXPECT_LT((R - baseRot * Eigen::AngleAxisd(0.2, Eigen::Vector3d::UnitX()).toRotationMatrix()).norm(), 1e-15);
 
   const double planeW = 2.0 * std::tan(0.6);
   int ground = 0, wall = 0, sky = 0;
+  std::vector<Mat<3, 1>> cloud, local;
+  cam.depthToPointCloud(cam.getDepthArray(), cloud, false);
+  cam.depthToPointCloud(cam.getDepthArray(), local, true);
+  ASSERT_EQ(cloud.size(), 256u);
   for (int r = 0; r < 16; ++r) {
     for (int c = 0; c < 16; ++c) {
       const size_t i = size_t(r * 16 + c);
+      SCOPED_TRACE("pixel " + std::to_string(r) + " " + std::to_string(c));
       // Row 0 is the top of the image, column 0 its left (+y).
       const Eigen::Vector3d d(1.0, planeW * (0.5 - (c + 0.5) / 16), planeW * (0.5 - (r + 0.5) / 16));
       EXPECT_LT((E(cam.getRayDirections()[i]) - d).norm(), 1e-15);
@@ -282,71 +247,27 @@ TEST(DepthCamera, WallAndGroundPerPixel) {
       const Eigen::Vector3d point = E(cam.get3DPoints()[i]);
       if (t < 0.0) {
         ++sky;
-        EXPECT_TRUE(std::isnan(depth)) << r << " " << c;
+        EXPECT_TRUE(std::isnan(depth));
         EXPECT_TRUE(point.array().isNaN().all());
+        EXPECT_TRUE(E(cloud[i]).array().isNaN().all());
+        EXPECT_TRUE(E(local[i]).array().isNaN().all());
         continue;
       }
       (p + t * w).z() < 1e-9 ? ++ground : ++wall;
-      EXPECT_LT((point - (p + t * w)).norm(), 1e-9) << r << " " << c;
+      EXPECT_LT((point - (p + t * w)).norm(), 1e-9);
       // Depth along the optical axis: the ray's length over |d|.
       EXPECT_NEAR(depth, float(t / d.norm()), 4 * std::numeric_limits<float>::epsilon() * depth);
+      // The point cloud is the depth image back-projected, in the world and in
+      // the camera frame, equal up to the depth's narrowing to float.
+      EXPECT_LT((E(cloud[i]) - point).norm(), 1e-6 * t);
+      EXPECT_LT((E(local[i]) - R.transpose() * (point - p)).norm(), 1e-6 * t);
+      EXPECT_EQ(local[i][0], double(depth));
     }
   }
   // The scene is set up so that the image holds all three.
   EXPECT_GT(ground, 20);
   EXPECT_GT(wall, 20);
   EXPECT_GT(sky, 20);
-
-  // The point cloud is the depth image back-projected, in the world and in
-  // the camera frame.
-  std::vector<Mat<3, 1>> cloud, local;
-  cam.depthToPointCloud(cam.getDepthArray(), cloud, false);
-  cam.depthToPointCloud(cam.getDepthArray(), local, true);
-  ASSERT_EQ(cloud.size(), 256u);
-  for (size_t i = 0; i < 256; ++i) {
-    const Eigen::Vector3d hit = E(cam.get3DPoints()[i]);
-    if (std::isnan(hit.x())) {
-      EXPECT_TRUE(E(cloud[i]).array().isNaN().all());
-      EXPECT_TRUE(E(local[i]).array().isNaN().all());
-      continue;
-    }
-    // Equal up to the depth's narrowing to float.
-    EXPECT_LT((E(cloud[i]) - hit).norm(), 1e-6 * (hit - p).norm()) << i;
-    EXPECT_LT((E(local[i]) - R.transpose() * (hit - p)).norm(), 1e-6 * (hit - p).norm()) << i;
-    EXPECT_EQ(local[i][0], double(cam.getDepthArray()[i]));
-  }
-}
-
-TEST(DepthCamera, BodyMovedIntoViewAndOwnBodyLeftOut) {
-  // The camera sits inside a collision sphere of its own base: the rays leave
-  // the body that carries them out.
-  DepthScene scene(9, 9, "<collision><geometry><sphere radius=\"0.5\"/></geometry></collision>");
-  DepthCamera& cam = *scene.camera;
-  Sphere* ball = scene.world.addSphere(0.3, 1.0);
-  ball->setBodyType(STATIC);
-  ball->setPosition(0.0, 30.0, 1.0);
-  cam.update(scene.world);
-  const size_t centre = 4 * 9 + 4;
-  const float before = cam.getDepthArray()[centre];
-  ASSERT_FALSE(std::isnan(before));
-
-  // Put the ball on the optical axis, 1.5 m ahead.
-  const Eigen::Matrix3d R = E(cam.getOrientation());
-  const Eigen::Vector3d p = E(cam.getPosition());
-  const Eigen::Vector3d ballAt = p + 1.5 * R.col(0);
-  ball->setPosition(ballAt.x(), ballAt.y(), ballAt.z());
-  cam.update(scene.world);
-  EXPECT_NEAR(cam.getDepthArray()[centre], 1.2f, 1e-6f);
-  int onBall = 0;
-  for (size_t i = 0; i < 81; ++i) {
-    const Eigen::Vector3d d = E(cam.getRayDirections()[i]);
-    const Eigen::Vector3d w = R * d.normalized();
-    const double tb = raySphere(p, w, ballAt, 0.3, 10.0), ts = scene.expectedHit(p, w);
-    if (tb < 0.0 || (ts >= 0.0 && ts < tb)) continue;
-    ++onBall;
-    EXPECT_LT((E(cam.get3DPoints()[i]) - (p + tb * w)).norm(), 1e-9) << i;
-  }
-  EXPECT_GT(onBall, 4);
 }
 
 TEST(DepthCamera, IndexStrideOfNonSquareImages) {
@@ -354,7 +275,6 @@ TEST(DepthCamera, IndexStrideOfNonSquareImages) {
   // direction at that index. A wide image's rows overlap, and its last
   // (width - height)(height - 1) entries are never written.
   DepthScene wide(6, 4);
-  wide.camera->update(wide.world);
   const Eigen::Matrix3d R = E(wide.camera->getOrientation());
   const Eigen::Vector3d p = E(wide.camera->getPosition());
   const double planeW = 2.0 * std::tan(0.6), planeH = 4 * planeW / 6;
@@ -373,24 +293,10 @@ TEST(DepthCamera, IndexStrideOfNonSquareImages) {
 
   // A tall image: pixels whose index passes the end are left out.
   DepthScene tall(3, 5);
-  tall.camera->update(tall.world);
   EXPECT_EQ(tall.camera->getDepthArray().size(), 15u);
-  std::vector<Mat<3, 1>> cloud;
-  tall.camera->depthToPointCloud(tall.camera->getDepthArray(), cloud, true);
-  EXPECT_EQ(cloud.size(), 15u);
 }
 
 // ------------------------------------------------------------ spinning lidar --
-
-namespace {
-
-// The column of a scan point: its azimuth in units of the yaw step.
-long columnOf(const Mat<3, 1>& q, int yawSamples) {
-  const double az = std::atan2(q[1], q[0]);
-  return std::lround(az / (2.0 * kPi / yawSamples));
-}
-
-}  // namespace
 
 TEST(SpinningLidar, PointsLieOnTheBoxFacesAndMissesGiveNothing) {
   World world;
@@ -425,8 +331,7 @@ TEST(SpinningLidar, PointsLieOnTheBoxFacesAndMissesGiveNothing) {
       }
     EXPECT_EQ(lidar->getScan().size(), expected) << "update " << s;
     for (const Mat<3, 1>& q : lidar->getScan()) {
-      const Eigen::Vector3d local = boxRot.transpose() * (R * E(q) + p - boxCenter);
-      const Eigen::Vector3d outside = local.cwiseAbs() - boxHalf;
+      const Eigen::Vector3d outside = (boxRot.transpose() * (R * E(q) + p - boxCenter)).cwiseAbs() - boxHalf;
       EXPECT_LT(outside.maxCoeff(), 1e-9);   // not outside the box
       EXPECT_GT(outside.maxCoeff(), -1e-9);  // and on a face
       EXPECT_GE(E(q).norm(), 0.2 - 1e-12);
@@ -442,42 +347,37 @@ TEST(SpinningLidar, FullTurnsDirectionAndSlowSpin) {
   world.addGround(0.0);
   world.setTimeStep(0.01);
   // Every ray points down at the ground, so every cast ray is seen in the scan.
-  const std::string sensors = lidarSensor("ccw", "xyz=\"0 0 0\"", 64, 3, -0.6, -0.2, 0, 50, 10, "counter", 100) +
-                              lidarSensor("cw", "xyz=\"0 0 0\"", 64, 3, -0.6, -0.2, 0, 50, 10, "clockwise", 100) +
-                              lidarSensor("slow", "xyz=\"0 0 0\"", 64, 3, -0.6, -0.2, 0, 50, 0.1, "counter", 100) +
-                              lidarSensor("flat", "xyz=\"0 0 0\"", 64, 1, -0.6, -0.6, 0, 50, 10, "counter", 100);
+  const std::string sensors = lidarSensor("ccw", kAtOrigin, 64, 3, -0.6, -0.2, 0, 50, 10, "counter", 100) +
+                              lidarSensor("cw", kAtOrigin, 64, 3, -0.6, -0.2, 0, 50, 10, "clockwise", 100) +
+                              lidarSensor("slow", kAtOrigin, 64, 3, -0.6, -0.2, 0, 50, 0.1, "counter", 100);
   ArticulatedSystem* robot = world.addArticulatedSystem(fixedRobot("xyz=\"0 0 1\"", sensors));
   auto ccw = robot->getSensor<SpinningLidar>("base:ccw");
   auto cw = robot->getSensor<SpinningLidar>("base:cw");
   auto slow = robot->getSensor<SpinningLidar>("base:slow");
-  auto flat = robot->getSensor<SpinningLidar>("base:flat");
-  EXPECT_EQ(cw->getProperties().spinDirection, -1);
+  auto column = [](const Mat<3, 1>& q) { return std::lround(std::atan2(q[1], q[0]) / (2.0 * kPi / 64)); };
 
-  // 10 turns per second at 100 updates per second: a turn takes 10 updates,
-  // and in it every one of the 64 columns is cast. Both ends of an update's
-  // range count, so a column that falls exactly on the boundary between two
-  // updates (column 0 at the end of the turn, 32 at its middle) may come twice.
+  // A turn takes 10 updates, and in it every one of the 64 columns is cast.
+  // Both ends of an update's range count, so a column exactly on the boundary
+  // between two updates (0 at the end of the turn, 32 at its middle) may come twice.
   std::multiset<long> ccwColumns, cwColumns;
   int slowNonEmpty = 0;
   for (int s = 0; s < 10; ++s) {
     step(world, robot);
     ASSERT_EQ(ccw->getScan().size() % 3, 0u);
-    long previous = 0;
     for (size_t n = 0; n < cw->getScan().size(); n += 3) {
-      const long k = columnOf(cw->getScan()[n], 64);
+      const long k = column(cw->getScan()[n]);
       // Clockwise, the walk goes down through the columns.
       if (n > 0) {
-        EXPECT_EQ(((previous - k) % 64 + 64) % 64, 1) << s;
+        EXPECT_EQ(((column(cw->getScan()[n - 3]) - k) % 64 + 64) % 64, 1) << s;
       }
-      previous = k;
       cwColumns.insert((k % 64 + 64) % 64);
     }
     for (size_t n = 0; n < ccw->getScan().size(); n += 3) {
-      const long k = columnOf(ccw->getScan()[n], 64);
+      const long k = column(ccw->getScan()[n]);
       ccwColumns.insert((k % 64 + 64) % 64);
       // Points of one column share its azimuth and reach the ground.
       for (size_t j = 0; j < 3; ++j) {
-        EXPECT_EQ(columnOf(ccw->getScan()[n + j], 64), k);
+        EXPECT_EQ(column(ccw->getScan()[n + j]), k);
         EXPECT_NEAR(ccw->getScan()[n + j][2], -1.0, 1e-12);
       }
     }
@@ -485,23 +385,14 @@ TEST(SpinningLidar, FullTurnsDirectionAndSlowSpin) {
       EXPECT_NEAR(cw->getYawAngle(), 2 * kPi - 0.2 * kPi, 1e-12);
     }
     slowNonEmpty += !slow->getScan().empty();
-    // One pitch sample gives NaN directions: nothing is ever hit.
-    EXPECT_TRUE(flat->getScan().empty());
   }
   for (auto* columns : {&ccwColumns, &cwColumns}) {
     EXPECT_EQ(std::set<long>(columns->begin(), columns->end()).size(), 64u);
     EXPECT_LE(columns->size(), 66u);
-    for (long k = 1; k < 64; ++k)
-      if (k != 32) {
-        EXPECT_EQ(columns->count(k), 1u) << k;
-      }
   }
   EXPECT_LT(std::min(ccw->getYawAngle(), 2 * kPi - ccw->getYawAngle()), 1e-9);
   EXPECT_LT(std::min(cw->getYawAngle(), 2 * kPi - cw->getYawAngle()), 1e-9);
-  // The slow one turns 0.1 turn a second, 1/1000 turn per update: one column
-  // per 15.6 updates, so most updates cast nothing.
-  EXPECT_GE(slowNonEmpty, 1);
-  EXPECT_LE(slowNonEmpty, 2);
+  // The slow one turns 1/1000 turn per update: one column per 15.6 updates.
   for (int s = 0; s < 90; ++s) {
     step(world, robot);
     slowNonEmpty += !slow->getScan().empty();
@@ -517,20 +408,18 @@ TEST(SpinningLidar, LeavesOutBodyZeroWhateverBodyCarriesIt) {
 <joint name="mount" type="fixed"><parent link="world"/><child link="base"/><origin xyz="0 0 1"/></joint>
 <link name="base"><inertial><mass value="1"/><inertia ixx="0.1" iyy="0.1" izz="0.1"/></inertial>
   <collision><geometry><sphere radius="0.3"/></geometry></collision>)" +
-                           lidarSensor("l0", "xyz=\"0 0 0\"", 16, 2, -0.05, 0.05, 0, 10, 10, "counter", 100) +
-                           R"(</link>
+                           lidarSensor("l0", kAtOrigin, 16, 2, -0.05, 0.05, 0, 10, 10, "counter", 100) + R"(</link>
 <joint name="j" type="revolute"><parent link="base"/><child link="arm"/><origin xyz="2 0 0"/><axis xyz="0 0 1"/>
   <limit lower="-1" upper="1"/></joint>
 <link name="arm"><inertial><mass value="1"/><inertia ixx="0.1" iyy="0.1" izz="0.1"/></inertial>
   <collision><geometry><sphere radius="0.25"/></geometry></collision>)" +
-                           lidarSensor("l1", "xyz=\"0 0 0\"", 16, 2, -0.2, 0.2, 0, 10, 10, "counter", 100) +
+                           lidarSensor("l1", kAtOrigin, 16, 2, -0.2, 0.2, 0, 10, 10, "counter", 100) +
                            "</link></robot>";
   World world;
   world.setTimeStep(0.01);
   ArticulatedSystem* robot = world.addArticulatedSystem(urdf);
   auto l0 = robot->getSensor<SpinningLidar>("base:l0");
   auto l1 = robot->getSensor<SpinningLidar>("arm:l1");
-  EXPECT_EQ(robot->getFrames()[l1->getFrameIdx()].parentId, 1u);
   step(world, robot);
   // l0: rays along +x reach the arm's sphere 2 m away; nothing else.
   ASSERT_FALSE(l0->getScan().empty());
@@ -544,32 +433,29 @@ TEST(SpinningLidar, LeavesOutBodyZeroWhateverBodyCarriesIt) {
 
 namespace {
 
-const char* kSpinner = R"(<?xml version="1.0"?><robot name="s"><link name="world"/>
+std::string spinner(const std::string& limit) {
+  return R"(<?xml version="1.0"?><robot name="s"><link name="world"/>
 <joint name="mount" type="fixed"><parent link="world"/><child link="base"/><origin xyz="0 0 0.5"/></joint>
 <link name="base"><inertial><mass value="1"/><inertia ixx="0.1" iyy="0.1" izz="0.1"/></inertial></link>
 <joint name="spin" type="continuous"><parent link="base"/><child link="rotor"/><axis xyz="0 0 1"/></joint>
 <link name="rotor"><inertial><mass value="1"/><inertia ixx="0.1" iyy="0.1" izz="0.1"/></inertial>
-  <sensor type="imu" name="imu" update_rate="1000"><origin xyz="0.3 0 0.1" rpy="0 0 1.5707963267948966"/>
-  LIMIT</sensor>
-</link></robot>)";
-
-std::string spinner(const std::string& limit) {
-  std::string s = kSpinner;
-  s.replace(s.find("LIMIT"), 5, limit);
-  return s;
+  <sensor type="imu" name="imu" update_rate="1000"><origin xyz="0.3 0 0.1" rpy="0 0 1.5707963267948966"/>)" +
+         limit + "</sensor></link></robot>";
 }
 
 // Puts the spinner at joint angle theta turning at rate omega, with the
 // accelerations that a steady spin under gravity g has: every body origin
 // accelerates upward by g (gravity seen from a falling frame), no angular
-// acceleration.
-void setSteadySpin(ArticulatedSystem& robot, double theta, double omega, double g) {
+// acceleration. Then measures at world time t.
+void steadySpin(World& world, ArticulatedSystem& robot, double theta, double omega, double g, double t) {
   robot.setGeneralizedCoordinate({theta});
   robot.setGeneralizedVelocity({omega});
   for (size_t b = 0; b < robot.nbody; ++b) {
     robot.linAccW[b] = {0.0, 0.0, g};
     robot.angAccW[b] = {0.0, 0.0, 0.0};
   }
+  world.setWorldTime(t);
+  robot.updateSensorsIfNecessary(world);
 }
 
 }  // namespace
@@ -581,9 +467,7 @@ TEST(InertialUnit, SteadySpinReadsRateCentripetalAndGravity) {
   auto imu = robot->getSensor<InertialMeasurementUnit>("rotor:imu");
   EXPECT_EQ(imu->getMeasurementSource(), Sensor::SIMULATOR);
   const double theta = 0.7, omega = 3.0, g = 9.81;
-  setSteadySpin(*robot, theta, omega, g);
-  world.setWorldTime(0.5);
-  robot->updateSensorsIfNecessary(world);
+  steadySpin(world, *robot, theta, omega, g, 0.5);
   EXPECT_EQ(imu->getLastUpdateTime(), 0.5);
 
   // The sensor's x axis points along the joint's direction of travel, its y
@@ -593,28 +477,24 @@ TEST(InertialUnit, SteadySpinReadsRateCentripetalAndGravity) {
   const Mat<4, 1>& q = imu->getQuaternion();
   const double half = 0.5 * (theta + kPi / 2);
   EXPECT_NEAR(std::abs(q[0] * std::cos(half) + q[3] * std::sin(half)), 1.0, 1e-12);
-  EXPECT_NEAR(q[1], 0.0, 1e-15);
-  EXPECT_NEAR(q[2], 0.0, 1e-15);
+  EXPECT_LT(std::abs(q[1]) + std::abs(q[2]), 1e-15);
   EXPECT_LT((E(imu->getPosition()) - Eigen::Vector3d(0.3 * std::cos(theta), 0.3 * std::sin(theta), 0.6)).norm(), 1e-15);
 
   // The measurement record: six floats, acceleration then angular velocity.
   char buffer[64];
   std::memset(buffer, 0x5A, sizeof(buffer));
   char* end = imu->serializeMeasurements(buffer);
-  EXPECT_EQ(end - buffer, 24);
-  EXPECT_EQ(size_t(end - buffer), imu->measurementRecordSize());
+  EXPECT_EQ(size_t(end - buffer), 24u);
+  EXPECT_EQ(imu->measurementRecordSize(), 24u);
   EXPECT_EQ(buffer[24], 0x5A);
   RecordReader in(buffer);
   for (size_t k = 0; k < 3; ++k) EXPECT_EQ(in.f32(), float(imu->getLinearAcceleration()[k]));
   for (size_t k = 0; k < 3; ++k) EXPECT_EQ(in.f32(), float(imu->getAngularVelocity()[k]));
 
   // Not due again within its 1 ms period.
-  setSteadySpin(*robot, theta, 2 * omega, g);
-  world.setWorldTime(0.5005);
-  robot->updateSensorsIfNecessary(world);
+  steadySpin(world, *robot, theta, 2 * omega, g, 0.5005);
   EXPECT_NEAR(imu->getAngularVelocity()[2], omega, 1e-12);
-  world.setWorldTime(0.501);
-  robot->updateSensorsIfNecessary(world);
+  steadySpin(world, *robot, theta, 2 * omega, g, 0.501);
   EXPECT_NEAR(imu->getAngularVelocity()[2], 2 * omega, 1e-12);
 }
 
@@ -622,11 +502,8 @@ TEST(InertialUnit, LimitsScaleTheNormAndKeepTheDirection) {
   World world;
   ArticulatedSystem* robot = world.addArticulatedSystem(spinner("<limit acc_limit=\"5\" ang_vel_limit=\"2\"/>"));
   auto imu = robot->getSensor<InertialMeasurementUnit>("rotor:imu");
-  setSteadySpin(*robot, 0.0, 3.0, 9.81);
-  world.setWorldTime(1.0);
-  robot->updateSensorsIfNecessary(world);
+  steadySpin(world, *robot, 0.0, 3.0, 9.81, 1.0);
   const Eigen::Vector3d unclipped(0, 9 * 0.3, 9.81);
-  EXPECT_NEAR(E(imu->getLinearAcceleration()).norm(), 5.0, 1e-14);
   EXPECT_LT((E(imu->getLinearAcceleration()) - 5.0 * unclipped.normalized()).norm(), 1e-14);
   EXPECT_NEAR(imu->getAngularVelocity()[2], 2.0, 1e-15);
 
@@ -639,17 +516,13 @@ TEST(InertialUnit, LimitsScaleTheNormAndKeepTheDirection) {
   EXPECT_EQ(imu->getLinearAcceleration()[2], 4.0);
 
   // The default limits never clip, not even a huge reading.
-  World world2;
-  ArticulatedSystem* free = world2.addArticulatedSystem(spinner(""));
+  ArticulatedSystem* free = world.addArticulatedSystem(spinner(""));
+  steadySpin(world, *free, 0.0, 1e150, 1e200, 3.0);
   auto imu2 = free->getSensor<InertialMeasurementUnit>("rotor:imu");
-  setSteadySpin(*free, 0.0, 1e150, 1e200);
-  world2.setWorldTime(1.0);
-  free->updateSensorsIfNecessary(world2);
   EXPECT_EQ(imu2->getAngularVelocity()[2], 1e150);
   EXPECT_EQ(imu2->getLinearAcceleration()[2], 1e200);
-}
 
-TEST(InertialUnit, HandBuiltTreeMarksTheSystem) {
+  // A tree built in code also carries its unit and owns it.
   Child root;
   root.type = Joint::FIXED;
   root.bodyName = "base";
@@ -657,9 +530,45 @@ TEST(InertialUnit, HandBuiltTreeMarksTheSystem) {
   root.setInertia({0.1, 0.1, 0.1});
   root.sensors.push_back(std::make_shared<InertialMeasurementUnit>(
       InertialMeasurementUnit::ImuProperties{"base:imu"}, nullptr, Mat<3, 1>{0, 0, 0}, Mat<3, 3>::getIdentity()));
-  ArticulatedSystem robot(root, "");
-  EXPECT_TRUE(robot.hasImu());
-  EXPECT_EQ(robot.getSensor("base:imu")->getOwner(), &robot);
+  ArticulatedSystem coded(root, "");
+  EXPECT_TRUE(coded.hasImu());
+  EXPECT_EQ(coded.getSensor("base:imu")->getOwner(), &coded);
+}
+
+// ------------------------------------------------- inertial unit in motion --
+// These run the robot's own step: integrate computes the accelerations of the
+// step and updates the sensors that are due.
+
+namespace {
+
+Eigen::Matrix3d quaternionMatrix(const Mat<4, 1>& q) {
+  return Eigen::Quaterniond(q[0], q[1], q[2], q[3]).toRotationMatrix();
+}
+
+}  // namespace
+
+TEST(InertialUnitInMotion, FreeFallReadsNoAcceleration) {
+  // A floating body thrown sideways and spinning: its inertia is a multiple of
+  // the identity, so the spin stays constant in the world.
+  World world;
+  world.setTimeStep(0.001);
+  ArticulatedSystem* robot = world.addArticulatedSystem(R"(<?xml version="1.0"?><robot name="f">
+<link name="base"><inertial><mass value="2"/><inertia ixx="0.3" iyy="0.3" izz="0.3"/></inertial>
+  <sensor type="imu" name="imu" update_rate="1000"><origin rpy="0.3 -0.2 0.9"/></sensor></link></robot>)");
+  auto imu = robot->getSensor<InertialMeasurementUnit>("base:imu");
+  const Eigen::Vector3d spin(0.4, -1.1, 2.0);
+  robot->setGeneralizedCoordinate({0, 0, 5, 1, 0, 0, 0});
+  robot->setGeneralizedVelocity({1.5, 0, 2.0, spin.x(), spin.y(), spin.z()});
+  for (int s = 0; s < 300; ++s) {
+    world.integrate();
+    ASSERT_EQ(imu->getLastUpdateTime(), world.getWorldTime());
+    EXPECT_LT(E(imu->getLinearAcceleration()).norm(), 1e-9) << "step " << s;
+    // The rate, in the sensor's frame, is the body's spin turned into it.
+    const Eigen::Matrix3d R = quaternionMatrix(imu->getQuaternion());
+    EXPECT_LT((E(imu->getAngularVelocity()) - R.transpose() * spin).norm(), 1e-9) << "step " << s;
+    EXPECT_LT((R - E(imu->getOrientation())).norm(), 1e-12);
+  }
+  EXPECT_NEAR(robot->getGeneralizedCoordinate()[2], 5.0 + 2.0 * 0.3 - 0.5 * 9.81 * 0.09, 2e-3);
 }
 
 // ------------------------------------------------------ look-ups and records --
@@ -667,63 +576,56 @@ TEST(InertialUnit, HandBuiltTreeMarksTheSystem) {
 TEST(SensorRecords, PropertyRecordsReadBack) {
   World world;
   const std::string sensors =
-      depthSensor("depth", "xyz=\"0 0 0\"", 7, 5, 1.1, 12.5) +
+      depthSensor("depth", kAtOrigin, 7, 5, 1.1, 12.5) +
       R"(<sensor type="rgb" name="eye" update_rate="15"><camera horizontal_fov="0.9"><image width="320" height="240"/>
   <clip near="0.02" far="40"/><noise type="uniform" mean="0.5" stddev="2"/></camera></sensor>
 <sensor type="imu" name="imu" update_rate="200"><limit acc_limit="150" ang_vel_limit="35"/></sensor>)" +
-      lidarSensor("lidar", "xyz=\"0 0 0\"", 1024, 16, -0.26, 0.27, 0.3, 80, 12, "counter", 10);
+      lidarSensor("lidar", kAtOrigin, 1024, 16, -0.26, 0.27, 0.3, 80, 12, "counter", 10);
   ArticulatedSystem* robot = world.addArticulatedSystem(fixedRobot("xyz=\"0 0 1\"", sensors));
 
+  // type, name, width, height, clip near and far, field of view, noise type,
+  // mean and deviation, format. (A braced list reads its fields in order.)
+  using Camera = std::tuple<uint32_t, std::string, uint32_t, uint32_t, double, double, double, uint32_t, double, double,
+                            std::string>;
+  using Imu = std::tuple<uint32_t, std::string, double, double>;
+  using Lidar = std::tuple<uint32_t, std::string, uint32_t, uint32_t, double, double, double, double, double>;
   std::vector<char> buffer(512);
-  auto serialize = [&](const Sensor& s) {
+  for (const char* name : {"base:depth", "base:eye", "base:imu", "base:lidar"}) {
+    SCOPED_TRACE(name);
+    const Sensor& s = *robot->getSensor(name);
     std::fill(buffer.begin(), buffer.end(), char(0x77));
     char* end = s.serializeProp(buffer.data());
-    EXPECT_EQ(size_t(end - buffer.data()), s.propertyRecordSize()) << s.getName();
+    EXPECT_EQ(size_t(end - buffer.data()), s.propertyRecordSize());
     EXPECT_EQ(*end, char(0x77));
     // No measurement record for these kinds.
     if (s.getType() != Sensor::IMU) {
       EXPECT_EQ(s.serializeMeasurements(buffer.data() + 400), buffer.data() + 400);
     }
-    return end;
-  };
-
-  {
-    char* end = serialize(*robot->getSensor<DepthCamera>("base:depth"));
-    EXPECT_EQ(std::string(buffer.data(), 4), std::string("\x02\0\0\0", 4));  // little-endian type
     RecordReader in(buffer.data());
-    EXPECT_EQ(readCamera(in), CameraRecord(2, "base:depth", 7, 5, 0.05, 12.5, 1.1, 0, 0.25, 0.125, "16"));
-    EXPECT_EQ(in.position(), end);
-  }
-  {
-    auto eye = robot->getSensor<RGBCamera>("base:eye");
-    char* end = serialize(*eye);
-    RecordReader in(buffer.data());
-    EXPECT_EQ(readCamera(in), CameraRecord(1, "base:eye", 320, 240, 0.02, 40.0, 0.9, 1, 0.5, 2.0, "R8G8B8A8"));
-    EXPECT_EQ(in.position(), end);
-    EXPECT_EQ(eye->getImageBuffer().size(), 320u * 240u * 4u);
-  }
-  {
-    char* end = serialize(*robot->getSensor<InertialMeasurementUnit>("base:imu"));
-    RecordReader in(buffer.data());
-    using Imu = std::tuple<uint32_t, std::string, double, double>;
-    EXPECT_EQ((Imu{in.u32(), in.text(), in.f64(), in.f64()}), Imu(3, "base:imu", 150.0, 35.0));
-    EXPECT_EQ(in.position(), end);
-  }
-  {
-    char* end = serialize(*robot->getSensor<SpinningLidar>("base:lidar"));
-    RecordReader in(buffer.data());
-    using Lidar = std::tuple<uint32_t, std::string, uint32_t, uint32_t, double, double, double, double, double>;
-    EXPECT_EQ((Lidar{in.u32(), in.text(), in.u32(), in.u32(), in.f64(), in.f64(), in.f64(), in.f64(), in.f64()}),
-              Lidar(4, "base:lidar", 1024, 16, -0.26, 0.27, 0.3, 80.0, 12.0));
+    if (s.getType() == Sensor::DEPTH) {
+      EXPECT_EQ((Camera{in.u32(), in.text(), in.u32(), in.u32(), in.f64(), in.f64(), in.f64(), in.u32(), in.f64(),
+                        in.f64(), in.text()}),
+                Camera(2, "base:depth", 7, 5, 0.05, 12.5, 1.1, 0, 0.25, 0.125, "16"));
+    } else if (s.getType() == Sensor::RGB) {
+      EXPECT_EQ((Camera{in.u32(), in.text(), in.u32(), in.u32(), in.f64(), in.f64(), in.f64(), in.u32(), in.f64(),
+                        in.f64(), in.text()}),
+                Camera(1, "base:eye", 320, 240, 0.02, 40.0, 0.9, 1, 0.5, 2.0, "R8G8B8A8"));
+      EXPECT_EQ(robot->getSensor<RGBCamera>(name)->getImageBuffer().size(), 320u * 240u * 4u);
+    } else if (s.getType() == Sensor::IMU) {
+      EXPECT_EQ((Imu{in.u32(), in.text(), in.f64(), in.f64()}), Imu(3, "base:imu", 150.0, 35.0));
+    } else {
+      EXPECT_EQ((Lidar{in.u32(), in.text(), in.u32(), in.u32(), in.f64(), in.f64(), in.f64(), in.f64(), in.f64()}),
+                Lidar(4, "base:lidar", 1024, 16, -0.26, 0.27, 0.3, 80.0, 12.0));
+    }
     EXPECT_EQ(in.position(), end);
   }
 }
 
 TEST(SensorLookup, ByNameAndKind) {
   World world;
-  const std::string sensors = depthSensor("b", "xyz=\"0 0 0\"", 2, 2, 1.0, 5.0) +
-                              depthSensor("a", "xyz=\"0 0 0\"", 2, 2, 1.0, 5.0) +
-                              lidarSensor("l", "xyz=\"0 0 0\"", 8, 2, 0, 0.1, 0, 5, 1, "counter", 1);
+  const std::string sensors = depthSensor("b", kAtOrigin, 2, 2, 1.0, 5.0) +
+                              depthSensor("a", kAtOrigin, 2, 2, 1.0, 5.0) +
+                              lidarSensor("l", kAtOrigin, 8, 2, 0, 0.1, 0, 5, 1, "counter", 1);
   ArticulatedSystem* robot = world.addArticulatedSystem(fixedRobot("xyz=\"0 0 1\"", sensors));
   EXPECT_TRUE(robot->hasSensor("base:l"));
   EXPECT_FALSE(robot->hasSensor("l"));
@@ -759,65 +661,43 @@ TEST(SensorLookup, ByNameAndKind) {
 
 // ---------------------------------------------------------------- bad input --
 
-namespace {
-
-// The fatal message raised while building a robot from `urdf`; sensor set
-// files are looked up in the test data's urdf directory.
-std::string fatalOf(const std::string& urdf) {
-  return vorsim_test::fatalOf([&] { ArticulatedSystem s(urdf, std::string(VORSIM_TEST_DATA_DIR) + "/urdf"); });
-}
-
-}  // namespace
-
 TEST(SensorBadInput, LocatedMessagesForEachKindOfMistake) {
-  const std::string okCamera =
-      "<camera horizontal_fov=\"1\"><image width=\"4\" height=\"4\"/><clip near=\"0.1\" "
-      "far=\"5\"/><noise type=\"none\" mean=\"0\" stddev=\"0\"/></camera>";
-  auto sensor = [](const std::string& attributes, const std::string& children) {
-    return fixedRobot("xyz=\"0 0 0\"", "<sensor " + attributes + ">" + children + "</sensor>");
+  const std::string noise = "<noise type=\"none\" mean=\"0\" stddev=\"0\"/></camera>";
+  const std::string clip = "<clip near=\"0.1\" far=\"5\"/>" + noise;
+  const std::string pitch = "<pitch samples=\"2\" min_angle=\"0\" max_angle=\"0.1\"/><range min=\"0\" max=\"5\"/>";
+  auto sensor = [](const std::string& attributes, const std::string& children = "") {
+    return fixedRobot(kAtOrigin, "<sensor " + attributes + " name=\"s\">" + children + "</sensor>");
   };
-  const std::string lidarBody =
-      "<yaw samples=\"8\"/><pitch samples=\"2\" min_angle=\"0\" max_angle=\"0.1\"/>"
-      "<range min=\"0\" max=\"5\"/>";
-  struct Case {
-    std::string urdf, message;
-  };
-  const std::vector<Case> cases = {
-      {sensor("type=\"radar\" name=\"s\" update_rate=\"1\"", ""),
+  const std::string rgb = "type=\"rgb\" update_rate=\"1\"", lidar = "type=\"spinning_lidar\" update_rate=\"1\"";
+  const std::pair<std::string, std::string> cases[] = {
+      {sensor("type=\"radar\" update_rate=\"1\""),
        "Sensor type 'radar' is not supported. Only 'imu', 'rgb', 'spinning_lidar' and 'depth' are supported."},
-      {sensor("type=\"imu\" name=\"s\"", ""), "the node 'sensor' does not contain an attribute called 'update_rate'"},
-      {sensor("type=\"imu\" update_rate=\"1\"", ""), "does not contain an attribute called 'name'"},
-      {sensor("name=\"s\" update_rate=\"1\"", ""), "does not contain an attribute called 'type'"},
-      {sensor("type=\"imu\" name=\"s\" update_rate=\"fast\"", ""), "the attribute 'update_rate' is not a number"},
-      {sensor("type=\"imu\" name=\"s\" update_rate=\"1\"", "<limit acc_limit=\"3\"/>"),
+      {sensor("type=\"imu\""), "the node 'sensor' does not contain an attribute called 'update_rate'"},
+      {fixedRobot(kAtOrigin, "<sensor type=\"imu\" update_rate=\"1\"/>"),
+       "does not contain an attribute called 'name'"},
+      {sensor("update_rate=\"1\""), "does not contain an attribute called 'type'"},
+      {sensor("type=\"imu\" update_rate=\"fast\""), "the attribute 'update_rate' is not a number"},
+      {sensor("type=\"imu\" update_rate=\"1\"", "<limit acc_limit=\"3\"/>"),
        "the node 'limit' does not contain an attribute called 'ang_vel_limit'"},
-      {sensor("type=\"depth\" name=\"s\" update_rate=\"1\"", okCamera), "the node 'sensor' does not contain a child"},
-      {sensor("type=\"rgb\" name=\"s\" update_rate=\"1\"",
-              "<camera horizontal_fov=\"1\"><image width=\"4\"/><clip near=\"0.1\" far=\"5\"/>"
-              "<noise type=\"none\" mean=\"0\" stddev=\"0\"/></camera>"),
-       "the node 'image' does not contain an attribute called 'height'"},
-      {sensor("type=\"spinning_lidar\" name=\"s\" update_rate=\"1\"", lidarBody),
+      {sensor("type=\"depth\" update_rate=\"1\"",
+              "<camera horizontal_fov=\"1\"><image width=\"4\" height=\"4\"/>" + clip),
        "the node 'sensor' does not contain a child"},
-      {sensor("type=\"spinning_lidar\" name=\"s\" update_rate=\"1\"", lidarBody + "<spin direction=\"clockwise\"/>"),
+      {sensor(rgb, "<camera horizontal_fov=\"1\"><image width=\"4\"/>" + clip),
+       "the node 'image' does not contain an attribute called 'height'"},
+      {sensor(lidar, "<yaw samples=\"8\"/>" + pitch), "the node 'sensor' does not contain a child"},
+      {sensor(lidar, "<yaw samples=\"8\"/>" + pitch + "<spin direction=\"clockwise\"/>"),
        "the node 'spin' does not contain an attribute called 'rate'"},
-      {sensor("type=\"spinning_lidar\" name=\"s\" update_rate=\"1\"",
-              "<yaw samples=\"8.5\"/><pitch samples=\"2\" min_angle=\"0\" max_angle=\"0.1\"/><range min=\"0\" "
-              "max=\"5\"/><spin direction=\"x\" rate=\"1\"/>"),
+      {sensor(lidar, "<yaw samples=\"8.5\"/>" + pitch + "<spin direction=\"x\" rate=\"1\"/>"),
        "the attribute 'samples' is not an integer"},
       // Values no sensor can work with.
-      {sensor("type=\"imu\" name=\"s\" update_rate=\"-5\"", ""),
+      {sensor("type=\"imu\" update_rate=\"-5\""),
        "the node 'sensor': the update_rate of sensor \"s\" must not be negative"},
-      {sensor("type=\"spinning_lidar\" name=\"s\" update_rate=\"1\"",
-              "<yaw samples=\"0\"/><pitch samples=\"2\" min_angle=\"0\" max_angle=\"0.1\"/><range min=\"0\" "
-              "max=\"5\"/><spin direction=\"x\" rate=\"1\"/>"),
+      {sensor(lidar, "<yaw samples=\"0\"/>" + pitch + "<spin direction=\"x\" rate=\"1\"/>"),
        "the lidar \"s\" needs at least one yaw and one pitch sample"},
-      {sensor("type=\"rgb\" name=\"s\" update_rate=\"1\"",
-              "<camera horizontal_fov=\"1\"><image width=\"-4\" height=\"4\"/><clip near=\"0.1\" far=\"5\"/>"
-              "<noise type=\"none\" mean=\"0\" stddev=\"0\"/></camera>"),
+      {sensor(rgb, "<camera horizontal_fov=\"1\"><image width=\"-4\" height=\"4\"/>" + clip),
        "the node 'image': the image of sensor \"s\" must not have a negative size"},
-      {sensor("type=\"depth\" name=\"s\" update_rate=\"1\"",
-              "<data/><camera horizontal_fov=\"3.2\"><image width=\"4\" height=\"4\"/><clip near=\"0.1\" far=\"5\"/>"
-              "<noise type=\"none\" mean=\"0\" stddev=\"0\"/></camera>"),
+      {sensor("type=\"depth\" update_rate=\"1\"",
+              "<data/><camera horizontal_fov=\"3.2\"><image width=\"4\" height=\"4\"/>" + clip),
        "the node 'camera': the horizontal_fov of sensor \"s\" must lie between 0 and pi radians"},
       // Sensor set files.
       {"<robot name=\"r\"><link name=\"a\" sensor=\"absent.xml\"/></robot>", "Could not find file: absent.xml"},
@@ -825,116 +705,13 @@ TEST(SensorBadInput, LocatedMessagesForEachKindOfMistake) {
        "wrong_root.xml file does not contain node 'sensor_set'"},
       {"<robot name=\"r\"><link name=\"a\" sensor=\"no_link.xml\"/></robot>",
        "the node 'sensor_set' does not contain a child"},
-      {"<robot name=\"r\"><link name=\"a\" sensor=\"camera.xml\"><inertial><mass value=\"1\"/></inertial></link>"
-       "</robot>",
+      {"<robot name=\"r\"><link name=\"a\" sensor=\"camera.xml\"><inertial><mass "
+       "value=\"1\"/></inertial></link></robot>",
        "Sensor link parameters should be defined in the sensor XML file"},
   };
-  for (const Case& c : cases) {
-    const std::string text = fatalOf(c.urdf);
-    EXPECT_NE(text.find(c.message), std::string::npos) << "expected: " << c.message << "\ngot: " << text;
+  const std::string dir = std::string(VORSIM_TEST_DATA_DIR) + "/urdf";
+  for (const auto& [urdf, message] : cases) {
+    const std::string text = vorsim_test::fatalOf([&] { ArticulatedSystem s(urdf, dir); });
+    EXPECT_NE(text.find(message), std::string::npos) << "expected: " << message << "\ngot: " << text;
   }
-  // The sensor set file that exists is read from the same place.
-  ArticulatedSystem ok("<robot name=\"r\"><link name=\"a\" sensor=\"camera.xml\"/></robot>",
-                       std::string(VORSIM_TEST_DATA_DIR) + "/urdf");
-  EXPECT_TRUE(ok.hasSensor("a:depth"));
-  EXPECT_TRUE(ok.hasSensor("a:lidar"));
-}
-
-// ------------------------------------------------- inertial unit in motion --
-// These run the robot's own step: integrate computes the accelerations of the
-// step and updates the sensors that are due.
-
-namespace {
-
-// A floating body with an inertial unit at its centre of mass, and one on a
-// fixed-base pendulum hanging at rest.
-const char* kFloatingImu = R"(<?xml version="1.0"?><robot name="f">
-<link name="base"><inertial><mass value="2"/><inertia ixx="0.3" iyy="0.3" izz="0.3"/></inertial>
-  <sensor type="imu" name="imu" update_rate="1000"><origin rpy="0.3 -0.2 0.9"/></sensor></link></robot>)";
-
-const char* kHangingImu = R"(<?xml version="1.0"?><robot name="h"><link name="world"/>
-<joint name="mount" type="fixed"><parent link="world"/><child link="base"/><origin xyz="0 0 2"/></joint>
-<link name="base"><inertial><mass value="1"/><inertia ixx="0.1" iyy="0.1" izz="0.1"/></inertial>
-  <sensor type="imu" name="top" update_rate="100"/></link>
-<joint name="swing" type="revolute"><parent link="base"/><child link="bob"/><axis xyz="0 1 0"/>
-  <limit lower="-3" upper="3" effort="10" velocity="10"/></joint>
-<link name="bob"><inertial><origin xyz="0 0 -0.5"/><mass value="1"/><inertia ixx="0.01" iyy="0.01" izz="0.01"/>
-  </inertial><sensor type="imu" name="imu" update_rate="1000"><origin xyz="0.1 0 -0.5" rpy="0 0 0.4"/></sensor>
-</link></robot>)";
-
-Eigen::Matrix3d quaternionMatrix(const Mat<4, 1>& q) {
-  return Eigen::Quaterniond(q[0], q[1], q[2], q[3]).toRotationMatrix();
-}
-
-}  // namespace
-
-TEST(InertialUnitInMotion, FreeFallReadsNoAcceleration) {
-  World world;
-  world.setTimeStep(0.001);
-  ArticulatedSystem* robot = world.addArticulatedSystem(kFloatingImu);
-  auto imu = robot->getSensor<InertialMeasurementUnit>("base:imu");
-  // Thrown sideways and spinning: the body's inertia is a multiple of the
-  // identity, so the spin stays constant in the world.
-  const Eigen::Vector3d spin(0.4, -1.1, 2.0);
-  robot->setGeneralizedCoordinate({0, 0, 5, 1, 0, 0, 0});
-  robot->setGeneralizedVelocity({1.5, 0, 2.0, spin.x(), spin.y(), spin.z()});
-  for (int s = 0; s < 300; ++s) {
-    world.integrate();
-    ASSERT_EQ(imu->getLastUpdateTime(), world.getWorldTime());
-    EXPECT_LT(E(imu->getLinearAcceleration()).norm(), 1e-9) << "step " << s;
-    // The rate, in the sensor's frame, is the body's spin turned into it.
-    const Eigen::Matrix3d R = quaternionMatrix(imu->getQuaternion());
-    EXPECT_LT((E(imu->getAngularVelocity()) - R.transpose() * spin).norm(), 1e-9) << "step " << s;
-    EXPECT_LT((R - E(imu->getOrientation())).norm(), 1e-12);
-  }
-  // It did fall: the base is about 0.44 m lower after 0.3 s from 2 m/s up.
-  EXPECT_NEAR(robot->getGeneralizedCoordinate()[2], 5.0 + 2.0 * 0.3 - 0.5 * 9.81 * 0.09, 2e-3);
-}
-
-TEST(InertialUnitInMotion, AtRestOnAFixedBaseReadsGravityUp) {
-  World world;
-  world.setTimeStep(0.001);
-  ArticulatedSystem* robot = world.addArticulatedSystem(kHangingImu);
-  auto top = robot->getSensor<InertialMeasurementUnit>("base:top");
-  auto bob = robot->getSensor<InertialMeasurementUnit>("bob:imu");
-  const double g = 9.81;
-  for (int s = 0; s < 50; ++s) world.integrate();
-  // The base is level: +g along the sensor's z axis, the identity orientation.
-  EXPECT_LT((E(top->getLinearAcceleration()) - Eigen::Vector3d(0, 0, g)).norm(), 1e-6 * g);
-  EXPECT_EQ(E(top->getAngularVelocity()), Eigen::Vector3d::Zero());
-  EXPECT_LT((Eigen::Vector4d(top->getQuaternion().e()) - Eigen::Vector4d(1, 0, 0, 0)).norm(), 1e-15);
-  // The pendulum hangs still; its sensor, turned 0.4 rad about z, still reads
-  // +g along its own z axis and the turn as its orientation.
-  EXPECT_NEAR(robot->getGeneralizedCoordinate()[0], 0.0, 1e-12);
-  EXPECT_LT((E(bob->getLinearAcceleration()) - Eigen::Vector3d(0, 0, g)).norm(), 1e-6 * g);
-  EXPECT_LT((quaternionMatrix(bob->getQuaternion()) - Eigen::Matrix3d(Eigen::AngleAxisd(0.4, Eigen::Vector3d::UnitZ())))
-                .norm(),
-            1e-12);
-}
-
-// A box-shaped robot with a free base lying on the ground: once its contacts
-// have settled, its unit reads gravity up and the identity orientation. The
-// reading is the step's acceleration, so it is as good as the contact solve:
-// run to convergence here (at the default threshold of 1e-8 it is 2e-4 g off).
-TEST(InertialUnitInMotion, RestingOnTheGroundReadsGravityUp) {
-  const char* urdf = R"(<?xml version="1.0"?><robot name="r">
-<link name="base"><inertial><mass value="2"/><inertia ixx="0.03" iyy="0.03" izz="0.05"/></inertial>
-  <collision><geometry><box size="0.4 0.4 0.2"/></geometry></collision>
-  <sensor type="imu" name="imu" update_rate="1000"><origin xyz="0.05 0 0.05"/></sensor></link></robot>)";
-  World world;
-  world.setTimeStep(0.001);
-  world.addGround();
-  world.setContactSolverParam(1.0, 1.0, 1.0, 500, 1e-20);
-  ArticulatedSystem* robot = world.addArticulatedSystem(urdf);
-  auto imu = robot->getSensor<InertialMeasurementUnit>("base:imu");
-  robot->setGeneralizedCoordinate({0, 0, 0.102, 1, 0, 0, 0});
-  double worst = 0.0;
-  for (int s = 0; s < 6000; ++s) {
-    world.integrate();
-    if (s >= 5000)
-      worst = std::max(worst, (E(imu->getLinearAcceleration()) - Eigen::Vector3d(0, 0, 9.81)).norm() / 9.81);
-  }
-  ASSERT_EQ(robot->getContacts().size(), 4u);
-  EXPECT_LT(worst, 1e-6);
-  EXPECT_LT((Eigen::Vector4d(imu->getQuaternion().e()) - Eigen::Vector4d(1, 0, 0, 0)).norm(), 1e-9);
 }

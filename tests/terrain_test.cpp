@@ -172,13 +172,6 @@ TEST(HeightMap, HeightAndNormalFollowTheGridAndItsDerivatives) {
     EXPECT_NEAR((n.e() - fdNormal(x, y)).norm(), 0.0, 1e-6) << x << " " << y;
   }
   EXPECT_GT(outside, 50);
-  // On the far border the slope is that of the last cells.
-  for (double f : {0.3, 2.6}) {
-    const double xe = x0 + xSize, ye = y0 + f * dy, e = 1e-7;
-    Mat<3, 1> n;
-    map.getNormal(xe, ye, n);
-    EXPECT_NEAR(-n[0] / n[2], (map.getHeight(xe, ye) - map.getHeight(xe - e, ye)) / e, 1e-5);
-  }
   // Outside, the border continues level: the height of the nearest border point.
   EXPECT_EQ(map.getHeight(x0 - 3.0, y0 + 2 * dy), h[2 * nx]);
   EXPECT_NEAR(map.getHeight(x0 + xSize + 1.0, y0 + ySize + 1.0), h[nx * ny - 1], 1e-15);
@@ -187,13 +180,6 @@ TEST(HeightMap, HeightAndNormalFollowTheGridAndItsDerivatives) {
   Mat<3, 1> nanNormal{0, 0, 1};
   map.getNormal(0.0, NAN, nanNormal);
   EXPECT_TRUE(std::isnan(nanNormal[0]) && std::isnan(nanNormal[1]) && std::isnan(nanNormal[2]));
-  // The same answers through the collision layer's heightfield queries.
-  Mat<3, 1> a, b;
-  map.getNormal(2.1, -1.7, a);
-  dxgetNormalFromHeightField(map.getHeightFieldData(), 2.1 - x0, cy - (-1.7) + ySize / 2, b);
-  EXPECT_EQ(map.getHeight(2.1, -1.7), dxgetHeightFromHeightField(map.getHeightFieldData(), 2.1 - x0, y0 + ySize + 1.7));
-  EXPECT_EQ(a[0], b[0]);
-  EXPECT_EQ(a[1], -b[1]);
 }
 
 TEST(HeightMap, QueriesAgreeWithTheCollisionSurface) {
@@ -231,8 +217,6 @@ TEST(HeightMap, TextAndPngSources) {
   World world;
   auto* fromText = world.addHeightMap(text, 1.0, 1.0, "soil");
   EXPECT_EQ(fromText->getHeightMap(), (std::vector<double>{0.5, 1, 1.5, 2, 2.5, 3}));
-  EXPECT_EQ(fromText->getXSamples(), 3u);
-  EXPECT_EQ(fromText->getYSize(), 1.0);
   EXPECT_NEAR(fromText->getHeight(1.0 + 2.0, 1.5), 3.0, 1e-12);  // last sample: far x, far y
   EXPECT_EQ(geomData(fromText->getCollisionObject()).material, "soil");
 
@@ -242,8 +226,7 @@ TEST(HeightMap, TextAndPngSources) {
   int w = 0, hgt = 0;
   std::vector<double> heights{99.0};
   read_png_file(png8.c_str(), w, hgt, heights, 0.01, -1.0);
-  EXPECT_EQ(w, 3);
-  EXPECT_EQ(hgt, 2);
+  EXPECT_EQ(std::make_pair(w, hgt), std::make_pair(3, 2));
   EXPECT_EQ(heights,
             (std::vector<double>{255 * 0.01 - 1, 10 * 0.01 - 1, -1.0, 40 * 0.01 - 1, 30 * 0.01 - 1, 20 * 0.01 - 1}));
   // 16-bit: first byte times 255 plus the second, so white is 65280.
@@ -272,26 +255,55 @@ TEST(HeightMap, TextAndPngSources) {
   EXPECT_EQ(copy->getHeight(2.2, 0.9), fromText->getHeight(2.2, 0.9));
   EXPECT_EQ(geomData(copy->getCollisionObject()).material, "soil");
   EXPECT_EQ(copy->getCollisionGroup(), 2u);
-  EXPECT_EQ(copy->getName(), "");
-  const dReal* a = dGeomGetPosition(copy->getCollisionObject());
-  EXPECT_EQ(a[0], 1.0);
-  EXPECT_EQ(a[1], 1.0);
-  EXPECT_EQ(a[2], 0.2);
+  EXPECT_EQ(dGeomGetPosition(copy->getCollisionObject())[2], 0.2);
 }
 
 TEST(HeightMap, BadInputIsAFatalMessage) {
-  const std::string tooFew = tempFile("few.txt"), tooMany = tempFile("many.txt"), noHeader = tempFile("bad.txt");
-  writeText(tooFew, "2 2 1 1 0 0 0");
-  writeText(tooMany, "2 2 1 1 0 0 0 0 0");
-  writeText(noHeader, "2 two 1 1 0 0 0 0");
-  EXPECT_TRUE(says(fatalOf([&] { HeightMap(0, 0, tooFew); }), "insufficient number of height values"));
-  EXPECT_TRUE(says(fatalOf([&] { HeightMap(0, 0, tooMany); }), "insufficient number of height values"));
-  EXPECT_TRUE(says(fatalOf([&] { HeightMap(0, 0, noHeader); }), "Height Map is in a wrong format"));
-  EXPECT_TRUE(says(fatalOf([&] { HeightMap(0, 0, tempFile("absent.txt")); }), "\n Error opening file.\n"));
-  const std::string line = tempFile("line.txt");
-  writeText(line, "1 3 1 1 0 0 0");
-  EXPECT_TRUE(says(fatalOf([&] { HeightMap(0, 0, line); }),
-                   "Height map needs at least 2 samples in each direction, got 1 by 3"));
+  writeText(tempFile("few.txt"), "2 2 1 1 0 0 0");
+  writeText(tempFile("many.txt"), "2 2 1 1 0 0 0 0 0");
+  writeText(tempFile("bad.txt"), "2 two 1 1 0 0 0 0");
+  writeText(tempFile("line.txt"), "1 3 1 1 0 0 0");
+  writeText(tempFile("tiny.png"), "\x89PNG");
+  writeText(tempFile("text.png"), "P2 3 2 255 0 1 2 3 4 5");
+  writePng(tempFile("rgb.png"), 2, 2, 8, PNG_COLOR_TYPE_RGB, std::vector<uint8_t>(12, 9));
+  writePng(tempFile("ga.png"), 2, 2, 8, PNG_COLOR_TYPE_GRAY_ALPHA, std::vector<uint8_t>(8, 9));
+  writePng(tempFile("gray4.png"), 2, 2, 4, PNG_COLOR_TYPE_GRAY, {0x12, 0x34});
+  writePng(tempFile("one.png"), 1, 5, 8, PNG_COLOR_TYPE_GRAY, std::vector<uint8_t>(5, 1));
+  // A damaged file: the image data is cut off.
+  std::vector<uint8_t> noisy(64 * 64);
+  for (size_t k = 0; k < noisy.size(); ++k) noisy[k] = uint8_t((k * 2654435761u) >> 13);
+  writePng(tempFile("cut.png"), 64, 64, 8, PNG_COLOR_TYPE_GRAY, noisy);
+  std::string bytes;
+  {
+    std::ifstream in(tempFile("cut.png"), std::ios::binary);
+    bytes.assign(std::istreambuf_iterator<char>(in), {});
+  }
+  std::ofstream(tempFile("cut.png"), std::ios::binary) << bytes.substr(0, bytes.size() / 2);
+
+  const std::string channel = ": a PNG height map must have a single grey channel (no colour, palette or alpha)";
+  const std::pair<std::string, std::string> textCases[] = {
+      {"few.txt", "insufficient number of height values"},
+      {"many.txt", "insufficient number of height values"},
+      {"bad.txt", "Height Map is in a wrong format"},
+      {"absent.txt", "\n Error opening file.\n"},
+      {"line.txt", "Height map needs at least 2 samples in each direction, got 1 by 3"},
+  };
+  for (const auto& [file, message] : textCases)
+    EXPECT_TRUE(says(fatalOf([&] { HeightMap(0, 0, tempFile(file)); }), message)) << file;
+  const std::pair<std::string, std::string> pngCases[] = {
+      {"absent.png", tempFile("absent.png") + " not found"},
+      {"tiny.png", "Error reading header"},
+      {"text.png", tempFile("text.png") + " is not png"},
+      {"rgb.png", tempFile("rgb.png") + channel},
+      {"ga.png", tempFile("ga.png") + channel},
+      {"gray4.png", "PNG height map only support bit depth of 8 or 16"},
+      {"cut.png", "libpng fialed to read the png info"},
+      // A single-sample PNG is read, and then refused as a grid.
+      {"one.png", "Height map needs at least 2 samples in each direction, got 1 by 5"},
+  };
+  for (const auto& [file, message] : pngCases)
+    EXPECT_TRUE(says(fatalOf([&] { HeightMap(0, 0, tempFile(file), 1, 1, 1, 0); }), message)) << file;
+  EXPECT_TRUE(says(fatalOf([] { HeightMap(0, 0, "map.jpg", 1, 1, 1, 0); }), "This constructor is for png file"));
   EXPECT_TRUE(says(fatalOf([] {
                      HeightMap(2, 2, 1, 1, 0, 0, {0, 0, 0});
                    }),
@@ -300,41 +312,6 @@ TEST(HeightMap, BadInputIsAFatalMessage) {
                      HeightMap(2, 2, 0.0, 1, 0, 0, {0, 0, 0, 0});
                    }),
                    "Height map needs positive finite sizes, got 0 by 1"));
-
-  const std::string missing = tempFile("absent.png");
-  EXPECT_TRUE(says(fatalOf([&] { HeightMap(0, 0, missing, 1, 1, 1, 0); }), missing + " not found"));
-  EXPECT_TRUE(says(fatalOf([] { HeightMap(0, 0, "map.jpg", 1, 1, 1, 0); }), "This constructor is for png file"));
-  const std::string tiny = tempFile("tiny.png"), text = tempFile("text.png");
-  writeText(tiny, "\x89PNG");
-  writeText(text, "P2 3 2 255 0 1 2 3 4 5");
-  EXPECT_TRUE(says(fatalOf([&] { HeightMap(0, 0, tiny, 1, 1, 1, 0); }), "Error reading header"));
-  EXPECT_TRUE(says(fatalOf([&] { HeightMap(0, 0, text, 1, 1, 1, 0); }), text + " is not png"));
-  const std::string rgb = tempFile("rgb.png"), alpha = tempFile("ga.png"), nibble = tempFile("gray4.png"),
-                    cut = tempFile("cut.png");
-  writePng(rgb, 2, 2, 8, PNG_COLOR_TYPE_RGB, std::vector<uint8_t>(12, 9));
-  writePng(alpha, 2, 2, 8, PNG_COLOR_TYPE_GRAY_ALPHA, std::vector<uint8_t>(8, 9));
-  writePng(nibble, 2, 2, 4, PNG_COLOR_TYPE_GRAY, {0x12, 0x34});
-  const std::string channel = "a PNG height map must have a single grey channel (no colour, palette or alpha)";
-  for (const std::string& f : {rgb, alpha})
-    EXPECT_TRUE(says(fatalOf([&] { HeightMap(0, 0, f, 1, 1, 1, 0); }), f + ": " + channel)) << f;
-  EXPECT_TRUE(
-      says(fatalOf([&] { HeightMap(0, 0, nibble, 1, 1, 1, 0); }), "PNG height map only support bit depth of 8 or 16"));
-  // A damaged file: the image data is cut off.
-  std::vector<uint8_t> noisy(64 * 64);
-  for (size_t k = 0; k < noisy.size(); ++k) noisy[k] = uint8_t((k * 2654435761u) >> 13);
-  writePng(cut, 64, 64, 8, PNG_COLOR_TYPE_GRAY, noisy);
-  std::string bytes;
-  {
-    std::ifstream in(cut, std::ios::binary);
-    bytes.assign(std::istreambuf_iterator<char>(in), {});
-  }
-  std::ofstream(cut, std::ios::binary) << bytes.substr(0, bytes.size() / 2);
-  EXPECT_TRUE(says(fatalOf([&] { HeightMap(0, 0, cut, 1, 1, 1, 0); }), "libpng fialed to read the png info"));
-  // A single-sample PNG is read, and then refused as a grid.
-  const std::string one = tempFile("one.png");
-  writePng(one, 1, 5, 8, PNG_COLOR_TYPE_GRAY, std::vector<uint8_t>(5, 1));
-  EXPECT_TRUE(says(fatalOf([&] { HeightMap(0, 0, one, 1, 1, 1, 0); }),
-                   "Height map needs at least 2 samples in each direction, got 1 by 5"));
 }
 
 // ------------------------------------------------------------------- updates --
@@ -453,25 +430,4 @@ TEST(HeightMapDynamics, SphereRestsAndRollsOnATiltedPlane) {
   EXPECT_NEAR(v / expected, 1.0, 0.02);
   EXPECT_NEAR(ball->getAngularVelocity()[1] * r / v, -1.0, 0.02);  // rolling, not sliding
   EXPECT_NEAR(ball->getPosition()[1], 0.3, 1e-6);
-}
-
-TEST(HeightMapDynamics, BoxSettlesOnGeneratedTerrain) {
-  World world;
-  world.setTimeStep(0.001);
-  auto* map = world.addHeightMap(1.0, -1.0, TerrainProperties(0.25, 16.0, 16.0, 1.2, 64, 64, 4, 2.0, 0.5, 0, 0, 11));
-  auto* box = world.addBox(0.4, 0.3, 0.2, 2.0);
-  box->setPosition(1.3, -0.8, map->getHeight(1.3, -0.8) + 0.4);
-  for (int i = 0; i < 3000; ++i) world.integrate();
-  EXPECT_LT(box->getLinearVelocity().norm(), 1e-3);
-  EXPECT_LT(box->getAngularVelocity().norm(), 1e-2);
-  ASSERT_GT(box->getContacts().size(), 0u);
-  // It rests on the surface: every contact point lies on the terrain.
-  for (const Contact& c : box->getContacts())
-    EXPECT_NEAR(c.getPosition()[2], map->getHeight(c.getPosition()[0], c.getPosition()[1]), 3e-3);
-  // And no corner sank into it.
-  for (int k = 0; k < 8; ++k) {
-    Mat<3, 1> corner;
-    box->getPosition(0, Mat<3, 1>{k & 1 ? 0.2 : -0.2, k & 2 ? 0.15 : -0.15, k & 4 ? 0.1 : -0.1}, corner);
-    EXPECT_GT(corner[2] - map->getHeight(corner[0], corner[1]), -3e-3);
-  }
 }

@@ -32,8 +32,7 @@ TEST(Trajectory, RoundTripAndTruncation) {
     ASSERT_TRUE(writer.ok());
     for (int f = 0; f < 5; ++f) {
       std::vector<trajectory::Pose> poses;
-      for (vorsim::SingleBodyObject* o :
-           {static_cast<vorsim::SingleBodyObject*>(s), static_cast<vorsim::SingleBodyObject*>(b)}) {
+      for (vorsim::SingleBodyObject* o : std::vector<vorsim::SingleBodyObject*>{s, b}) {
         const auto& p = o->getPosition();
         const auto& q = o->getQuaternion();
         poses.push_back(
@@ -41,17 +40,17 @@ TEST(Trajectory, RoundTripAndTruncation) {
       }
       writer.frame(world.getWorldTime(), poses);
       written.push_back(poses);
-      for (int i = 0; i < 2; ++i) world.integrate();
+      world.integrate();
+      world.integrate();
     }
   }
   trajectory::Recording rec;
   ASSERT_TRUE(trajectory::read(path, rec));
   EXPECT_DOUBLE_EQ(rec.frameInterval, 0.01);
   ASSERT_EQ(rec.bodies.size(), 2u);
-  EXPECT_EQ(rec.bodies[1].type, table[1].type);
-  EXPECT_EQ(rec.bodies[1].material, table[1].material);
-  EXPECT_EQ(rec.bodies[1].owner, -1);
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(rec.bodies[1].size[i], table[1].size[i]);
+  const trajectory::BodyInfo& box = rec.bodies[1];
+  EXPECT_EQ(std::make_tuple(box.type, box.material, box.owner), std::make_tuple(int32_t(vorsim::BOX), 2, -1));
+  EXPECT_EQ(std::vector<double>(box.size, box.size + 3), (std::vector<double>{0.1, 0.2, 0.3}));
   ASSERT_EQ(rec.frames.size(), 5u);
   EXPECT_DOUBLE_EQ(rec.times[4], 8 * world.getTimeStep());
   for (size_t f = 0; f < 5; ++f)
@@ -61,10 +60,9 @@ TEST(Trajectory, RoundTripAndTruncation) {
   // A file cut in the middle of a frame is refused.
   const std::string bytes = readAll(path);
   std::ofstream(path, std::ios::binary).write(bytes.data(), std::streamsize(bytes.size() - 10));
-  trajectory::Recording cut;
-  EXPECT_FALSE(trajectory::read(path, cut));
+  EXPECT_FALSE(trajectory::read(path, rec));
   std::ofstream(path, std::ios::binary) << "not a trajectory";
-  EXPECT_FALSE(trajectory::read(path, cut));
+  EXPECT_FALSE(trajectory::read(path, rec));
   std::remove(path.c_str());
 }
 
@@ -102,14 +100,13 @@ TEST(Trajectory, RobotsAsTheirShapesAndTheFirstVersion) {
     EXPECT_EQ(b.material, 3);
     // The recorded pose maps the shape's offset from its body's frame.
     vorsim::Mat<3, 1> expected;
-    robot->getPosition(shapes[k].localIdx, shapes[k].offset, expected);
-    for (int i = 0; i < 3; ++i) EXPECT_NEAR(rec.frames[0][1 + k].position[i], expected[size_t(i)], 1e-6);
     vorsim::Mat<3, 3> bodyRot;
+    robot->getPosition(shapes[k].localIdx, shapes[k].offset, expected);
     robot->getOrientation(shapes[k].localIdx, bodyRot);
-    const Eigen::Matrix3d R = bodyRot.e() * shapes[k].rot.e();
-    const float* q = rec.frames[0][1 + k].quaternion;
-    const Eigen::Quaterniond read(q[0], q[1], q[2], q[3]);
-    EXPECT_TRUE(read.toRotationMatrix().isApprox(R, 1e-6));
+    const trajectory::Pose& pose = rec.frames[0][1 + k];
+    EXPECT_LT((Eigen::Map<const Eigen::Vector3f>(pose.position).cast<double>() - expected.e()).norm(), 1e-6);
+    const Eigen::Quaterniond read(pose.quaternion[0], pose.quaternion[1], pose.quaternion[2], pose.quaternion[3]);
+    EXPECT_TRUE(read.toRotationMatrix().isApprox(bodyRot.e() * shapes[k].rot.e(), 1e-6));
   }
 
   // The same table as a first-version file: no owner field after each size.
