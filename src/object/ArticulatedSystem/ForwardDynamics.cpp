@@ -275,14 +275,14 @@ void ArticulatedSystem::abaBackwardBody(size_t b) {
     const AbaData& dc = abaData[ch];
     const Mat6& Mc = dc.articulatedInertia;
     Mat6 Ia;  // lower triangle only
-    double p[6];
-    for (int i = 0; i < 6; ++i) {
-      // Row i of M_A c from the lower triangle: columns up to i, then column i.
-      double s = Mc(i, 0) * dc.c(0);
-      for (int k = 1; k <= i; ++k) s += Mc(i, k) * dc.c(k);
-      for (int k = i + 1; k < 6; ++k) s += Mc(k, i) * dc.c(k);
-      p[i] = dc.biasForce(i) + s;
-    }
+    // Row i of M_A c from the lower triangle, in named scalars.
+    const double* cc = dc.c.data();
+    auto row = [&](int i) {
+      return lowerAt(Mc, i, 0) * cc[0] + lowerAt(Mc, i, 1) * cc[1] + lowerAt(Mc, i, 2) * cc[2] +
+             lowerAt(Mc, i, 3) * cc[3] + lowerAt(Mc, i, 4) * cc[4] + lowerAt(Mc, i, 5) * cc[5];
+    };
+    double p[6] = {dc.biasForce(0) + row(0), dc.biasForce(1) + row(1), dc.biasForce(2) + row(2),
+                   dc.biasForce(3) + row(3), dc.biasForce(4) + row(4), dc.biasForce(5) + row(5)};
     if (jointType[ch] == Joint::SPHERICAL) {
       const AbaData3& d3 = abaData3[ch];
       Ia.noalias() = Mc - d3.UDinv * d3.U.transpose();
