@@ -42,6 +42,7 @@ void ArticulatedSystem::init() {
   setDefaultCoordinates();
   child.clear();
 
+  classifyJointShapes();
   updateKinematics();
   initializeConstraints();
   sizeDynamicsTables();
@@ -689,6 +690,20 @@ void ArticulatedSystem::placeFixedBase(const Child& root) {
   angVelW[0].setZero();
   matvecmul(rotW[0], comB[0], comRelW[0]);
   for (size_t k = 0; k < 3; ++k) comW[0][k] = posW[0][k] + comRelW[0][k];
+}
+
+void ArticulatedSystem::classifyJointShapes() {
+  jointShape_.assign(nbody, JointShape{});
+  for (size_t i = 0; i < nbody; ++i) {
+    const Mat<3, 1>& a = jointAxisB[i];
+    for (int k = 0; k < 3; ++k)
+      if (a[size_t(k)] == 1.0 && a[size_t((k + 1) % 3)] == 0.0 && a[size_t((k + 2) % 3)] == 0.0)
+        jointShape_[i].axisIndex = int8_t(k);
+    bool identity = true;
+    for (size_t r = 0; r < 3; ++r)
+      for (size_t c = 0; c < 3; ++c) identity = identity && jointRotP[i](r, c) == (r == c ? 1.0 : 0.0);
+    jointShape_[i].identityFrame = identity;
+  }
 }
 
 void ArticulatedSystem::ignoreCollisionWithMassiveAncestor() {

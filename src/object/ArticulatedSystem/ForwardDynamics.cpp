@@ -30,12 +30,12 @@ inline Mat3 skew(const Vec3& v) {
 
 // The lower triangle of the rigid spatial inertia of one body about its
 // origin: m 1, m skew(c) below it and J, with c the centre of mass relative to
-// the origin and J the inertia about the origin.
-inline void rigidInertiaLower(double m, const Mat<3, 1>& c, const Mat<3, 3>& J, Mat6& M) {
+// the origin and J the inertia about the origin (lower triangle).
+inline void rigidInertiaLower(double m, const Mat<3, 1>& c, const double J[3][3], Mat6& M) {
   for (int j = 0; j < 3; ++j)
     for (int i = j; i < 3; ++i) {
       M(i, j) = i == j ? m : 0.0;
-      M(i + 3, j + 3) = J(i, j);
+      M(i + 3, j + 3) = J[i][j];
     }
   M(3, 0) = 0.0;
   M(4, 0) = m * c[2];
@@ -54,39 +54,45 @@ inline void mirrorLower(Mat6& M) {
     for (int i = 0; i < j; ++i) M(i, j) = M(j, i);
 }
 
+// Entry (i, k) of a symmetric matrix held in its lower triangle.
+inline double lowerAt(const Mat6& M, int i, int k) { return i >= k ? M(i, k) : M(k, i); }
+
 // The joint terms of a one-dof joint at its body's origin, from the body's
 // articulated inertia and bias in d: S and its rate, U = M_A S, D^-1, the
 // velocity-product acceleration c and the scaled force. S has its axis in
 // one half, H: the angular one (3) of a revolute joint, the linear one (0) of
 // a prismatic joint; the sums run in scalars over that half. carried is what
 // the origin gains from the parent's turn, diagonal the joint's damping and
-// rotor terms.
+// rotor terms. The articulated inertia is read from its lower triangle.
 template <int H>
 inline void oneDofJointTerms(const Mat<3, 1>& axis, const Mat<3, 1>& w, const double carried[3], double qd,
                              double diagonal, double tau, ArticulatedSystem::AbaData& d) {
+  // Named scalars rather than small arrays: the products stay in registers.
   const Mat6& M = d.articulatedInertia;
+  const double a0 = axis[0], a1 = axis[1], a2 = axis[2];
   Mat<3, 1> wa;
   cross(w, axis, wa);
-  double cv[6] = {carried[0], carried[1], carried[2], 0.0, 0.0, 0.0};
+  // c = Sdot qd, plus carried on the linear half.
+  const double c0 = H == 0 ? wa[0] * qd + carried[0] : carried[0];
+  const double c1 = H == 0 ? wa[1] * qd + carried[1] : carried[1];
+  const double c2 = H == 0 ? wa[2] * qd + carried[2] : carried[2];
+  const double c3 = H == 3 ? wa[0] * qd : 0.0;
+  const double c4 = H == 3 ? wa[1] * qd : 0.0;
+  const double c5 = H == 3 ? wa[2] * qd : 0.0;
+  auto row = [&](int i) { return lowerAt(M, i, H) * a0 + lowerAt(M, i, H + 1) * a1 + lowerAt(M, i, H + 2) * a2; };
+  const double u0 = row(0), u1 = row(1), u2 = row(2), u3 = row(3), u4 = row(4), u5 = row(5);
+  const double StU = H == 3 ? a0 * u3 + a1 * u4 + a2 * u5 : a0 * u0 + a1 * u1 + a2 * u2;
+  const double Stp = a0 * d.biasForce(H) + a1 * d.biasForce(H + 1) + a2 * d.biasForce(H + 2);
+  const double Uc = u0 * c0 + u1 * c1 + u2 * c2 + u3 * c3 + u4 * c4 + u5 * c5;
+  const double Dinv = 1.0 / (StU + diagonal);
   for (int k = 0; k < 3; ++k) {
     d.S(k) = d.S(3 + k) = d.Sdot(k) = d.Sdot(3 + k) = 0.0;
     d.S(H + k) = axis[size_t(k)];
     d.Sdot(H + k) = wa[size_t(k)];
-    // c = Sdot qd, plus carried on the linear half.
-    cv[H + k] = H == 0 ? wa[size_t(k)] * qd + carried[k] : wa[size_t(k)] * qd;
   }
-  double U[6];
-  for (int i = 0; i < 6; ++i) U[i] = M(i, H) * axis[0] + M(i, H + 1) * axis[1] + M(i, H + 2) * axis[2];
-  const double StU = axis[0] * U[H] + axis[1] * U[H + 1] + axis[2] * U[H + 2];
-  const double Stp = axis[0] * d.biasForce(H) + axis[1] * d.biasForce(H + 1) + axis[2] * d.biasForce(H + 2);
-  double Uc = U[0] * cv[0];
-  for (int i = 1; i < 6; ++i) Uc += U[i] * cv[i];
-  const double Dinv = 1.0 / (StU + diagonal);
-  for (int i = 0; i < 6; ++i) {
-    d.U(i) = U[i];
-    d.UDinv(i) = U[i] * Dinv;
-    d.c(i) = cv[i];
-  }
+  d.U << u0, u1, u2, u3, u4, u5;
+  d.UDinv << u0 * Dinv, u1 * Dinv, u2 * Dinv, u3 * Dinv, u4 * Dinv, u5 * Dinv;
+  d.c << c0, c1, c2, c3, c4, c5;
   d.Dinv = Dinv;
   d.scaledForce = Dinv * (tau - Stp - Uc);
 }
@@ -241,15 +247,20 @@ void ArticulatedSystem::abaBackwardBody(size_t b) {
   const double m = massOf[b];
   const Mat<3, 1>& c = comRelW[b];
   const Mat<3, 1>& w = angVelW[b];
-  Mat<3, 3> J;
-  inertiaAtP(m, inertiaW[b], c, J);
+  // The inertia about the origin (inertiaAtP), on the lower triangle: both
+  // terms are exactly symmetric.
+  const Mat<3, 3>& Ic = inertiaW[b];
+  const double rr = dot(c, c);
+  double J[3][3];
+  for (size_t j = 0; j < 3; ++j)
+    for (size_t i = j; i < 3; ++i) J[i][j] = J[j][i] = Ic(i, j) + m * ((i == j ? rr : 0.0) - c[i] * c[j]);
   Mat6& M = d.articulatedInertia;
   rigidInertiaLower(m, c, J, M);
   // The bias of the body alone: m w x (w x c) and w x (J w), in scalars.
   Mat<3, 1> wc, wwc, Jw, wJw;
   cross(w, c, wc);
   cross(w, wc, wwc);
-  matvecmul(J, w, Jw);
+  for (size_t i = 0; i < 3; ++i) Jw[i] = J[i][0] * w[0] + J[i][1] * w[1] + J[i][2] * w[2];
   cross(w, Jw, wJw);
   for (int k = 0; k < 3; ++k) {
     d.biasForce(k) = m * wwc[size_t(k)];
@@ -264,12 +275,14 @@ void ArticulatedSystem::abaBackwardBody(size_t b) {
     const AbaData& dc = abaData[ch];
     const Mat6& Mc = dc.articulatedInertia;
     Mat6 Ia;  // lower triangle only
-    double p[6];
-    for (int i = 0; i < 6; ++i) {
-      double s = Mc(i, 0) * dc.c(0);
-      for (int k = 1; k < 6; ++k) s += Mc(i, k) * dc.c(k);
-      p[i] = dc.biasForce(i) + s;
-    }
+    // Row i of M_A c from the lower triangle, in named scalars.
+    const double* cc = dc.c.data();
+    auto row = [&](int i) {
+      return lowerAt(Mc, i, 0) * cc[0] + lowerAt(Mc, i, 1) * cc[1] + lowerAt(Mc, i, 2) * cc[2] +
+             lowerAt(Mc, i, 3) * cc[3] + lowerAt(Mc, i, 4) * cc[4] + lowerAt(Mc, i, 5) * cc[5];
+    };
+    double p[6] = {dc.biasForce(0) + row(0), dc.biasForce(1) + row(1), dc.biasForce(2) + row(2),
+                   dc.biasForce(3) + row(3), dc.biasForce(4) + row(4), dc.biasForce(5) + row(5)};
     if (jointType[ch] == Joint::SPHERICAL) {
       const AbaData3& d3 = abaData3[ch];
       Ia.noalias() = Mc - d3.UDinv * d3.U.transpose();
@@ -290,7 +303,8 @@ void ArticulatedSystem::abaBackwardBody(size_t b) {
     p[5] += r(0) * p[1] - r(1) * p[0];
     for (int i = 0; i < 6; ++i) d.biasForce(i) += p[i];
   }
-  mirrorLower(M);
+  // M stays in its lower triangle (all a one-dof joint, the parent and the
+  // root read); the three-dof joint's products below mirror it.
 
   if (b == 0) return;  // the root's coordinates are taken by abaRoot
 
@@ -314,6 +328,7 @@ void ArticulatedSystem::abaBackwardBody(size_t b) {
     }
     case Joint::SPHERICAL: {
       AbaData3& d3 = abaData3[b];
+      mirrorLower(M);
       const Vec3 carried = angVelW[p].e().cross(linVelW[b].e() - linVelW[p].e());
       const Mat3 R = rotW[b].e();
       d3.S.topRows<3>().setZero();
@@ -367,22 +382,33 @@ void ArticulatedSystem::abaRoot(const Mat<3, 1>& gravity) {
 
 void ArticulatedSystem::abaForwardBody(size_t b) {
   AbaData& d = abaData[b];
-  Vec6 ap = abaData[parent[b]].a;
-  shiftMotionFromParent(b, ap);
+  // The parent's acceleration at this origin (shiftMotionFromParent, in
+  // scalars).
+  const Vec6& A = abaData[parent[b]].a;
+  const Mat<3, 1>& r = relPosW[b];
+  const double ap0 = A(0) + (A(4) * r[2] - A(5) * r[1]);
+  const double ap1 = A(1) + (A(5) * r[0] - A(3) * r[2]);
+  const double ap2 = A(2) + (A(3) * r[1] - A(4) * r[0]);
+  const double ap3 = A(3), ap4 = A(4), ap5 = A(5);
   const size_t g = gvIdx[b];
   if (jointType[b] == Joint::SPHERICAL) {
     const AbaData3& d3 = abaData3[b];
+    Vec6 ap;
+    ap << ap0, ap1, ap2, ap3, ap4, ap5;
     const Vec3 qdd = d3.scaledForce - d3.UDinv.transpose() * ap;
     for (size_t k = 0; k < 3; ++k) ga[g + k] = qdd(Eigen::Index(k));
     d.a.noalias() = ap + d.c + d3.S * qdd;
   } else if (jointType[b] == Joint::REVOLUTE || jointType[b] == Joint::PRISMATIC) {
-    double Va = d.UDinv(0) * ap(0);
-    for (int i = 1; i < 6; ++i) Va += d.UDinv(i) * ap(i);
+    const double* V = d.UDinv.data();
+    const double Va = V[0] * ap0 + V[1] * ap1 + V[2] * ap2 + V[3] * ap3 + V[4] * ap4 + V[5] * ap5;
     const double qdd = d.scaledForce - Va;
     ga[g] = qdd;
-    for (int i = 0; i < 6; ++i) d.a(i) = ap(i) + d.c(i) + d.S(i) * qdd;
+    const double* c = d.c.data();
+    const double* S = d.S.data();
+    d.a << ap0 + c[0] + S[0] * qdd, ap1 + c[1] + S[1] * qdd, ap2 + c[2] + S[2] * qdd, ap3 + c[3] + S[3] * qdd,
+        ap4 + c[4] + S[4] * qdd, ap5 + c[5] + S[5] * qdd;
   } else {
-    d.a = ap;
+    d.a << ap0, ap1, ap2, ap3, ap4, ap5;
   }
 }
 

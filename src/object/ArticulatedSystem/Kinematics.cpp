@@ -30,6 +30,48 @@ inline void setColumn(SparseJacobian& j, size_t k, const Mat<3, 1>& c) {
   for (size_t r = 0; r < 3; ++r) j.v(r, k) = c[r];
 }
 
+// The third column of a product of rotations from its first two, as rotmatmul
+// forms it.
+inline void completeRotation(Mat<3, 3>& R) {
+  R(0, 2) = R(1, 0) * R(2, 1) - R(2, 0) * R(1, 1);
+  R(1, 2) = R(2, 0) * R(0, 1) - R(0, 0) * R(2, 1);
+  R(2, 2) = R(0, 0) * R(1, 1) - R(0, 1) * R(1, 0);
+}
+
+// The turn by an angle of sine s and cosine c about the unit coordinate axis
+// k, with the entries Rodrigues' formula gives for that axis: the entry on
+// the axis is (1 - c) + c, as the formula has it.
+inline void coordinateTurn(int k, double s, double c, Mat<3, 3>& R) {
+  const double e = (1.0 - c) + c;
+  R.setZero();
+  if (k == 0)
+    R(0, 0) = e, R(1, 1) = c, R(2, 2) = c, R(2, 1) = s, R(1, 2) = -s;
+  else if (k == 1)
+    R(0, 0) = c, R(1, 1) = e, R(2, 2) = c, R(0, 2) = s, R(2, 0) = -s;
+  else
+    R(0, 0) = c, R(1, 1) = c, R(2, 2) = e, R(1, 0) = s, R(0, 1) = -s;
+}
+
+// One column of a 3x3 matrix in named scalars, which stay in registers.
+struct Col3 {
+  double x, y, z;
+};
+inline Col3 colOf(const Mat<3, 3>& R, size_t j) { return {R(0, j), R(1, j), R(2, j)}; }
+inline Col3 axpy(const Col3& a, double s, const Col3& b, double t) {
+  return {a.x * s + b.x * t, a.y * s + b.y * t, a.z * s + b.z * t};
+}
+inline Col3 scaledCol(const Col3& a, double s) { return {a.x * s, a.y * s, a.z * s}; }
+// The third column from the first two, as rotmatmul and completeRotation
+// form it.
+inline Col3 thirdColumn(const Col3& a, const Col3& b) {
+  return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - b.x * a.y};
+}
+inline void storeColumns(const Col3& c0, const Col3& c1, const Col3& c2, Mat<3, 3>& R) {
+  R(0, 0) = c0.x, R(1, 0) = c0.y, R(2, 0) = c0.z;
+  R(0, 1) = c1.x, R(1, 1) = c1.y, R(2, 1) = c1.z;
+  R(0, 2) = c2.x, R(1, 2) = c2.y, R(2, 2) = c2.z;
+}
+
 }  // namespace
 
 void ArticulatedSystem::updateKinematics() {
@@ -45,55 +87,138 @@ void ArticulatedSystem::updateKinematics() {
     linVelW[0] = {gv[0], gv[1], gv[2]};
     angVelW[0] = {gv[3], gv[4], gv[5]};
   }
+  // The turns of the revolute joints about coordinate axes first: they do not
+  // depend on each other, only the chain of frames below does.
+  for (size_t i = 1; i < nbody; ++i)
+    if (jointType[i] == Joint::REVOLUTE && jointShape_[i].axisIndex >= 0) {
+      double s, c;
+      polySinCos(gc[gcIdx[i]], s, c);
+      coordinateTurn(jointShape_[i].axisIndex, s, c, rotJ[i]);
+    }
   // A parent always has a lower index than its children.
   for (size_t i = 1; i < nbody; ++i) updateBodyKinematics(i);
 }
 
 void ArticulatedSystem::updateBodyKinematics(size_t i) {
+  // The rotations are formed in locals and stored at the end, so that nothing
+  // is read back from a table just written.
   const size_t p = parent[i];
-  relPosW[i] = mul(rotW[p], jointPosP[i]);
-  posW[i] = add(posW[p], relPosW[i]);
-  linVelW[i] = linVelW[p];
-  angVelW[i] = angVelW[p];
+  const JointShape shape = jointShape_[i];
+  const Mat<3, 3>& Rp = rotW[p];
+  const Mat<3, 1> rel = mul(Rp, jointPosP[i]);
+  Mat<3, 1> pos = add(posW[p], rel);
+  Mat<3, 1> v = linVelW[p];
+  Mat<3, 1> w = angVelW[p];
+  // rotW[p] jointRotP, or rotW[p] itself (third column rebuilt, as rotmatmul
+  // does) when the joint frame is the parent's.
+  auto jointFrame = [&](Mat<3, 3>& out) {
+    if (shape.identityFrame) {
+      out = Rp;
+      completeRotation(out);
+    } else {
+      rotmatmul(Rp, jointRotP[i], out);
+    }
+  };
+  // R jointAxisB[i]; a coordinate axis picks a column.
+  auto axisInWorld = [&](const Mat<3, 3>& R) {
+    return shape.axisIndex >= 0 ? column(R, size_t(shape.axisIndex)) : mul(R, jointAxisB[i]);
+  };
 
+  Mat<3, 3> R;
   switch (jointType[i]) {
     case Joint::REVOLUTE: {
-      rotmatmul(rotW[p], jointRotP[i], preRotW[i]);
-      angleAxisToRotMat2(jointAxisB[i], gc[gcIdx[i]], rotJ[i]);
-      rotmatmul(preRotW[i], rotJ[i], rotW[i]);
-      axisW[i] = mul(rotW[i], jointAxisB[i]);
-      linVelW[i] += cross(angVelW[p], relPosW[i]);
-      jointAngVelW[i] = axisW[i] * gv[gvIdx[i]];
-      angVelW[i] += jointAngVelW[i];
+      Mat<3, 1> axis;
+      if (shape.axisIndex >= 0) {
+        // The joint frame P and R = P T column by column, T = rotJ[i] from
+        // updateKinematics: the products rotmatmul forms, less the terms with
+        // an exact zero factor.
+        Col3 p0, p1;
+        if (shape.identityFrame) {
+          p0 = colOf(Rp, 0), p1 = colOf(Rp, 1);
+        } else {
+          const Mat<3, 3>& Q = jointRotP[i];
+          p0 = {Rp(0, 0) * Q(0, 0) + Rp(0, 1) * Q(1, 0) + Rp(0, 2) * Q(2, 0),
+                Rp(1, 0) * Q(0, 0) + Rp(1, 1) * Q(1, 0) + Rp(1, 2) * Q(2, 0),
+                Rp(2, 0) * Q(0, 0) + Rp(2, 1) * Q(1, 0) + Rp(2, 2) * Q(2, 0)};
+          p1 = {Rp(0, 0) * Q(0, 1) + Rp(0, 1) * Q(1, 1) + Rp(0, 2) * Q(2, 1),
+                Rp(1, 0) * Q(0, 1) + Rp(1, 1) * Q(1, 1) + Rp(1, 2) * Q(2, 1),
+                Rp(2, 0) * Q(0, 1) + Rp(2, 1) * Q(1, 1) + Rp(2, 2) * Q(2, 1)};
+        }
+        const Col3 p2 = thirdColumn(p0, p1);
+        storeColumns(p0, p1, p2, preRotW[i]);
+        const Mat<3, 3>& T = rotJ[i];
+        Col3 r0, r1;
+        if (shape.axisIndex == 0) {
+          const double e = T(0, 0), c = T(1, 1), s = T(2, 1);
+          r0 = scaledCol(p0, e), r1 = axpy(p1, c, p2, s);
+        } else if (shape.axisIndex == 1) {
+          const double c = T(0, 0), e = T(1, 1), s = T(0, 2);
+          r0 = axpy(p0, c, p2, -s), r1 = scaledCol(p1, e);
+        } else {
+          const double c = T(0, 0), s = T(1, 0);
+          r0 = axpy(p0, c, p1, s), r1 = axpy(p0, -s, p1, c);
+        }
+        const Col3 r2 = thirdColumn(r0, r1);
+        storeColumns(r0, r1, r2, R);
+        const Col3& a = shape.axisIndex == 0 ? r0 : shape.axisIndex == 1 ? r1 : r2;
+        axis = {a.x, a.y, a.z};
+      } else {
+        Mat<3, 3> pre;
+        jointFrame(pre);
+        angleAxisToRotMat2(jointAxisB[i], gc[gcIdx[i]], rotJ[i]);
+        rotmatmul(pre, rotJ[i], R);
+        preRotW[i] = pre;
+        axis = axisInWorld(R);
+      }
+      axisW[i] = axis;
+      v += cross(angVelW[p], rel);
+      const Mat<3, 1> jw = axis * gv[gvIdx[i]];
+      jointAngVelW[i] = jw;
+      w += jw;
+      relPosW[i] = rel;
       break;
     }
     case Joint::PRISMATIC: {
-      rotmatmul(rotW[p], jointRotP[i], rotW[i]);
-      axisW[i] = mul(rotW[i], jointAxisB[i]);
-      const Mat<3, 1> d = axisW[i] * gc[gcIdx[i]];
-      posW[i] += d;
-      relPosW[i] += d;
-      linVelW[i] += cross(angVelW[p], relPosW[i]);
-      jointLinVelW[i] = axisW[i] * gv[gvIdx[i]];
-      linVelW[i] += jointLinVelW[i];
+      jointFrame(R);
+      const Mat<3, 1> axis = axisInWorld(R);
+      axisW[i] = axis;
+      const Mat<3, 1> d = axis * gc[gcIdx[i]];
+      pos += d;
+      const Mat<3, 1> relMoved = add(rel, d);
+      relPosW[i] = relMoved;
+      v += cross(angVelW[p], relMoved);
+      const Mat<3, 1> jv = axis * gv[gvIdx[i]];
+      jointLinVelW[i] = jv;
+      v += jv;
       break;
     }
     case Joint::SPHERICAL: {
-      rotmatmul(rotW[p], jointRotP[i], preRotW[i]);
+      Mat<3, 3> pre;
+      jointFrame(pre);
       quatToRotMat(gc.v + gcIdx[i], rotJ[i]);
-      rotmatmul(preRotW[i], rotJ[i], rotW[i]);
-      axisW[i] = mul(rotW[i], jointAxisB[i]);
-      linVelW[i] += cross(angVelW[p], relPosW[i]);
+      rotmatmul(pre, rotJ[i], R);
+      preRotW[i] = pre;
+      axisW[i] = axisInWorld(R);
+      v += cross(angVelW[p], rel);
       const size_t g = gvIdx[i];
-      jointAngVelW[i] = mul(rotW[i], Mat<3, 1>{gv[g], gv[g + 1], gv[g + 2]});
-      angVelW[i] += jointAngVelW[i];
+      const Mat<3, 1> jw = mul(R, Mat<3, 1>{gv[g], gv[g + 1], gv[g + 2]});
+      jointAngVelW[i] = jw;
+      w += jw;
+      relPosW[i] = rel;
       break;
     }
     default:
+      R = rotW[i];
+      relPosW[i] = rel;
       break;
   }
-  comRelW[i] = mul(rotW[i], comB[i]);
-  comW[i] = add(posW[i], comRelW[i]);
+  rotW[i] = R;
+  posW[i] = pos;
+  linVelW[i] = v;
+  angVelW[i] = w;
+  const Mat<3, 1> comRel = mul(R, comB[i]);
+  comRelW[i] = comRel;
+  comW[i] = add(pos, comRel);
 }
 
 // ------------------------------------------------------------ points, frames --

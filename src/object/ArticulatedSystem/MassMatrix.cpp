@@ -110,7 +110,23 @@ void ArticulatedSystem::sizeDynamicsTables() {
 }
 
 void ArticulatedSystem::updateWorldInertia() {
-  for (size_t b = 0; b < nbody; ++b) similarityTransform(rotW[b], inertiaB[b], inertiaW[b]);
+  // similarityTransform written out in named scalars, term for term: T = R S^T,
+  // then the lower triangle of T R^T, mirrored.
+  for (size_t b = 0; b < nbody; ++b) {
+    const Mat<3, 3>& R = rotW[b];
+    const Mat<3, 3>& S = inertiaB[b];
+    auto t = [&](size_t i, size_t k) { return R(i, 0) * S(k, 0) + R(i, 1) * S(k, 1) + R(i, 2) * S(k, 2); };
+    const double t00 = t(0, 0), t01 = t(0, 1), t02 = t(0, 2);
+    const double t10 = t(1, 0), t11 = t(1, 1), t12 = t(1, 2);
+    const double t20 = t(2, 0), t21 = t(2, 1), t22 = t(2, 2);
+    auto o = [&](double ti0, double ti1, double ti2, size_t j) { return ti0 * R(j, 0) + ti1 * R(j, 1) + ti2 * R(j, 2); };
+    Mat<3, 3>& out = inertiaW[b];
+    const double o00 = o(t00, t01, t02, 0), o10 = o(t10, t11, t12, 0), o20 = o(t20, t21, t22, 0);
+    const double o11 = o(t10, t11, t12, 1), o21 = o(t20, t21, t22, 1), o22 = o(t20, t21, t22, 2);
+    out(0, 0) = o00, out(1, 0) = o10, out(2, 0) = o20;
+    out(0, 1) = o10, out(1, 1) = o11, out(2, 1) = o21;
+    out(0, 2) = o20, out(1, 2) = o21, out(2, 2) = o22;
+  }
 }
 
 // ------------------------------------------------------------- mass matrix --

@@ -95,7 +95,8 @@ class ArticulatedSystem : public Object {
   // through the shift by relPosW[b] (shiftForceToParent, addInertiaToParent,
   // shiftMotionFromParent), so the shift is not stored.
   struct alignas(32) AbaData {
-    Eigen::Matrix<double, 6, 6> articulatedInertia;  // M_A about posW[b]
+    // M_A about posW[b], in its lower triangle (whole for a spherical joint).
+    Eigen::Matrix<double, 6, 6> articulatedInertia;
     Eigen::Matrix<double, 6, 1> biasForce;           // p_A
     Eigen::Matrix<double, 6, 1> a;                   // spatial acceleration (falling frame)
     Eigen::Matrix<double, 6, 1> c;                   // velocity-product acceleration
@@ -612,6 +613,16 @@ class ArticulatedSystem : public Object {
 
   // The kinematics of one body from its parent's.
   void updateBodyKinematics(size_t i);
+  // Fills jointShape_ from jointAxisB and jointRotP (end of init).
+  void classifyJointShapes();
+  // Per body, what the kinematics pass may shorten: the joint axis is the unit
+  // coordinate axis axisIndex (-1: any other axis) of a joint frame that is the
+  // parent's own (jointRotP exactly the identity) or not.
+  struct JointShape {
+    int8_t axisIndex = -1;
+    bool identityFrame = false;
+  };
+  std::vector<JointShape> jointShape_;
 
   // Sizes and zeroes the tables of the dynamics stages (end of init).
   void sizeDynamicsTables();
