@@ -157,3 +157,39 @@ TEST(Kinematics, FramesAndBaseSetters) {
   fixed.setBasePos(Mat<3, 1>{0, 0, 2});
   EXPECT_EQ(fixed.posW[1].e(), Eigen::Vector3d(0.3, 0.1, 2.2));
 }
+
+// Joints about a coordinate axis, with and without a frame of their own, turn
+// their body exactly as the general rotation about the axis does, in all four
+// quadrants and for either sign of the axis.
+TEST(Kinematics, CoordinateAxisJointsTurnAsTheGeneralRotation) {
+  const Mat<3, 3> identity = Mat<3, 3>::getIdentity();
+  const Mat<3, 3> tilted = rotation(0.7, {1, -2, 0.5});
+  Child base = root("base", Joint::FIXED, 1.0);
+  Child* parent = &base;
+  const std::vector<std::tuple<Mat<3, 1>, Mat<3, 3>>> joints = {
+      {{1, 0, 0}, identity}, {{0, 1, 0}, tilted}, {{0, 0, 1}, identity}, {{0, 0, -1}, tilted},
+      {{-1, 0, 0}, tilted},  {{0, -1, 0}, identity}, {unit({1, 1, 0}), identity}};
+  for (size_t k = 0; k < joints.size(); ++k) {
+    parent->child.push_back(body("l" + std::to_string(k), Joint::REVOLUTE, {0.1, 0.2 * double(k), -0.1},
+                                 std::get<1>(joints[k]), std::get<0>(joints[k]), 1.0, {0.01, 0.0, 0.02}));
+    parent = &parent->child.back();
+  }
+  ArticulatedSystem s(base, "r");
+  for (double q : {0.3, 2.0, -2.5, -0.4}) {
+    SCOPED_TRACE("angle " + std::to_string(q));
+    vorsim::VecDyn gc(s.gcDim);
+    for (size_t i = 0; i < s.gcDim; ++i) gc[i] = q * (1.0 + 0.1 * double(i));
+    s.setGeneralizedCoordinate(gc);
+    Eigen::Matrix3d R = Eigen::Matrix3d::Identity();
+    Eigen::Vector3d p = Eigen::Vector3d::Zero();
+    for (size_t k = 0; k < joints.size(); ++k) {
+      const Eigen::Vector3d axis = std::get<0>(joints[k]).e();
+      p += R * Eigen::Vector3d(0.1, 0.2 * double(k), -0.1);
+      R = R * std::get<1>(joints[k]).e();
+      EXPECT_TRUE(s.axisW[k + 1].e().isApprox(R * axis, 1e-14)) << "joint " << k;
+      R = R * Eigen::AngleAxisd(gc[k], axis).toRotationMatrix();
+      EXPECT_TRUE(s.rotW[k + 1].e().isApprox(R, 1e-14)) << "joint " << k;
+      EXPECT_TRUE(s.posW[k + 1].e().isApprox(p, 1e-14)) << "joint " << k;
+    }
+  }
+}
