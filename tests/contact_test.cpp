@@ -116,23 +116,20 @@ TEST(Contact, RecordsAndProblemsPerBodyType) {
 }
 
 TEST(Contact, GroupsAndMasksFilterPairs) {
-  auto contactsBetween = [](size_t g1, size_t m1, size_t g2, size_t m2) {
+  // One direction suffices; group 0 matches nothing; only the low 32 bits count.
+  const size_t all = size_t(-1), high = size_t(1) << 40;
+  const struct {
+    size_t g1, m1, g2, m2, contacts;
+  } cases[] = {{1, 1, 1, 1, 1},     {1, 2, 2, 4, 1},         {1, 4, 2, 4, 0},
+               {0, all, 0, all, 0}, {high, high, 1, all, 0}, {high | 1, 1, 1, 1, 1}};
+  for (const auto& c : cases) {
     World world;
     world.setGravity(Mat<3, 1>{0, 0, 0});
-    auto* a = world.addSphere(0.1, 1.0, "default", g1, m1);
-    auto* b = world.addSphere(0.1, 1.0, "default", g2, m2);
-    a->setPosition(0, 0, 0);
-    b->setPosition(0.15, 0, 0);
+    auto* a = world.addSphere(0.1, 1.0, "default", c.g1, c.m1);
+    world.addSphere(0.1, 1.0, "default", c.g2, c.m2)->setPosition(0.15, 0, 0);
     world.integrate();
-    return a->getContacts().size();
-  };
-  EXPECT_EQ(contactsBetween(1, 1, 1, 1), 1u);
-  EXPECT_EQ(contactsBetween(1, 2, 2, 4), 1u);  // one direction suffices
-  EXPECT_EQ(contactsBetween(1, 4, 2, 4), 0u);
-  EXPECT_EQ(contactsBetween(0, size_t(-1), 0, size_t(-1)), 0u);  // group 0 matches nothing
-  // Only the low 32 bits count.
-  EXPECT_EQ(contactsBetween(size_t(1) << 40, size_t(1) << 40, 1, size_t(-1)), 0u);
-  EXPECT_EQ(contactsBetween((size_t(1) << 40) | 1, 1, 1, 1), 1u);
+    EXPECT_EQ(a->getContacts().size(), c.contacts) << c.g1 << " " << c.m1 << " " << c.g2 << " " << c.m2;
+  }
 }
 
 TEST(Contact, RepeatedRunsAreBitIdentical) {
@@ -143,21 +140,10 @@ TEST(Contact, RepeatedRunsAreBitIdentical) {
     world.addGround(0.0, "a");
     std::vector<SingleBodyObject*> bodies;
     for (int i = 0; i < 27; ++i) {
-      SingleBodyObject* b = nullptr;
-      switch (i % 4) {
-        case 0:
-          b = world.addSphere(0.1, 1.0, "b");
-          break;
-        case 1:
-          b = world.addBox(0.2, 0.15, 0.1, 1.0, "a");
-          break;
-        case 2:
-          b = world.addCapsule(0.05, 0.2, 1.0, "b");
-          break;
-        default:
-          b = world.addCylinder(0.08, 0.15, 1.0, "a");
-          break;
-      }
+      SingleBodyObject* b = i % 4 == 0   ? world.addSphere(0.1, 1.0, "b")
+                            : i % 4 == 1 ? static_cast<SingleBodyObject*>(world.addBox(0.2, 0.15, 0.1, 1.0, "a"))
+                            : i % 4 == 2 ? static_cast<SingleBodyObject*>(world.addCapsule(0.05, 0.2, 1.0, "b"))
+                                         : world.addCylinder(0.08, 0.15, 1.0, "a");
       b->setPosition(0.05 * (i % 3), 0.07 * ((i / 3) % 3), 0.2 + 0.25 * i);
       b->setOrientation(Eigen::Quaterniond(Eigen::AngleAxisd(0.1 * i, Eigen::Vector3d(1, 1, 0).normalized())));
       bodies.push_back(b);
@@ -171,8 +157,7 @@ TEST(Contact, RepeatedRunsAreBitIdentical) {
     }
     return state;
   };
-  const auto first = run();
-  const auto second = run();
+  const auto first = run(), second = run();
   ASSERT_EQ(first.size(), second.size());
   EXPECT_EQ(std::memcmp(first.data(), second.data(), first.size() * sizeof(double)), 0);
   for (double x : first) ASSERT_TRUE(std::isfinite(x));

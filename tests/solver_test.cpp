@@ -23,13 +23,8 @@ using vorsim_test::randomMatrix;
 MatrixBody point(const Matrix3d& L, const Vector3d& contactVel) { return MatrixBody({L}, L.inverse() * contactVel); }
 
 using ProblemList = BisectionContactSolver::ProblemList;
-Single3DContactProblem& addProblem(ProblemList& list, double mu, MatrixBody* A, double depth = 0.0, size_t ia = 0,
-                                   MatrixBody* B = nullptr, size_t ib = 0) {
-  Single3DContactProblem& P = list.emplace_back(MaterialPairProperties{mu}, 0.0, 0.0, 0.0, depth);
-  P.delassus = Matrix3d(A->jac[ia] * A->jac[ia].transpose() +
-                        (B ? MatrixXd(B->jac[ib] * B->jac[ib].transpose()) : MatrixXd::Zero(3, 3)));
-  P.objectA = A, P.objectB = B, P.localIndexA = ia, P.localIndexB = ib;
-  return P;
+Single3DContactProblem& addProblem(ProblemList& list, double mu, MatrixBody* A, double depth = 0.0) {
+  return vorsim_test::addJacobianContact(list, mu, A, 0, nullptr, 0, depth);
 }
 
 int solveList(ProblemList& list, int maxIter = 150, double threshold = 1e-8, double erp2 = 0.002) {
@@ -159,8 +154,8 @@ TEST(ContactSolver, CoupledFrictionlessContactsSweepInAlternatingOrderToTheLcpSo
     MatrixBody top({frame}, vt), bottom({frame}, vb);
     bottom.jac.push_back(Matrix3d::Identity());
     ProblemList list;
-    addProblem(list, 0.0, &top, 0.0, 0, &bottom, 0);
-    addProblem(list, 0.0, &bottom, 0.0, 1);
+    vorsim_test::addJacobianContact(list, 0.0, &top, 0, &bottom, 0);
+    vorsim_test::addJacobianContact(list, 0.0, &bottom, 1);
     const Matrix2d A = (Matrix2d() << 2.0, -n0.z(), -n0.z(), 1.0).finished();  // normal velocities A lambda + b
     const Vector2d b(n0.dot(vt - vb), vb.z());
     Vector2d lambda(-1.0, -1.0);
