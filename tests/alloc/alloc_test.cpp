@@ -190,23 +190,14 @@ void standingQuadruped(World& world) {
   for (size_t i = 0; i < 19; ++i) gc[i] = q[i];
   robot->setGeneralizedCoordinate(gc);
   holdJoints(*robot, 200.0, 10.0);
-  Child base;
-  base.bodyName = "base";
-  base.type = Joint::FIXED;
-  base.mass = 1.0;
-  base.setInertia(Mat<3, 1>{0.01, 0.01, 0.01});
-  base.pos = {5, 5, 2};
-  Child arm = base;
-  arm.bodyName = "arm";
-  arm.name = "hinge";
-  arm.type = Joint::REVOLUTE;
-  arm.axis = {1, 0, 0};
-  arm.pos = {0, 0, 0};
-  arm.com = {0, 0, -0.5};
-  arm.limit = {0.2, 0.5};  // hanging straight down is below the lower stop
-  arm.velocityLimit = 100.0;
-  base.child.push_back(arm);
-  world.addArticulatedSystem(base, "", 1, 0)->setGeneralizedCoordinate({0.3});
+  const std::string pendulum = R"(<?xml version="1.0"?><robot name="p"><link name="world"/>
+<joint name="mount" type="fixed"><parent link="world"/><child link="base"/><origin xyz="5 5 2"/></joint>
+<link name="base"><inertial><mass value="1"/><inertia ixx="0.01" iyy="0.01" izz="0.01"/></inertial></link>
+<joint name="hinge" type="revolute"><parent link="base"/><child link="arm"/><axis xyz="1 0 0"/>
+  <limit lower="0.2" upper="0.5" effort="100" velocity="100"/></joint>
+<link name="arm"><inertial><origin xyz="0 0 -0.5"/><mass value="1"/><inertia ixx="0.01" iyy="0.01" izz="0.01"/>
+</inertial></link></robot>)";  // hanging straight down is below the lower stop
+  world.addArticulatedSystem(pendulum, "", {}, 1, 0)->setGeneralizedCoordinate({0.3});
 }
 
 class Allocations : public testing::Test {
