@@ -142,20 +142,10 @@ TEST(ExactCoulomb, BlocksWithSeveralCandidateDirections) {
   }
 }
 
-TEST(ExactCoulomb, NothingToHoldAndTheIsotropicCase) {
-  // No approach (the normal velocity is already zero): no impulse, as by
-  // default. An isotropic block: both rules oppose the slip.
+TEST(ExactCoulomb, NothingToHoldWithoutApproach) {
   Matrix3d L = Matrix3d::Identity();
   L(2, 0) = 0.8;
-  const OneContact open = solveOne(L, Vector3d(1.0, 0.5, 0.0), 0.5, true);
-  EXPECT_EQ(open.impulse, Vector3d::Zero());
-  const Vector3d v(0.6, -0.8, -0.1);
-  const OneContact exact = solveOne(2.0 * Matrix3d::Identity(), v, 0.3, true);
-  const OneContact energy = solveOne(2.0 * Matrix3d::Identity(), v, 0.3, false);
-  // p.z = 0.1 / 4, |p_t| = 0.3 p.z, along -(0.6, -0.8).
-  const Vector3d expected(-0.6 * 0.0075, 0.8 * 0.0075, 0.025);
-  EXPECT_LT((exact.impulse - expected).norm(), 1e-15);
-  EXPECT_LT((energy.impulse - expected).norm(), 1e-12);
+  EXPECT_EQ(solveOne(L, Vector3d(1.0, 0.5, 0.0), 0.5, true).impulse, Vector3d::Zero());
 }
 
 // ------------------------------------------------------------------ boxes --
