@@ -1,37 +1,22 @@
-// Bodies in contact: resting, sticking and sliding by friction; contact
-// records and collision filters; repeatability. The rules of a single contact
-// step (restitution, kinematic partners, static friction) are in
-// contact_rules_test.cpp.
+// Bodies in contact: resting, contact records and collision filters,
+// repeatability; one step of a contact against hand-computed numbers; material
+// pairs.
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstring>
+#include <string>
+#include <utility>
 #include <vector>
 
+#include "test_helpers.hpp"
+#include "vorsim/Materials.hpp"
+#include "vorsim/VorSimTinyXmlWrapper.hpp"
 #include "vorsim/World.hpp"
 #include "vorsim/contact/Single3DContactProblem.hpp"
 #include "vorsim/object/Primitives.hpp"
 
 using namespace vorsim;
-
-namespace {
-constexpr double kG = 9.81;
-
-// A box on flat ground under gravity tilted by theta about y: the same physics
-// as a box on a slope of angle theta.
-struct SlopeScene {
-  World world;
-  Box* box;
-  SlopeScene(double theta, double mu, double staticMu, double dt = 0.001) {
-    world.setTimeStep(dt);
-    world.setGravity(Mat<3, 1>{kG * std::sin(theta), 0.0, -kG * std::cos(theta)});
-    world.setMaterialPairProp("floor", "block", mu, 0.0, 0.01, staticMu, 0.01);
-    world.addGround(0.0, "floor");
-    box = world.addBox(0.2, 0.2, 0.1, 1.0, "block");
-    box->setPosition(0, 0, 0.05);
-  }
-};
-}  // namespace
 
 TEST(Contact, SphereComesToRestAndStays) {
   World world;
@@ -52,24 +37,6 @@ TEST(Contact, SphereComesToRestAndStays) {
   EXPECT_LT(0.1 - s->getPosition()[2], 1e-4);
   EXPECT_LT(s->getLinearVelocity().norm(), 1e-4);
   EXPECT_EQ(worstDrift, 0.0);
-}
-
-TEST(Contact, BoxOnSlopeSticksOrSlidesByCoulomb) {
-  // tan(theta) = 0.4 < mu = 0.5: it holds, up to the solver's tolerance.
-  SlopeScene sticking(std::atan(0.4), 0.5, 0.5);
-  for (int i = 0; i < 2000; ++i) sticking.world.integrate();
-  EXPECT_LT(std::abs(sticking.box->getPosition()[0]), 1e-4);
-  EXPECT_LT(sticking.box->getLinearVelocity().norm(), 1e-3);
-  // tan(theta) > mu: it slides with acceleration g (sin - mu cos).
-  for (const double theta : {0.5, 0.7}) {
-    SlopeScene scene(theta, 0.3, 0.3);
-    for (int i = 0; i < 200; ++i) scene.world.integrate();
-    const double v0 = scene.box->getLinearVelocity()[0];
-    for (int i = 0; i < 1000; ++i) scene.world.integrate();
-    const double expected = kG * (std::sin(theta) - 0.3 * std::cos(theta));
-    EXPECT_NEAR(scene.box->getLinearVelocity()[0] - v0, expected, 0.02 * expected) << "theta " << theta;
-    EXPECT_LT(std::abs(scene.box->getLinearVelocity()[1]), 1e-3 * scene.box->getLinearVelocity()[0]);
-  }
 }
 
 TEST(Contact, RecordsAndProblemsPerBodyType) {
@@ -116,23 +83,20 @@ TEST(Contact, RecordsAndProblemsPerBodyType) {
 }
 
 TEST(Contact, GroupsAndMasksFilterPairs) {
-  auto contactsBetween = [](size_t g1, size_t m1, size_t g2, size_t m2) {
+  // One direction suffices; group 0 matches nothing; only the low 32 bits count.
+  const size_t all = size_t(-1), high = size_t(1) << 40;
+  const struct {
+    size_t g1, m1, g2, m2, contacts;
+  } cases[] = {{1, 1, 1, 1, 1},     {1, 2, 2, 4, 1},         {1, 4, 2, 4, 0},
+               {0, all, 0, all, 0}, {high, high, 1, all, 0}, {high | 1, 1, 1, 1, 1}};
+  for (const auto& c : cases) {
     World world;
     world.setGravity(Mat<3, 1>{0, 0, 0});
-    auto* a = world.addSphere(0.1, 1.0, "default", g1, m1);
-    auto* b = world.addSphere(0.1, 1.0, "default", g2, m2);
-    a->setPosition(0, 0, 0);
-    b->setPosition(0.15, 0, 0);
+    auto* a = world.addSphere(0.1, 1.0, "default", c.g1, c.m1);
+    world.addSphere(0.1, 1.0, "default", c.g2, c.m2)->setPosition(0.15, 0, 0);
     world.integrate();
-    return a->getContacts().size();
-  };
-  EXPECT_EQ(contactsBetween(1, 1, 1, 1), 1u);
-  EXPECT_EQ(contactsBetween(1, 2, 2, 4), 1u);  // one direction suffices
-  EXPECT_EQ(contactsBetween(1, 4, 2, 4), 0u);
-  EXPECT_EQ(contactsBetween(0, size_t(-1), 0, size_t(-1)), 0u);  // group 0 matches nothing
-  // Only the low 32 bits count.
-  EXPECT_EQ(contactsBetween(size_t(1) << 40, size_t(1) << 40, 1, size_t(-1)), 0u);
-  EXPECT_EQ(contactsBetween((size_t(1) << 40) | 1, 1, 1, 1), 1u);
+    EXPECT_EQ(a->getContacts().size(), c.contacts) << c.g1 << " " << c.m1 << " " << c.g2 << " " << c.m2;
+  }
 }
 
 TEST(Contact, RepeatedRunsAreBitIdentical) {
@@ -143,21 +107,10 @@ TEST(Contact, RepeatedRunsAreBitIdentical) {
     world.addGround(0.0, "a");
     std::vector<SingleBodyObject*> bodies;
     for (int i = 0; i < 27; ++i) {
-      SingleBodyObject* b = nullptr;
-      switch (i % 4) {
-        case 0:
-          b = world.addSphere(0.1, 1.0, "b");
-          break;
-        case 1:
-          b = world.addBox(0.2, 0.15, 0.1, 1.0, "a");
-          break;
-        case 2:
-          b = world.addCapsule(0.05, 0.2, 1.0, "b");
-          break;
-        default:
-          b = world.addCylinder(0.08, 0.15, 1.0, "a");
-          break;
-      }
+      SingleBodyObject* b = i % 4 == 0   ? world.addSphere(0.1, 1.0, "b")
+                            : i % 4 == 1 ? static_cast<SingleBodyObject*>(world.addBox(0.2, 0.15, 0.1, 1.0, "a"))
+                            : i % 4 == 2 ? static_cast<SingleBodyObject*>(world.addCapsule(0.05, 0.2, 1.0, "b"))
+                                         : world.addCylinder(0.08, 0.15, 1.0, "a");
       b->setPosition(0.05 * (i % 3), 0.07 * ((i / 3) % 3), 0.2 + 0.25 * i);
       b->setOrientation(Eigen::Quaterniond(Eigen::AngleAxisd(0.1 * i, Eigen::Vector3d(1, 1, 0).normalized())));
       bodies.push_back(b);
@@ -171,9 +124,219 @@ TEST(Contact, RepeatedRunsAreBitIdentical) {
     }
     return state;
   };
-  const auto first = run();
-  const auto second = run();
+  const auto first = run(), second = run();
   ASSERT_EQ(first.size(), second.size());
   EXPECT_EQ(std::memcmp(first.data(), second.data(), first.size() * sizeof(double)), 0);
   for (double x : first) ASSERT_TRUE(std::isfinite(x));
+}
+
+// ------------------------------------------------------------------ rules --
+// Each scene of one contact step is also mirrored so that the dynamic body is
+// once side A and once side B of the pair.
+
+namespace {
+constexpr double kG = 9.81, kDt = 0.001;
+
+// A floor under the origin whose top is z = 0: the ground plane (always the
+// second geom of a pair, so a body on it is side A), or a wide block, which
+// the broad phase reports first because it reaches lower in y (side B).
+SingleBodyObject* addFloor(World& world, bool bodyIsSideA, double yWidth = 2.0, BodyType type = STATIC) {
+  if (bodyIsSideA && type == STATIC) return world.addGround(0.0, "floor");
+  Box* block = world.addBox(2.0, yWidth, 0.2, 1.0, "floor");
+  block->setPosition(0, 0, -0.1);
+  block->setBodyType(type);
+  return block;
+}
+
+std::string side(bool a) { return a ? "body is side A" : "body is side B"; }
+}  // namespace
+
+TEST(ContactRules, ImpactTargetFromTheStartOfStepVelocity) {
+  // A ball (r 0.1 m, 1 kg) 2 mm deep in the floor, falling at V = 2 m/s. After
+  // one step its normal velocity is the target
+  //   max(0, ((vfree - 2 vimpact) - threshold) (restitution + erp2)) + erp * penetration
+  // with vfree = -V - g dt (the contact-free velocity) and vimpact = -V (the
+  // velocity at the start of the step); erp = 0.3 and erp2 = 0.002 by default.
+  const double V = 2.0, penetration = 0.002;
+  struct Case {
+    double restitution, threshold;
+  };
+  for (const Case c : {Case{0.0, 0.01}, Case{0.5, 0.01}, Case{0.5, 3.0}}) {
+    for (const bool ballIsA : {true, false}) {
+      SCOPED_TRACE(side(ballIsA) + ", restitution " + std::to_string(c.restitution) + ", threshold " +
+                   std::to_string(c.threshold));
+      World world;
+      world.setTimeStep(kDt);
+      world.setMaterialPairProp("floor", "ball", 0.5, c.restitution, c.threshold);
+      addFloor(world, ballIsA);
+      Sphere* ball = world.addSphere(0.1, 1.0, "ball");
+      ball->setPosition(0, 0, 0.1 - penetration);
+      ball->setVelocity(0, 0, -V, 0, 0, 0);
+      world.integrate1();
+      ASSERT_EQ(ball->getContacts().size(), 1u);
+      ASSERT_EQ(ball->getContacts()[0].isObjectA, ballIsA);
+      const double depth = -ball->getContacts()[0].depth;
+      ASSERT_NEAR(depth, penetration, 1e-12);
+      world.integrate2();
+
+      const double vfree = -V - kG * kDt, vimpact = -V;
+      const double target =
+          std::max(0.0, ((vfree - 2.0 * vimpact) - c.threshold) * (c.restitution + 0.002)) + 0.3 * depth;
+      const auto& P = world.getContactProblem()[0];
+      EXPECT_NEAR(P.impactVel, vimpact, 1e-15);
+      EXPECT_NEAR(P.targetNormalVel, target, 1e-14);
+      EXPECT_NEAR(ball->getLinearVelocity()[2], target, 1e-14);
+      EXPECT_EQ(ball->getLinearVelocity()[0], 0.0);
+      EXPECT_EQ(ball->getAngularVelocity().squaredNorm(), 0.0);
+    }
+  }
+}
+
+TEST(ContactRules, KinematicPartnerEntersAsAConstantVelocity) {
+  // A ball at rest, 1 mm deep in a kinematic block that moves at (U, 0, W).
+  // The block gets no impulse. The ball sticks: its contact point takes the
+  // block's tangential velocity U (close to 2U/7 at the centre of a solid ball);
+  // its normal velocity is W plus the target of the relative motion,
+  //   ((W - g dt) - threshold) * erp2 + erp * penetration.
+  const double U = 0.01, W = 0.2, penetration = 0.001;
+  for (const bool ballIsA : {true, false}) {
+    SCOPED_TRACE(side(ballIsA));
+    World world;
+    world.setTimeStep(kDt);
+    world.setDefaultMaterial(0.8, 0.0, 0.01);
+    // A block narrower in y than the ball is reported second.
+    SingleBodyObject* belt = addFloor(world, ballIsA, ballIsA ? 0.1 : 2.0, KINEMATIC);
+    belt->setVelocity(U, 0, W, 0, 0, 0);
+    Sphere* ball = world.addSphere(0.1, 1.0);
+    ball->setPosition(0, 0, 0.1 - penetration);
+    world.integrate1();
+    ASSERT_EQ(ball->getContacts().size(), 1u);
+    ASSERT_EQ(ball->getContacts()[0].isObjectA, ballIsA);
+    ASSERT_EQ(belt->getContacts().size(), 1u);
+    world.integrate2();
+
+    const auto& P = world.getContactProblem()[0];
+    EXPECT_EQ(ballIsA ? P.objectA : P.objectB, ball);
+    EXPECT_EQ(ballIsA ? P.objectB : P.objectA, nullptr);
+    EXPECT_NEAR(P.impactVel, -W, 1e-15);
+    // The point lies on the block's face: an arm r = 0.099 m, so a tangential
+    // impulse p moves the point by p (1/m + r^2/I) and the centre by p/m.
+    const double r = 0.1 - penetration - ball->getContacts()[0].position[2];
+    ASSERT_NEAR(r, 0.099, 1e-12);
+    EXPECT_NEAR(ball->getLinearVelocity()[0], U / (1.0 + r * r / 0.004), 1e-15);
+    EXPECT_NEAR(ball->getLinearVelocity()[0] - r * ball->getAngularVelocity()[1], U, 1e-15);
+    EXPECT_NEAR(ball->getLinearVelocity()[2], W + ((W - kG * kDt) - 0.01) * 0.002 + 0.3 * penetration, 1e-14);
+    EXPECT_EQ(belt->getLinearVelocity()[0], U);
+    EXPECT_EQ(belt->getLinearVelocity()[2], W);
+  }
+}
+
+TEST(ContactRules, StaticFrictionBlendsByTheRelativeSlipAtTheStartOfTheStep) {
+  // Dynamic friction 0.1, static 0.5, blend threshold 0.1 m/s. A slip of
+  // speed s below the threshold gives mu = 0.1 + (1 - s / 0.1) (0.5 - 0.1);
+  // 1/mu keeps the dynamic value. The slip is the relative tangential
+  // velocity of the two sides (or of the body and a kinematic partner), with
+  // both of its components, before any force of the step.
+  struct Case {
+    double slipX, slipY;
+    bool kinematicPartner;
+  };
+  const Case cases[] = {{0.03, 0.04, false}, {0.0, -0.05, false}, {0.09, 0.12, false}, {0.03, 0.04, true}};
+  for (const Case c : cases) {
+    for (const bool upperIsA : {true, false}) {
+      SCOPED_TRACE(side(upperIsA) + ", slip " + std::to_string(c.slipX) + " " + std::to_string(c.slipY) +
+                   (c.kinematicPartner ? ", kinematic partner" : ""));
+      World world;
+      world.setTimeStep(kDt);
+      world.setGravity(Mat<3, 1>{0, 0, -kG});
+      world.setMaterialPairProp("floor", "ball", 0.1, 0.0, 0.01, 0.5, 0.1);
+      // The lower body moves at (0.3, 0.4); the ball on it slips by (slipX, slipY) more.
+      SingleBodyObject* lower = addFloor(world, false, upperIsA ? 0.1 : 2.0, c.kinematicPartner ? KINEMATIC : DYNAMIC);
+      lower->setVelocity(0.3, 0.4, 0, 0, 0, 0);
+      Sphere* ball = world.addSphere(0.1, 1.0, "ball");
+      ball->setPosition(0, 0, 0.0995);
+      ball->setVelocity(0.3 + c.slipX, 0.4 + c.slipY, 0, 0, 0, 0);
+      world.integrate();
+      ASSERT_EQ(ball->getContacts().size(), 1u);
+      ASSERT_EQ(ball->getContacts()[0].isObjectA, upperIsA);
+      const auto& P = world.getContactProblem()[0];
+      const double slip = std::hypot(c.slipX, c.slipY);
+      const double mu = slip < 0.1 ? 0.1 + (1.0 - slip / 0.1) * 0.4 : 0.1;
+      EXPECT_NEAR(P.mu, mu, 1e-15);
+      EXPECT_EQ(P.muInverse, 1.0 / 0.1);
+    }
+  }
+}
+
+// -------------------------------------------------------------- materials --
+
+TEST(Materials, XmlTableSymmetryAndDefaultFallback) {
+  using V = std::vector<double>;
+  const MaterialManager m(VorSimTinyXmlWrapper(std::string(VORSIM_TEST_DATA_DIR) + "/materials.xml", "material"));
+  const auto& d = m.getDefaultMaterialProperties();
+  // Only the first "default" is read, and it leaves the static-friction fields alone.
+  EXPECT_EQ((V{d.c_f, d.c_r, d.r_th, d.c_static_f, d.v_static, d.v_static_inv}), (V{0.6, 0.2, 0.05, 0.8, 1, 1}));
+  const auto& sr = m.getMaterialPairProp("steel", "rubber");
+  EXPECT_EQ(&sr, &m.getMaterialPairProp("rubber", "steel"));
+  EXPECT_EQ((V{sr.c_f, sr.c_r, sr.r_th, sr.c_static_f, sr.v_static, sr.v_static_inv}),
+            (V{0.9, 0.3, 0.02, 1.1, 0.25, 4}));
+  EXPECT_EQ(m.getMaterialPairProp("ice", "ice").c_f, 0.01);
+  // Known names never paired together, unknown names and the empty name fall back.
+  for (const auto& [a, b] : {std::pair<const char*, const char*>{"steel", "ice"}, {"wood", "steel"}, {"", ""}})
+    EXPECT_EQ(&m.getMaterialPairProp(a, b), &d) << a << "/" << b;
+
+  ThrowOnFatal guard;
+  const VorSimTinyXmlWrapper noFriction(
+      "<material>\n <default restitution=\"0\" restitution_threshold=\"0\"/></material>", "material");
+  StdoutCapture out;
+  EXPECT_THROW(MaterialManager{noFriction}, vorsim_test::FatalError);
+  EXPECT_NE(
+      out.text().find("] \x1b[1;31min 'URDF from a string' at row:2 col:2, the node 'default' does not contain an "
+                      "attribute called 'friction'\x1b[0m\n"),
+      std::string::npos);
+}
+
+TEST(Materials, OnlyPairsTakeTheReciprocal) {
+  vorsim::World world;  // the world setters take the static friction from the friction, and 1 mm/s
+  world.setDefaultMaterial(0.5, 0.1, 0.2);
+  world.setMaterialPairProp("x", "y", 0.6, 0.1, 0.2);
+  const auto& d = world.getMaterialManager().getDefaultMaterialProperties();
+  const auto& p = world.getMaterialManager().getMaterialPairProp("y", "x");
+  EXPECT_EQ((std::vector<double>{d.c_static_f, d.v_static, d.v_static_inv, p.c_static_f, p.v_static}),
+            (std::vector<double>{0.5, 0.001, 1, 0.6, 0.001}));
+  EXPECT_DOUBLE_EQ(p.v_static_inv, 1000.0);
+
+  MaterialManager m;
+  m.setMaterialPairProp("b", "c", 0.6, 0.0, 0.01, 0.6, 1.0);
+  m.setMaterialPairProp("c", "b", 0.7, 0.0, 0.01, 0.7, 0.1);  // the reversed pair overwrites the entry
+  EXPECT_DOUBLE_EQ(m.getMaterialPairProp("b", "c").v_static_inv, 10.0);
+}
+
+TEST(Materials, EveryContactTakesItsOwnPair) {
+  // Two floors of different materials, each with a row of boxes whose
+  // materials alternate, and opposite ones on the two rows: from one collision
+  // point to the next the floor, the box or both change material, and each
+  // problem must carry its own pair.
+  vorsim::World world;
+  world.setMaterialPairProp("floor", "ice", 0.1, 0.0, 0.01);
+  world.setMaterialPairProp("floor", "rubber", 0.9, 0.2, 0.01);
+  world.setMaterialPairProp("steel", "ice", 0.3, 0.1, 0.01);
+  world.setMaterialPairProp("steel", "rubber", 0.6, 0.3, 0.01);
+  const std::string floors[] = {"floor", "steel"}, boxes[] = {"ice", "rubber"};
+  for (int f = 0; f < 2; ++f) {
+    auto* floor = world.addBox(4.0, 1.0, 0.2, 1.0, floors[f]);
+    floor->setPosition(1.0, f == 0 ? -0.6 : 0.6, -0.1);
+    floor->setBodyType(vorsim::STATIC);
+    for (int i = 0; i < 4; ++i)
+      world.addBox(0.2, 0.2, 0.2, 1.0, boxes[(i + f) % 2])->setPosition(0.5 * i, f == 0 ? -0.6 : 0.6, 0.099);
+  }
+  world.integrate1();
+  const auto& problems = world.getContactProblem();
+  ASSERT_EQ(problems.size(), 32u);
+  for (const auto& P : problems) {
+    const int f = P.getPosition()[1] > 0.0 ? 1 : 0, i = int(std::lround(P.getPosition()[0] / 0.5));
+    const auto& expected = world.getMaterialManager().getMaterialPairProp(floors[f], boxes[(i + f) % 2]);
+    EXPECT_EQ(P.mu, expected.c_f) << "floor " << f << ", box " << i;
+    EXPECT_EQ(P.restitution, expected.c_r) << "floor " << f << ", box " << i;
+  }
 }

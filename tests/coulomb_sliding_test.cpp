@@ -27,9 +27,7 @@ OneContact solveOne(const Matrix3d& L, const Vector3d& v, double mu, bool exact)
   // A point with inverse mass matrix L L^T in the contact frame.
   vorsim_test::JacobianBody body({L}, L.inverse() * v);
   BisectionContactSolver::ProblemList list;
-  Single3DContactProblem& P = list.emplace_back(MaterialPairProperties{mu}, 0.0, 0.0, 0.0, 0.0);
-  P.delassus = Matrix3d(L * L.transpose());
-  P.objectA = &body;
+  vorsim_test::addJacobianContact(list, mu, &body);
   BisectionContactSolver solver;
   solver.maxIter = 1, solver.erp2 = 0.0, solver.exactCoulomb = exact;
   solver.solve(list);
@@ -144,20 +142,10 @@ TEST(ExactCoulomb, BlocksWithSeveralCandidateDirections) {
   }
 }
 
-TEST(ExactCoulomb, NothingToHoldAndTheIsotropicCase) {
-  // No approach (the normal velocity is already zero): no impulse, as by
-  // default. An isotropic block: both rules oppose the slip.
+TEST(ExactCoulomb, NothingToHoldWithoutApproach) {
   Matrix3d L = Matrix3d::Identity();
   L(2, 0) = 0.8;
-  const OneContact open = solveOne(L, Vector3d(1.0, 0.5, 0.0), 0.5, true);
-  EXPECT_EQ(open.impulse, Vector3d::Zero());
-  const Vector3d v(0.6, -0.8, -0.1);
-  const OneContact exact = solveOne(2.0 * Matrix3d::Identity(), v, 0.3, true);
-  const OneContact energy = solveOne(2.0 * Matrix3d::Identity(), v, 0.3, false);
-  // p.z = 0.1 / 4, |p_t| = 0.3 p.z, along -(0.6, -0.8).
-  const Vector3d expected(-0.6 * 0.0075, 0.8 * 0.0075, 0.025);
-  EXPECT_LT((exact.impulse - expected).norm(), 1e-15);
-  EXPECT_LT((energy.impulse - expected).norm(), 1e-12);
+  EXPECT_EQ(solveOne(L, Vector3d(1.0, 0.5, 0.0), 0.5, true).impulse, Vector3d::Zero());
 }
 
 // ------------------------------------------------------------------ boxes --
@@ -209,42 +197,36 @@ SlideResult slide(double mu, double v0, double z0, bool exact, double theta = 0.
 
 }  // namespace
 
-TEST(ExactCoulomb, ASlidingCubeFeelsMuOnFlatGroundAndOnASlope) {
-  for (double mu : {0.5, 0.3}) {
-    SCOPED_TRACE("mu " + std::to_string(mu));
-    EXPECT_NEAR(slide(mu, 4.0, 0.1, true).decelerationOverG, mu, 1e-4 * mu);
-    // On a slope of 10 degrees, moving down: g (mu cos - sin).
-    const double theta = 10.0 * M_PI / 180.0;
-    EXPECT_NEAR(slide(mu, 4.0, 0.1, true, theta).decelerationOverG, mu * std::cos(theta) - std::sin(theta), 1e-4 * mu);
-    // The energy rule falls short of the friction at the corners.
-    EXPECT_LT(slide(mu, 4.0, 0.1, false).decelerationOverG, mu * (1.0 - 1e-3));
-  }
-}
-
-TEST(ExactCoulomb, StoppingDistanceIsTheAnalyticOneLessThePositionRuleOffset) {
+TEST(ExactCoulomb, ASlidingCubeFeelsMuStopsAsAnalyticAndKeepsItsHeading) {
   // In contact the position moves with the velocity of the end of the step,
   // v_k = v0 - k mu g dt: the box stops short of v0^2 / (2 mu g) by the sum's
-  // offset, about v0 dt / 2.
-  const double mu = 0.5, v0 = 3.0, a = mu * 9.81, dt = 0.001;
-  double discrete = 0.0;
-  for (double v = v0 - a * dt; v > 0.0; v -= a * dt) discrete += v * dt;
-  EXPECT_NEAR(discrete, v0 * v0 / (2.0 * a) - v0 * dt / 2.0, 2.0 * a * dt * dt);
-  const SlideResult r = slide(mu, v0, 0.1, true);
-  EXPECT_NEAR(r.distance, discrete, 1e-5 * discrete);
-  EXPECT_NEAR(r.restStep * dt, v0 / a, 2.0 * dt);
-}
-
-TEST(ExactCoulomb, ABoxSlidingOnThreeOrFourPointsKeepsItsHeading) {
-  // Faces touching: the plane reports three corners at first; slightly sunk: four.
-  for (double z0 : {0.1, 0.0999}) {
-    for (double mu : {0.5, 0.8}) {
-      SCOPED_TRACE("z0 " + std::to_string(z0) + " mu " + std::to_string(mu));
-      const SlideResult exact = slide(mu, 3.0, z0, true);
-      EXPECT_LT(std::abs(exact.yawDegrees), 0.01);
-      EXPECT_LT(exact.lateral, 1e-4);
+  // offset, about v0 dt / 2. Faces touching, the plane reports three corners
+  // at first; slightly sunk, four: the box does not turn either way.
+  const double v0 = 4.0, dt = 0.001;
+  for (double mu : {0.3, 0.5, 0.8}) {
+    const double a = mu * 9.81;
+    double discrete = 0.0;
+    for (double v = v0 - a * dt; v > 0.0; v -= a * dt) discrete += v * dt;
+    EXPECT_NEAR(discrete, v0 * v0 / (2.0 * a) - v0 * dt / 2.0, 2.0 * a * dt * dt);
+    for (double z0 : {0.1, 0.0999}) {
+      SCOPED_TRACE("mu " + std::to_string(mu) + " z0 " + std::to_string(z0));
+      const SlideResult r = slide(mu, v0, z0, true);
+      EXPECT_NEAR(r.decelerationOverG, mu, 1e-4 * mu);
+      if (z0 == 0.1) {
+        EXPECT_NEAR(r.distance, discrete, 1e-5 * discrete);
+        EXPECT_NEAR(r.restStep * dt, v0 / a, 2.0 * dt);
+      }
+      EXPECT_LT(std::abs(r.yawDegrees), 0.01);
+      EXPECT_LT(r.lateral, 1e-4);
     }
+    // On a slope of 10 degrees, moving down: g (mu cos - sin).
+    const double theta = 10.0 * M_PI / 180.0;
+    EXPECT_NEAR(slide(mu, v0, 0.1, true, theta).decelerationOverG, mu * std::cos(theta) - std::sin(theta), 1e-4 * mu);
   }
-  EXPECT_GT(std::abs(slide(0.5, 3.0, 0.1, false).yawDegrees), 1.0) << "the energy rule turns the box";
+  // The energy rule falls short of the friction at the corners, and turns the box.
+  const SlideResult energy = slide(0.5, v0, 0.1, false);
+  EXPECT_LT(energy.decelerationOverG, 0.5 * (1.0 - 1e-3));
+  EXPECT_GT(std::abs(energy.yawDegrees), 1.0);
 }
 
 TEST(ExactCoulomb, StickAndSlipSwitchAtTheFrictionAngle) {

@@ -1,15 +1,20 @@
-// The per-contact Gauss-Seidel solver on bodies with explicit contact Jacobians.
+// The per-contact Gauss-Seidel solver on bodies with explicit contact Jacobians,
+// and a contact problem's record: its initial state and the rank of its block.
 #include <gtest/gtest.h>
 
 #include <Eigen/Dense>
 #include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <new>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "test_helpers.hpp"
+#include "vorsim/World.hpp"
 #include "vorsim/contact/BisectionContactSolver.hpp"
-#include "vorsim/object/SingleBodyObject.hpp"
+#include "vorsim/object/Primitives.hpp"
 
 using namespace vorsim;
 using namespace Eigen;
@@ -23,13 +28,8 @@ using vorsim_test::randomMatrix;
 MatrixBody point(const Matrix3d& L, const Vector3d& contactVel) { return MatrixBody({L}, L.inverse() * contactVel); }
 
 using ProblemList = BisectionContactSolver::ProblemList;
-Single3DContactProblem& addProblem(ProblemList& list, double mu, MatrixBody* A, double depth = 0.0, size_t ia = 0,
-                                   MatrixBody* B = nullptr, size_t ib = 0) {
-  Single3DContactProblem& P = list.emplace_back(MaterialPairProperties{mu}, 0.0, 0.0, 0.0, depth);
-  P.delassus = Matrix3d(A->jac[ia] * A->jac[ia].transpose() +
-                        (B ? MatrixXd(B->jac[ib] * B->jac[ib].transpose()) : MatrixXd::Zero(3, 3)));
-  P.objectA = A, P.objectB = B, P.localIndexA = ia, P.localIndexB = ib;
-  return P;
+Single3DContactProblem& addProblem(ProblemList& list, double mu, MatrixBody* A, double depth = 0.0) {
+  return vorsim_test::addJacobianContact(list, mu, A, 0, nullptr, 0, depth);
 }
 
 int solveList(ProblemList& list, int maxIter = 150, double threshold = 1e-8, double erp2 = 0.002) {
@@ -159,8 +159,8 @@ TEST(ContactSolver, CoupledFrictionlessContactsSweepInAlternatingOrderToTheLcpSo
     MatrixBody top({frame}, vt), bottom({frame}, vb);
     bottom.jac.push_back(Matrix3d::Identity());
     ProblemList list;
-    addProblem(list, 0.0, &top, 0.0, 0, &bottom, 0);
-    addProblem(list, 0.0, &bottom, 0.0, 1);
+    vorsim_test::addJacobianContact(list, 0.0, &top, 0, &bottom, 0);
+    vorsim_test::addJacobianContact(list, 0.0, &bottom, 1);
     const Matrix2d A = (Matrix2d() << 2.0, -n0.z(), -n0.z(), 1.0).finished();  // normal velocities A lambda + b
     const Vector2d b(n0.dot(vt - vb), vb.z());
     Vector2d lambda(-1.0, -1.0);
@@ -212,4 +212,87 @@ TEST(ContactSolver, RaisedFrictionTestsTheConeWithMuAndBuildsItWithTheDynamicInv
       EXPECT_GT(rest.head<2>().norm(), 0.1);  // it slides
     }
   }
+}
+
+// ---------------------------------------------------------------- problem --
+
+namespace {
+
+Single3DContactProblem checked(const Matrix3d& G, int rank) {
+  Single3DContactProblem P(vorsim::MaterialPairProperties{}, 0.0, 0.0, 0.0, 0.0);
+  P.delassus = G;
+  P.rank = rank;
+  P.rankOneDelassus = -1.0;  // stays unless checkRank sets it
+  P.checkRank();
+  return P;
+}
+
+}  // namespace
+
+TEST(ContactProblem, CheckRankClassifiesTheDelassusBlock) {
+  const Matrix3d Z = Matrix3d::Zero(), I = Matrix3d::Identity(), nan = Matrix3d::Constant(NAN);
+  const Matrix3d oneDof = Vector3d(0.5, -1.0, 1.5) * Vector3d(0.5, -1.0, 1.5).transpose();  // a body with one velocity
+  const Matrix3d onlyZ = Vector3d(0.0, 0.0, 2.0).asDiagonal(), tinyZ = Vector3d(1.0, 1.0, 1e-8).asDiagonal();
+  const double g2Gg2 = oneDof.col(2).dot(oneDof * oneDof.col(2));
+  const Matrix3d G[] = {Z, tinyZ, onlyZ, I, onlyZ, Z, oneDof, oneDof, nan, nan};
+  const int rankIn[] = {3, 3, 3, 3, 4, 5, 3, 9, 3, 9}, rankOut[] = {0, 0, 1, 3, 4, 5, 1, 7, 3, 9};
+  const double rankOneDelassus[] = {-1.0, -1.0, 8.0, -1.0, 0.5, -1.0, g2Gg2, g2Gg2, -1.0, -1.0};
+  for (int i = 0; i < 10; ++i) {
+    const Single3DContactProblem P = checked(G[i], rankIn[i]);
+    EXPECT_EQ(P.rank, rankOut[i]) << "case " << i;
+    EXPECT_NEAR(P.rankOneDelassus, rankOneDelassus[i], 1e-12 * std::abs(rankOneDelassus[i])) << "case " << i;
+  }
+
+  // Bodies with two velocities; variants make G's column 0 or 1 zero, or column 0 anti-parallel to column 2.
+  std::mt19937 rng(7);
+  std::uniform_real_distribution<double> d(-1.0, 1.0);
+  for (int variant = 0; variant < 8; ++variant) {
+    Matrix<double, 3, 2> J = Matrix<double, 3, 2>::NullaryExpr([&] { return d(rng); }), B;
+    if (variant % 4 == 1 || variant % 4 == 2) J.row(variant % 4 - 1).setZero();
+    if (variant % 4 == 3) J.row(0) = -2.0 * J.row(2);
+    const Matrix3d G = J * J.transpose();
+    const Single3DContactProblem P = checked(G, variant < 4 ? 3 : 9);
+    ASSERT_EQ(P.rank, variant < 4 ? 2 : 8) << "variant " << variant;
+    B << P.basis[0].e(), P.basis[1].e();
+    EXPECT_TRUE((B.transpose() * B).isApprox(Matrix2d::Identity(), 1e-12)) << variant;
+    EXPECT_TRUE((B * B.transpose() * G).isApprox(G, 1e-9)) << variant;  // B spans G's range
+    EXPECT_TRUE((B.transpose() * G * B * P.reducedDelassusInverse.e()).isApprox(Matrix2d::Identity(), 1e-10));
+  }
+}
+
+TEST(ContactProblem, EveryFieldStartsDefinedAndEveryRecordIsAligned) {
+  // Built over memory full of NaN bit patterns, a problem reads as zeros
+  // wherever its constructor has no value to give.
+  alignas(Single3DContactProblem) unsigned char raw[sizeof(Single3DContactProblem)];
+  vorsim::MaterialPairProperties mat;
+  mat.c_f = 0.5, mat.c_r = 0.25, mat.r_th = 0.125, mat.c_static_f = 0.75, mat.v_static = 2.0, mat.v_static_inv = 0.5;
+  for (const bool fromMaterial : {false, true}) {
+    std::memset(raw, 0xFF, sizeof(raw));
+    const Single3DContactProblem& P = fromMaterial ? *new (raw) Single3DContactProblem(mat, 1.0, 2.0, 3.0, -0.5)
+                                                   : *new (raw) Single3DContactProblem();
+    Matrix<double, 3, 6> vectors;
+    vectors << P.impulse.e(), P.tauStar.e(), P.basis[0].e(), P.basis[1].e(), P.reducedColumnX.e(), P.reducedColumnY.e();
+    EXPECT_EQ(vectors, (Matrix<double, 3, 6>::Zero()));
+    EXPECT_EQ(P.position.e(), fromMaterial ? Vector3d(1, 2, 3) : Vector3d::Zero());
+    EXPECT_EQ(P.delassus.e().squaredNorm() + P.delassusInverse.e().squaredNorm(), 0.0);
+    EXPECT_EQ(P.reducedDelassus.e().squaredNorm() + P.reducedDelassusInverse.e().squaredNorm(), 0.0);
+    const double k = fromMaterial ? 1.0 : 0.0;
+    EXPECT_EQ((std::vector<double>{P.normalDelassusOverMu, P.targetNormalVel, P.rankOneDelassus, P.impactVel,
+                                   P.inverseGzz, P.mu, P.muInverse, P.restitution, P.restitutionThreshold, P.depth,
+                                   P.staticFriction, P.staticFrictionThreshold, P.inverseStaticThreshold}),
+              (std::vector<double>{0, 0, 0, 0, 0, 0.5 * k, 2.0 * k, 0.25 * k, 0.125 * k, -0.5 * k, 0.75 * k, 2.0 * k,
+                                   0.5 * k}));
+    EXPECT_TRUE(P.objectA == nullptr && P.objectB == nullptr);
+    EXPECT_EQ(P.rank, 3);
+    EXPECT_EQ(P.localIndexA + P.localIndexB, 0u);
+  }
+
+  // In a world's list every record, not only the first, starts on 32 bytes.
+  vorsim::World world;
+  world.addGround();
+  for (int i = 0; i < 3; ++i) world.addBox(0.2, 0.2, 0.2, 1.0)->setPosition(0.5 * i, 0, 0.099);
+  world.integrate1();
+  const auto& problems = world.getContactProblem();
+  ASSERT_EQ(problems.size(), 12u);
+  for (const auto& P : problems) EXPECT_EQ(reinterpret_cast<std::uintptr_t>(&P) % 32, 0u) << &P - &problems[0];
 }

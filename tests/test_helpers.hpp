@@ -12,6 +12,7 @@
 
 #include "vorsim/VorSimMsg.hpp"
 #include "vorsim/World.hpp"
+#include "vorsim/contact/BisectionContactSolver.hpp"
 #include "vorsim/contact/Single3DContactProblem.hpp"
 #include "vorsim/object/SingleBodyObject.hpp"
 
@@ -111,6 +112,19 @@ class JacobianBody : public vorsim::SingleBodyObject {
 inline Eigen::MatrixXd randomMatrix(std::mt19937& rng, int rows, int cols) {
   std::uniform_real_distribution<double> d(-1.0, 1.0);
   return Eigen::MatrixXd::NullaryExpr(rows, cols, [&] { return d(rng); });
+}
+
+// Contact ia of A (against contact ib of B, if any) with friction mu and the
+// Delassus block of the Jacobians at unit inverse mass.
+inline vorsim::contact::Single3DContactProblem& addJacobianContact(
+    vorsim::contact::BisectionContactSolver::ProblemList& list, double mu, JacobianBody* A, size_t ia = 0,
+    JacobianBody* B = nullptr, size_t ib = 0, double depth = 0.0) {
+  auto& P = list.emplace_back(vorsim::MaterialPairProperties{mu}, 0.0, 0.0, 0.0, depth);
+  Eigen::MatrixXd G = A->jac[ia] * A->jac[ia].transpose();
+  if (B) G += B->jac[ib] * B->jac[ib].transpose();
+  P.delassus = Eigen::Matrix3d(G);
+  P.objectA = A, P.objectB = B, P.localIndexA = ia, P.localIndexB = ib;
+  return P;
 }
 
 }  // namespace vorsim_test

@@ -66,7 +66,7 @@ class RecordingObject : public SingleBodyObject {
 
 }  // namespace
 
-TEST(WorldStep, DrivesObjectsInOrderAndSkipsByBodyType) {
+TEST(WorldStep, DrivesObjectsInOrderSkipsByBodyTypeAndSolvesProblemsOncePresent) {
   std::vector<std::string> log;
   TestWorld world;
   world.setTimeStep(0.25);
@@ -74,102 +74,70 @@ TEST(WorldStep, DrivesObjectsInOrderAndSkipsByBodyType) {
   auto* s = world.add(new RecordingObject("S", STATIC, log));
   auto* k = world.add(new RecordingObject("K", KINEMATIC, log));
   log.clear();
-
   world.integrate1();
-  const std::vector<std::string> first = {"D.updateTimeStepIfNecessary@0.250000",  // dynamic objects only
-                                          "D.updateCollision",
-                                          "K.updateCollision",  // not static ones
-                                          "D.appendConstraints",
-                                          "S.appendConstraints",
-                                          "K.appendConstraints",  // every object
-                                          "D.pre1@0.250000",
-                                          "K.pre1@0.250000"};
-  EXPECT_EQ(log, first);
+  EXPECT_EQ(log, (std::vector<std::string>{"D.updateTimeStepIfNecessary@0.250000",    // dynamic objects only
+                                           "D.updateCollision", "K.updateCollision",  // not static ones
+                                           "D.appendConstraints", "S.appendConstraints",
+                                           "K.appendConstraints",  // every object
+                                           "D.pre1@0.250000", "K.pre1@0.250000"}));
   EXPECT_EQ(world.getWorldStep(), 0);
-
   log.clear();
   world.integrate2();
-  const std::vector<std::string> second = {"D.pre2@0.250000", "K.pre2@0.250000", "D.integrate@0.250000",
-                                           "K.integrate@0.250000"};
-  EXPECT_EQ(log, second);
+  EXPECT_EQ(log, (std::vector<std::string>{"D.pre2@0.250000", "K.pre2@0.250000", "D.integrate@0.250000",
+                                           "K.integrate@0.250000"}));
   // Time and step count already hold their end-of-step values while objects integrate.
   EXPECT_EQ(d->stepSeenInIntegrate, 1);
   EXPECT_DOUBLE_EQ(d->timeSeenInIntegrate, 0.25);
   EXPECT_EQ(s->stepSeenInIntegrate, -1);
   EXPECT_EQ(k->stepSeenInIntegrate, 1);
-
   // With no problem, the solver is never called: no sweep, direction untouched.
   for (int i = 0; i < 3; ++i) world.integrate();
   EXPECT_EQ(world.getWorldStep(), 4);
   EXPECT_DOUBLE_EQ(world.getWorldTime(), 1.0);
   EXPECT_TRUE(world.getContactSolver().isForwardOrder());
   EXPECT_EQ(world.getContactSolver().getLoopCounter(), 0);
-}
 
-TEST(WorldStep, ConstraintProblemsAreSolvedOncePresent) {
-  std::vector<std::string> log;
-  TestWorld world;
-  auto* d = world.add(new RecordingObject("D", DYNAMIC, log));
+  // A pin (identity block, zero depth) is solved between pre2 and integrate, and stops the point.
   d->appendPin = true;
   d->velocity = {1.0, -2.0, 0.5};
   world.integrate1();
   ASSERT_EQ(world.getContactProblem().size(), 1u);
   log.clear();
   world.integrate2();
-  // The pin (identity block, zero depth) stops the point.
   EXPECT_NEAR(d->velocity.norm(), 0.0, 1e-12);
   EXPECT_GE(world.getContactSolver().getLoopCounter(), 1);
   EXPECT_FALSE(world.getContactSolver().isForwardOrder());
-  ASSERT_GE(log.size(), 4u);
-  EXPECT_EQ(log.front(), "D.pre2@0.005000");
-  EXPECT_EQ(log[1], "D.getContactPointVel");
-  EXPECT_EQ(log[2], "D.impulse");
-  EXPECT_EQ(log.back(), "D.integrate@0.005000");
+  ASSERT_GE(log.size(), 6u);
+  EXPECT_EQ(std::vector<std::string>(log.begin(), log.begin() + 4),
+            (std::vector<std::string>{"D.pre2@0.250000", "K.pre2@0.250000", "D.getContactPointVel", "D.impulse"}));
+  EXPECT_EQ(log[log.size() - 2], "D.integrate@0.250000");
 }
 
-TEST(WorldStep, SettersAndDefaults) {
+TEST(WorldStep, SettersObjectTypesAndFrames) {
   std::vector<std::string> log;
   TestWorld world;
-  EXPECT_DOUBLE_EQ(world.getContactSolver().timeStep, 0.005);
   world.add(new RecordingObject("D", DYNAMIC, log));
   world.add(new RecordingObject("S", STATIC, log));
   log.clear();
   world.setTimeStep(0.002);
-  // Every object hears of a new time step, whatever its type.
+  // Every object hears of a new time step, whatever its type, and so does the solver.
   EXPECT_EQ(log, (std::vector<std::string>{"D.updateTimeStep@0.002000", "S.updateTimeStep@0.002000"}));
-  EXPECT_DOUBLE_EQ(world.getContactSolver().timeStep, 0.002);
-
-  const auto& solver = world.getContactSolver();
-  {
+  EXPECT_EQ(world.getContactSolver().timeStep, 0.002);
+  for (double erp : {0.0, -1.0}) {
     StdoutCapture out;
-    world.setERP(0.0, 0.0);
-    EXPECT_EQ(out.text(), "");
+    world.setERP(erp, 0.1);
+    EXPECT_EQ(out.text().find("\x1b[33mERP should be positive\x1b[0m") != std::string::npos, erp < 0.0) << erp;
   }
-  {
-    StdoutCapture out;
-    world.setERP(-1.0, 0.1);
-    EXPECT_NE(out.text().find("\x1b[33mERP should be positive\x1b[0m"), std::string::npos);
-  }
-  EXPECT_DOUBLE_EQ(solver.erp, -1.0);
-  EXPECT_DOUBLE_EQ(solver.erp2, 0.1);
-  // The three alpha values are kept, though no solve reads them.
-  world.setContactSolverParam(0.5, 0.25, 0.125, 7, 1e-3);
-  EXPECT_EQ(solver.alpha_init, 0.5);
-  EXPECT_EQ(solver.alpha_min, 0.25);
-  EXPECT_EQ(solver.alpha_decay, 0.125);
-  EXPECT_EQ(solver.maxIter, 7);
-  EXPECT_EQ(solver.threshold, 1e-3);
-}
+  EXPECT_EQ(world.getContactSolver().erp, -1.0);
+  EXPECT_EQ(world.getContactSolver().erp2, 0.1);
 
-TEST(WorldStep, ObjectTypesAndFrames) {
   EXPECT_EQ(stringToObjectType("articulated_system"), ARTICULATED_SYSTEM);
   EXPECT_EQ(stringToObjectType("articulatedSystem"), ARTICULATED_SYSTEM);
   EXPECT_EQ(stringToObjectType("Sphere"), UNRECOGNIZED);
   for (int t = 0; t <= 10; ++t) EXPECT_EQ(stringToObjectType(objectTypeToString(ObjectType(t))), ObjectType(t));
   EXPECT_EQ(objectTypeToString(ObjectType(42)), "");
   // A cone can be neither moved nor collided.
-  EXPECT_FALSE(isMovableBody(CONE));
-  EXPECT_FALSE(isSingleBody(CONE));
+  EXPECT_FALSE(isMovableBody(CONE) || isSingleBody(CONE));
   EXPECT_TRUE(isMovableBody(ARTICULATED_SYSTEM) && !isMovableSingleBody(ARTICULATED_SYSTEM));
 
   Mat<3, 3> f;
@@ -180,7 +148,7 @@ TEST(WorldStep, ObjectTypesAndFrames) {
   // A general normal gives an orthonormal, right-handed frame whose last row is the normal.
   const Mat<3, 1> n{0.3, -0.4, 0.866};
   Contact::computeFrame(n, f);
-  Eigen::Matrix3d F = f.e();
+  const Eigen::Matrix3d F = f.e();
   EXPECT_LT((F * F.transpose() - Eigen::Matrix3d::Identity()).norm(), 1e-12);
   EXPECT_NEAR(F.determinant(), 1.0, 1e-12);
   EXPECT_LT((Eigen::Vector3d(F.row(2).transpose()) - n.e().normalized()).norm(), 1e-15);
