@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <limits>
 
 #include "vorsim/Object.hpp"
 #include "vorsim/object/SingleBodyObject.hpp"
@@ -201,90 +200,6 @@ void solveSliding(Single3DContactProblem& P, const Mat<3, 1>& c, const Mat<3, 1>
   polySinCos(aout, s, co);
   const double rh = search.rho(co, s);
   P.impulse = {rh * co, rh * s, rh * P.muInverse};
-}
-
-// Warm start only: the root of solveSliding's f, found by secant steps on the
-// circle from the tangential direction (gx, gy) of the impulse the contact held
-// before this update (the last sweep's result, or the last step's impulse in the
-// first sweep). In a warm-started solve that direction mostly lies within a
-// small angle of the root, where two or three evaluations of f suffice instead
-// of the bracketing search from the free impulse. Directions are
-// parametrised by t along the tangent of the circle, (u + t u_perp)/|.|, which
-// turns by atan(t): no sine or cosine is evaluated. `slope` is df/dt of the
-// last solve of this contact in this solve (NaN if none): a Newton step from
-// it replaces the probe step. A step counts as converged, as in the
-// bracketing search, once it moves the direction by at most 1e-5; every
-// accepted direction passes the same cone test as the search's candidates.
-// A guess whose Newton step is at most 1e-7 stays as it is (the search's own
-// roots are no more accurate than that, and a contact whose inputs did not
-// change keeps its impulse). Only a root within 0.02 of the guess is taken:
-// where f has several, the search's choice from the free impulse decides.
-// Returns false, with the impulse untouched, where the guess is unusable or
-// the steps do not settle within a few; the bracketing search then runs.
-bool solveSlidingFrom(Single3DContactProblem& P, const Mat<3, 1>& c, const Mat<3, 1>& v, double gx, double gy,
-                      double& slope) {
-  const Mat<3, 1> free = P.impulse;
-  const double mu = P.mu;
-  const SlidingSearch search(P, c, v);
-  {
-    // Nothing pushes along the free impulse's direction: no impulse, as in
-    // solveSliding.
-    const double r = std::sqrt(free[0] * free[0] + free[1] * free[1]);
-    if (!(search.rho(free[0] / r, free[1] / r) > 0)) return false;
-  }
-  const double g = std::sqrt(gx * gx + gy * gy);
-  if (!(g > 0)) return false;
-  const double uc = gx / g, us = gy / g;
-
-  // The impulse on the cone at parameter t; false where it does not push or
-  // fails the search's test against the free impulse.
-  double co = 0, sn = 0, rh = 0;
-  auto place = [&](double t) {
-    const double m = 1.0 / std::sqrt(1.0 + t * t);
-    co = (uc - t * us) * m;
-    sn = (us + t * uc) * m;
-    rh = search.rho(co, sn);
-    const double ix = rh * co, iy = rh * sn;
-    return rh >= 0 && (ix - free[0]) * ix + (iy - free[1]) * iy + (rh * P.muInverse - free[2]) * (-mu * rh) <= 0;
-  };
-  auto value = [&]() { return search.f(rh * co, rh * sn, Mat<3, 1>{rh * co, rh * sn, -mu * rh}); };
-  if (!place(0.0)) return false;
-  const double c0 = co, s0 = sn, r0 = rh;
-  auto accept = [&]() { P.impulse = {rh * co, rh * sn, rh * P.muInverse}; };
-  double t0 = 0.0, f0 = value();
-  if (f0 * f0 < 1e-24) {
-    accept();
-    return true;
-  }
-  if (!(slope > 0)) {
-    // Probe for the slope: f rises through the root (as the search assumes
-    // when it steps toward positive angles for negative f).
-    const double tp = f0 < 0 ? 1e-6 : -1e-6;
-    if (!place(tp)) return false;
-    slope = (value() - f0) / tp;
-    if (!(slope > 0)) return false;
-  }
-  double t1 = -f0 / slope, f1;
-  if (std::abs(t1) <= 1e-7) {
-    // The guess is a root to within the search's own accuracy: it stays, so
-    // that a contact whose inputs did not change keeps its impulse.
-    P.impulse = {r0 * c0, r0 * s0, r0 * P.muInverse};
-    return true;
-  }
-  for (int iter = 0; iter < 4; ++iter) {
-    if (!(std::abs(t1) < 0.02) || !place(t1)) return false;
-    if (std::abs(t1 - t0) <= 1e-5) {
-      accept();
-      return true;
-    }
-    f1 = value();
-    const double d = (f1 - f0) / (t1 - t0);
-    if (!(d > 0)) return false;
-    slope = d;
-    t0 = t1, f0 = f1;
-    t1 = t0 - f0 / d;
-  }
-  return false;
 }
 
 // The sliding problem with Coulomb's law itself: on the cone, with the normal
@@ -511,9 +426,6 @@ void BisectionContactSolver::solve(ProblemList& problems) {
     }
   }
 
-  // The warm sliding steps learn each contact's slope afresh in every solve.
-  if (warmStart) slidingSlope_.assign(n, std::numeric_limits<double>::quiet_NaN());
-
   const bool forward = forwardOrder;
   forwardOrder = !forwardOrder;
 
@@ -598,10 +510,7 @@ void BisectionContactSolver::solve(ProblemList& problems) {
       const double x = P.impulse[0], y = P.impulse[1], z = P.impulse[2];
       const double mz = P.mu * z;
       if (mz * mz < x * x + y * y || z < 0) {
-        if (!exactCoulomb || !solveSlidingCoulomb(P, v)) {
-          if (!warmStart || !solveSlidingFrom(P, c, v, p0[0], p0[1], slidingSlope_[forward ? idx : n - 1 - idx]))
-            solveSliding(P, c, v);
-        }
+        if (!exactCoulomb || !solveSlidingCoulomb(P, v)) solveSliding(P, c, v);
       }
       applyImpulseChange(P, p0);
     }

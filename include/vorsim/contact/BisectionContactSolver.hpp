@@ -27,10 +27,6 @@ class BisectionContactSolver {
   // are set from the free velocities, every such impulse is applied to the
   // objects (a joint limit's through its owner's applyJointLimitImpulse), and
   // the sweeps go on from there. An inactive problem (rank 0) starts from zero.
-  // A contact on the sliding branch then looks for the sliding direction first
-  // by secant steps from the direction of the impulse it held before the update
-  // (the same root, to the same step tolerance, as the bracketing search, which
-  // runs where those steps do not settle).
   void solve(ProblemList& problems);
 
   int getLoopCounter() const { return loopCounter; }
@@ -54,11 +50,6 @@ class BisectionContactSolver {
   // slip), instead of the direction that minimises the contact's energy on the
   // cone. The normal velocity is zero in both.
   bool exactCoulomb = false;
-
- private:
-  // With warmStart, per problem of the current solve: df/dt of its last
-  // sliding solve (NaN before the first), for the secant steps on the circle.
-  std::vector<double> slidingSlope_;
 };
 
 }  // namespace contact
