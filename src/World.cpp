@@ -247,7 +247,9 @@ void World::generateContacts() {
       c.localBodyIndex = lb;
     }
 
-    if (material == nullptr || !(d1.material == *lastMaterial1) || !(d2.material == *lastMaterial2)) {
+    // Geoms mostly share one name string: equal addresses skip the compare.
+    if (material == nullptr || (&d1.material != lastMaterial1 && !(d1.material == *lastMaterial1)) ||
+        (&d2.material != lastMaterial2 && !(d2.material == *lastMaterial2))) {
       material = &materialManager_.getMaterialPairProp(d1.material, d2.material);
       lastMaterial1 = &d1.material;
       lastMaterial2 = &d2.material;
