@@ -54,7 +54,9 @@ void ArticulatedSystem::sweepLimits(size_t first, size_t count, ContactProblemLi
   // reaction to its parent; each joint above takes its share and passes on
   // the rest. Joints on no lane's path see no force and are skipped; a lane
   // off a joint's path holds zeros there.
-  for (size_t j = nbody - 1; j >= 1; --j) {
+  const std::vector<size_t>& order = bodiesByDepth();
+  for (auto it = order.rbegin(); it != order.rend(); ++it) {
+    const size_t j = *it;
     const unsigned mask = limitLaneBelow[j];
     if (mask == 0) continue;
     const unsigned below = mask & 15u, seed = mask >> 4;
@@ -117,7 +119,7 @@ void ArticulatedSystem::sweepLimits(size_t first, size_t count, ContactProblemLi
   }
 
   // Down every body: the joints' reaction to their parents' accelerations.
-  for (size_t i = 1; i < nbody; ++i) {
+  for (const size_t i : order) {
     Lanes* a = V + 6 * i;
     const Lanes* ap = V + 6 * parent[i];
     const Mat<3, 1>& x = relPosW[i];

@@ -577,7 +577,20 @@ class ArticulatedSystem : public Object {
   // every contact by one sweep each over the factors just computed, then the
   // self-collision post-pass and the impact velocities.
   void computeContactResponses();
-  void sweepContact(size_t c);
+  // Contacts first .. first + count - 1 (count at most kContactsPerSweep) in
+  // one sweep, three lanes per contact (its axes).
+  void sweepContacts(size_t first, size_t count);
+  static constexpr size_t kContactsPerSweep = 2;
+  using ContactLanes = Eigen::Array<double, 3 * kContactsPerSweep, 1>;
+  // Lanes of sweepContacts, laid out as those of sweepLimits; the mask has bit
+  // q for the joints on contact q's path, bit q + 4 at its body.
+  std::vector<ContactLanes, AlignedAllocator<ContactLanes, 32>> contactLaneVectors, contactLaneResponse;
+  std::vector<uint8_t> contactLanePath;
+  // Bodies 1 .. nbody - 1 by depth in the tree, then by index: the order of
+  // the sweeps' passes, which puts bodies that do not wait for each other
+  // next to each other (made on first use).
+  std::vector<size_t> sweepOrder;
+  const std::vector<size_t>& bodiesByDepth();
   void computeImpactVelocities();
   // Whether contact c is the owning side of a pair of this robot's own points
   // (a self-collision or a pin).
