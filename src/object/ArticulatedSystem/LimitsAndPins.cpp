@@ -27,17 +27,21 @@ inline int nonzeroHalf(Joint::Type type) { return type == Joint::REVOLUTE ? 3 : 
 
 // ---------------------------------------------------------------- responses --
 
+template <int W>
 void ArticulatedSystem::sweepLimits(size_t first, size_t count, ContactProblemList& problems) {
-  constexpr int W = kLimitLanes;
-  using Lanes = LimitLanes;
-  if (limitLaneVectors.size() != 6 * nbody) limitLaneVectors.resize(6 * nbody);
-  if (limitLaneResponse.size() != dof) limitLaneResponse.resize(dof);
+  using Lanes = Eigen::Array<double, W, 1>;
+  using LaneMap = Eigen::Map<Lanes, Eigen::Aligned16>;
+  if (limitLaneVectors.size() < 6 * nbody * kMaxLimitLanes) limitLaneVectors.resize(6 * nbody * kMaxLimitLanes);
+  if (limitLaneResponse.size() < dof * kMaxLimitLanes) limitLaneResponse.resize(dof * kMaxLimitLanes);
   if (limitLaneBelow.size() != nbody) limitLaneBelow.resize(nbody);
-  Lanes* V = limitLaneVectors.data();   // entry k of body j at V[6 j + k]
-  Lanes* L = limitLaneResponse.data();  // gv index i at L[i]
-  for (size_t j = 0; j < 6 * nbody; ++j) V[j].setZero();
-  for (size_t i = 0; i < dof; ++i) L[i].setZero();
-  std::fill(limitLaneBelow.begin(), limitLaneBelow.end(), uint8_t(0));
+  // Entry k of body j, and the response at gv index i, W lanes each.
+  double* const Vd = limitLaneVectors.data();
+  double* const Ld = limitLaneResponse.data();
+  auto V = [Vd](size_t e) { return LaneMap(Vd + e * W); };
+  auto L = [Ld](size_t i) { return LaneMap(Ld + i * W); };
+  std::fill(Vd, Vd + 6 * nbody * W, 0.0);
+  std::fill(Ld, Ld + dof * W, 0.0);
+  std::fill(limitLaneBelow.begin(), limitLaneBelow.end(), uint16_t(0));
 
   // Lane r: the low bits mark the joints above its body, the high ones its
   // own joint, where the unit impulse is applied.
@@ -45,8 +49,8 @@ void ArticulatedSystem::sweepLimits(size_t first, size_t count, ContactProblemLi
   for (size_t r = 0; r < count; ++r) {
     const size_t b = problems[limitProblemLog[first + r]].localIndexA;
     bodyOf[r] = b;
-    limitLaneBelow[b] |= uint8_t(16u << r);
-    for (size_t j = parent[b]; j != 0; j = parent[j]) limitLaneBelow[j] |= uint8_t(1u << r);
+    limitLaneBelow[b] |= uint16_t(256u << r);
+    for (size_t j = parent[b]; j != 0; j = parent[j]) limitLaneBelow[j] |= uint16_t(1u << r);
   }
 
   // Up the paths: a lane's own joint takes Dinv of the unit impulse (along n
@@ -59,9 +63,10 @@ void ArticulatedSystem::sweepLimits(size_t first, size_t count, ContactProblemLi
     const size_t j = *it;
     const unsigned mask = limitLaneBelow[j];
     if (mask == 0) continue;
-    const unsigned below = mask & 15u, seed = mask >> 4;
-    Lanes* f = V + 6 * j;
-    Lanes* Lj = L + gvIdx[j];
+    const unsigned below = mask & 255u, seed = mask >> 8;
+    auto f = [&V, j](int k) { return V(6 * j + size_t(k)); };
+    const size_t gj = gvIdx[j];
+    auto Lj = [&L, gj](int k) { return L(gj + size_t(k)); };
     if (jointType[j] == Joint::SPHERICAL) {
       const AbaData3& d3 = abaData3[j];
       for (size_t r = 0; r < count; ++r) {
@@ -70,89 +75,92 @@ void ArticulatedSystem::sweepLimits(size_t first, size_t count, ContactProblemLi
         if (seed >> r & 1u) {
           const Mat<3, 1>& n = problems[limitProblemLog[first + r]].basis[0];
           const Vec3 z = d3.Dinv * n.e();
-          for (int k = 0; k < 3; ++k) Lj[k](lane) = z(k);
+          for (int k = 0; k < 3; ++k) Lj(k)(lane) = z(k);
           fr.noalias() = -(d3.U * z);
         } else if (below >> r & 1u) {
-          for (int k = 0; k < 6; ++k) fr(k) = f[k](lane);
+          for (int k = 0; k < 6; ++k) fr(k) = f(k)(lane);
           const Vec3 t = d3.Dinv * (d3.S.transpose() * fr);
-          for (int k = 0; k < 3; ++k) Lj[k](lane) = t(k);
+          for (int k = 0; k < 3; ++k) Lj(k)(lane) = t(k);
           fr -= d3.U * t;
         } else {
           continue;
         }
-        for (int k = 0; k < 6; ++k) f[k](lane) = fr(k);
+        for (int k = 0; k < 6; ++k) f(k)(lane) = fr(k);
       }
     } else if (jointType[j] == Joint::REVOLUTE || jointType[j] == Joint::PRISMATIC) {
       const AbaData& d = abaData[j];
       const int h = nonzeroHalf(jointType[j]);
-      const Lanes t = d.Dinv * (d.S(h) * f[h] + d.S(h + 1) * f[h + 1] + d.S(h + 2) * f[h + 2]);
-      for (int k = 0; k < 6; ++k) f[k] -= t * d.U(k);
+      const Lanes t = d.Dinv * (d.S(h) * f(h) + d.S(h + 1) * f(h + 1) + d.S(h + 2) * f(h + 2));
+      for (int k = 0; k < 6; ++k) f(k) -= t * d.U(k);
       for (int r = 0; r < W; ++r) {
         if (seed >> r & 1u) {
-          Lj[0](r) = d.Dinv;
-          for (int k = 0; k < 6; ++k) f[k](r) = -d.UDinv(k);
+          Lj(0)(r) = d.Dinv;
+          for (int k = 0; k < 6; ++k) f(k)(r) = -d.UDinv(k);
         } else if (below >> r & 1u) {
-          Lj[0](r) = t(r);
+          Lj(0)(r) = t(r);
         }
       }
     }
     const Mat<3, 1>& x = relPosW[j];
-    f[3] += x[1] * f[2] - x[2] * f[1];
-    f[4] += x[2] * f[0] - x[0] * f[2];
-    f[5] += x[0] * f[1] - x[1] * f[0];
-    Lanes* up = V + 6 * parent[j];
+    f(3) += x[1] * f(2) - x[2] * f(1);
+    f(4) += x[2] * f(0) - x[0] * f(2);
+    f(5) += x[0] * f(1) - x[1] * f(0);
+    const size_t pj = parent[j];
+    auto up = [&V, pj](int k) { return V(6 * pj + size_t(k)); };
     for (int r = 0; r < W; ++r)
       if ((below | seed) >> r & 1u)
-        for (int k = 0; k < 6; ++k) up[k](r) = f[k](r);
+        for (int k = 0; k < 6; ++k) up(k)(r) = f(k)(r);
   }
 
   if (jointType[0] == Joint::FLOATING) {
     for (size_t r = 0; r < count; ++r) {
       const Eigen::Index lane = Eigen::Index(r);
       Vec6 fr;
-      for (int k = 0; k < 6; ++k) fr(k) = V[k](lane);
+      for (int k = 0; k < 6; ++k) fr(k) = V(k)(lane);
       const Vec6 a = baseInertiaInverse.e() * fr;
-      for (int k = 0; k < 6; ++k) V[k](lane) = L[k](lane) = a(k);
+      for (int k = 0; k < 6; ++k) V(k)(lane) = L(k)(lane) = a(k);
     }
   } else {
-    for (int k = 0; k < 6; ++k) V[k].setZero();
+    for (int k = 0; k < 6; ++k) V(size_t(k)).setZero();
   }
 
   // Down every body: the joints' reaction to their parents' accelerations.
   for (const size_t i : order) {
-    Lanes* a = V + 6 * i;
-    const Lanes* ap = V + 6 * parent[i];
+    auto a = [&V, i](int k) { return V(6 * i + size_t(k)); };
+    const size_t pi = parent[i];
+    auto ap = [&V, pi](int k) { return V(6 * pi + size_t(k)); };
     const Mat<3, 1>& x = relPosW[i];
-    a[0] = ap[0] + (ap[4] * x[2] - ap[5] * x[1]);
-    a[1] = ap[1] + (ap[5] * x[0] - ap[3] * x[2]);
-    a[2] = ap[2] + (ap[3] * x[1] - ap[4] * x[0]);
-    a[3] = ap[3];
-    a[4] = ap[4];
-    a[5] = ap[5];
-    Lanes* Li = L + gvIdx[i];
+    a(0) = ap(0) + (ap(4) * x[2] - ap(5) * x[1]);
+    a(1) = ap(1) + (ap(5) * x[0] - ap(3) * x[2]);
+    a(2) = ap(2) + (ap(3) * x[1] - ap(4) * x[0]);
+    a(3) = ap(3);
+    a(4) = ap(4);
+    a(5) = ap(5);
+    const size_t gi = gvIdx[i];
+    auto Li = [&L, gi](int k) { return L(gi + size_t(k)); };
     if (jointType[i] == Joint::SPHERICAL) {
       const AbaData3& d3 = abaData3[i];
       for (size_t r = 0; r < count; ++r) {
         const Eigen::Index lane = Eigen::Index(r);
         Vec6 ar;
-        for (int k = 0; k < 6; ++k) ar(k) = a[k](lane);
+        for (int k = 0; k < 6; ++k) ar(k) = a(k)(lane);
         const Vec3 t = d3.UDinv.transpose() * ar;
         Vec3 q;
         for (int k = 0; k < 3; ++k) {
-          Li[k](lane) -= t(k);
-          q(k) = Li[k](lane);
+          Li(k)(lane) -= t(k);
+          q(k) = Li(k)(lane);
         }
         ar += d3.S * q;
-        for (int k = 0; k < 6; ++k) a[k](lane) = ar(k);
+        for (int k = 0; k < 6; ++k) a(k)(lane) = ar(k);
       }
     } else if (jointType[i] == Joint::REVOLUTE || jointType[i] == Joint::PRISMATIC) {
       const AbaData& d = abaData[i];
-      Lanes Va = d.UDinv(0) * a[0];
-      for (int k = 1; k < 6; ++k) Va += d.UDinv(k) * a[k];
-      const Lanes q = Li[0] - Va;
-      Li[0] = q;
+      Lanes Va = d.UDinv(0) * a(0);
+      for (int k = 1; k < 6; ++k) Va += d.UDinv(k) * a(k);
+      const Lanes q = Li(0) - Va;
+      Li(0) = q;
       const int h = nonzeroHalf(jointType[i]);
-      for (int k = h; k < h + 3; ++k) a[k] += d.S(k) * q;
+      for (int k = h; k < h + 3; ++k) a(k) += d.S(k) * q;
     }
   }
 
@@ -160,7 +168,7 @@ void ArticulatedSystem::sweepLimits(size_t first, size_t count, ContactProblemLi
     const Eigen::Index lane = Eigen::Index(r);
     const size_t b = bodyOf[r];
     VecDyn& out = limitResponse[b];
-    for (size_t i = 0; i < dof; ++i) out[i] = L[i](lane);
+    for (size_t i = 0; i < dof; ++i) out[i] = L(i)(lane);
     contact::Single3DContactProblem& P = problems[limitProblemLog[first + r]];
     const size_t g = gvIdx[b];
     double response = out[g];
@@ -230,9 +238,19 @@ void ArticulatedSystem::appendJointLimits(ContactProblemList& problems) {
     limitWarmStart[b] = 0.0;
     limitProblemLog.push_back(problems.size() - 1);
   }
-  const size_t lanes = size_t(kLimitLanes);
-  for (size_t k = first; k < limitProblemLog.size(); k += lanes)
-    sweepLimits(k, std::min(lanes, limitProblemLog.size() - k), problems);
+  // As many lanes as there are problems, in pairs (a pair of lanes costs
+  // about what one does).
+  for (size_t k = first; k < limitProblemLog.size(); k += kMaxLimitLanes) {
+    const size_t count = std::min(kMaxLimitLanes, limitProblemLog.size() - k);
+    if (count <= 2)
+      sweepLimits<2>(k, count, problems);
+    else if (count <= 4)
+      sweepLimits<4>(k, count, problems);
+    else if (count <= 6)
+      sweepLimits<6>(k, count, problems);
+    else
+      sweepLimits<8>(k, count, problems);
+  }
 }
 
 double ArticulatedSystem::enforceJointLimits(contact::Single3DContactProblem& P) {

@@ -596,19 +596,20 @@ class ArticulatedSystem : public Object {
   // (a self-collision or a pin).
   bool isMergedOwner(const Contact& c) const;
   // For the limit problems limitProblemLog[first .. first + count) (count at
-  // most kLimitLanes): limitResponse[b] := M^-1 e along the joint of each
-  // problem's body b (direction n = basis[0] for a spherical joint), and the
-  // problem's response along the constraint itself. The problems share one
-  // pass over the articulated-body factors, one lane each.
+  // most W): limitResponse[b] := M^-1 e along the joint of each problem's
+  // body b (direction n = basis[0] for a spherical joint), and the problem's
+  // response along the constraint itself. The problems share one pass over
+  // the articulated-body factors, one lane each.
+  template <int W>
   void sweepLimits(size_t first, size_t count, ContactProblemList& problems);
-  static constexpr int kLimitLanes = 4;
+  static constexpr size_t kMaxLimitLanes = 8;
   // Lanes of sweepLimits: spatial forces (up) and accelerations (down), six
   // entries per body, and the responses, one entry per gv index; each entry
   // holds one number per problem.
-  using LimitLanes = Eigen::Array<double, kLimitLanes, 1>;
-  std::vector<LimitLanes, AlignedAllocator<LimitLanes, 32>> limitLaneVectors, limitLaneResponse;
-  // Per body: bit r set if lane r's joint lies below the body's joint.
-  std::vector<uint8_t> limitLaneBelow;
+  std::vector<double, AlignedAllocator<double, 32>> limitLaneVectors, limitLaneResponse;
+  // Per body: bit r set if lane r's joint lies below the body's joint, bit
+  // r + 8 if it is the body's joint.
+  std::vector<uint16_t> limitLaneBelow;
   // The compact Jacobian of the contact path: the same joint columns as
   // getSparseJacobian, but for a floating base only the idx entries 0..5 and
   // column 3, which holds pointW - posW[0]; the reader builds the base part
