@@ -8,6 +8,8 @@
 // has two records. The owning one (isObjectA) is merged into a Jacobian of the
 // relative motion of the two points; its twin is marked skip and serves as
 // scratch for the cross terms of the block.
+#include <algorithm>
+
 #include "skewProducts.hpp"
 #include "vorsim/object/ArticulatedSystem/ArticulatedSystem.hpp"
 
@@ -22,41 +24,12 @@ using Mat3 = Eigen::Matrix3d;
 using Rows36 = Eigen::Matrix<double, 3, 6, Eigen::RowMajor>;
 using ResponseMap = Eigen::Map<Eigen::Matrix<double, 3, Eigen::Dynamic>>;
 
-// Rows of spatial force moved from a child's origin to its parent's, r from
-// the parent's origin to the child's.
-inline void shiftForceRows(const Vec3& r, Rows36& F) {
-  for (int k = 0; k < 3; ++k) {
-    double* row = F.data() + 6 * k;
-    const double f0 = row[0], f1 = row[1], f2 = row[2];
-    row[3] += r(1) * f2 - r(2) * f1;
-    row[4] += r(2) * f0 - r(0) * f2;
-    row[5] += r(0) * f1 - r(1) * f0;
-  }
-}
-
-// Rows of spatial acceleration moved from a parent's origin to its child's.
-inline void shiftMotionRows(const Vec3& r, Rows36& A) {
-  for (int k = 0; k < 3; ++k) {
-    double* row = A.data() + 6 * k;
-    const double w0 = row[3], w1 = row[4], w2 = row[5];
-    row[0] += w1 * r(2) - w2 * r(1);
-    row[1] += w2 * r(0) - w0 * r(2);
-    row[2] += w0 * r(1) - w1 * r(0);
-  }
-}
-
-// Row k of A times x, the terms added in the order of the columns; over the
-// six columns, or over the three of one half (a one-dof joint's column S has
-// one nonzero half: the angular one of a revolute joint).
+// Row k of A times x, the terms added in the order of the columns.
 inline double rowTimes(const Rows36& A, int k, const double* x) {
   const double* row = A.data() + 6 * k;
   double s = row[0] * x[0];
   for (int i = 1; i < 6; ++i) s += row[i] * x[i];
   return s;
-}
-inline double rowTimesHalf(const Rows36& A, int k, int half, const double* x) {
-  const double* row = A.data() + 6 * k + half;
-  return row[0] * x[half] + row[1] * x[half + 1] + row[2] * x[half + 2];
 }
 
 inline void addColumn(const SparseJacobian& J, const VecDyn& u, Mat<3, 1>& vel, double sign) {
@@ -213,7 +186,7 @@ void ArticulatedSystem::jacoSub(const SparseJacobian& b, SparseJacobian& a, bool
 void ArticulatedSystem::computeContactResponses() {
   const size_t n = std::min(contactCount, contacts_.size());
   if (n == 0 || contactResponse.size() < n) return;
-  for (size_t c = 0; c < n; ++c) sweepContact(c);
+  for (size_t c = 0; c < n; c += kContactsPerSweep) sweepContacts(c, std::min(kContactsPerSweep, n - c));
 
   // Self-collisions: the response of the relative motion, and the block
   // G = G_AA + G_BB - G_AB - G_BA with the cross term from the twin's response.
@@ -262,79 +235,163 @@ void ArticulatedSystem::computeContactResponses() {
   computeImpactVelocities();
 }
 
-void ArticulatedSystem::sweepContact(size_t c) {
-  Contact& ct = contacts_[c];
-  const size_t b = ct.localBodyIndex;
-  MatDyn& response = contactResponse[c];
-  response.setZero();
-  ResponseMap R(response.v, 3, Eigen::Index(dof));
+const std::vector<size_t>& ArticulatedSystem::bodiesByDepth() {
+  if (sweepOrder.size() + 1 != nbody) {
+    sweepOrder.clear();
+    for (size_t b = 1; b < nbody; ++b) sweepOrder.push_back(b);
+    std::stable_sort(sweepOrder.begin(), sweepOrder.end(), [this](size_t a, size_t b) { return depth[a] < depth[b]; });
+  }
+  return sweepOrder;
+}
 
-  // Row k: the spatial force of a unit impulse along contact axis k, about
-  // the body's origin.
-  const Mat3 F = ct.frame.e();
-  Rows36 F0;
-  F0.leftCols<3>() = F;
-  F0.rightCols<3>() = timesSkew(F, posW[b].e() - ct.position.e());
-  abaData[b].response = F0;
+void ArticulatedSystem::sweepContacts(size_t first, size_t count) {
+  using Lanes = ContactLanes;
+  if (contactLaneVectors.size() != 6 * nbody) contactLaneVectors.resize(6 * nbody);
+  if (contactLaneResponse.size() != dof) contactLaneResponse.resize(dof);
+  if (contactLanePath.size() != nbody) contactLanePath.resize(nbody);
+  Lanes* V = contactLaneVectors.data();   // entry m of body j at V[6 j + m]
+  Lanes* L = contactLaneResponse.data();  // gv index i at L[i]
+  for (size_t i = 0; i < dof; ++i) L[i].setZero();
+  std::fill(contactLanePath.begin(), contactLanePath.end(), uint8_t(0));
+  // The pass up reads the bodies on the paths and the root, where every
+  // lane that no contact reaches must hold zeros; the pass down writes all.
+  for (size_t m = 0; m < 6; ++m) V[m].setZero();
+  for (size_t q = 0; q < count; ++q)
+    for (size_t j = contacts_[first + q].localBodyIndex; j != 0; j = parent[j])
+      for (size_t m = 0; m < 6; ++m) V[6 * j + m].setZero();
 
-  // Up the path: each joint takes its share of the impulse, and passes on the
-  // rest.
-  for (size_t j = b; j != 0; j = parent[j]) {
-    AbaData& d = abaData[j];
-    const Eigen::Index g = Eigen::Index(gvIdx[j]);
-    Rows36& pass = abaData[parent[j]].response;
-    pass = d.response;
-    if (jointType[j] == Joint::SPHERICAL) {
-      const AbaData3& d3 = abaData3[j];
-      const Mat3 T = d.response * d3.S * d3.Dinv;
-      R.middleCols<3>(g) = T;
-      pass.noalias() -= T * d3.U.transpose();
-    } else if (jointType[j] == Joint::REVOLUTE || jointType[j] == Joint::PRISMATIC) {
-      const int half = jointType[j] == Joint::REVOLUTE ? 3 : 0;
-      for (int k = 0; k < 3; ++k) {
-        const double t = rowTimesHalf(d.response, k, half, d.S.data()) * d.Dinv;
-        R(k, g) = t;
-        for (int m = 0; m < 6; ++m) pass(k, m) -= t * d.U(m);
-      }
-    }
-    shiftForceRows(relPosW[j].e(), pass);
+  // Lane 3 q + k of contact q: the spatial force of a unit impulse along
+  // contact axis k, about the body's origin, put at the contact's body.
+  Rows36 F0[kContactsPerSweep];
+  size_t bodyOf[kContactsPerSweep];
+  for (size_t q = 0; q < count; ++q) {
+    const Contact& ct = contacts_[first + q];
+    const size_t b = ct.localBodyIndex;
+    bodyOf[q] = b;
+    const Mat3 F = ct.frame.e();
+    F0[q].leftCols<3>() = F;
+    F0[q].rightCols<3>() = timesSkew(F, posW[b].e() - ct.position.e());
+    for (int m = 0; m < 6; ++m)
+      for (int k = 0; k < 3; ++k) V[6 * b + size_t(m)](3 * Eigen::Index(q) + k) = F0[q](k, m);
+    contactLanePath[b] |= uint8_t(16u << q);
+    for (size_t j = b; j != 0; j = parent[j]) contactLanePath[j] |= uint8_t(1u << q);
   }
 
-  AbaData& root = abaData[0];
+  // Gathers and scatters of one contact's three lanes, for the joints whose
+  // terms are whole matrices (spherical).
+  auto gather = [](const Lanes* x, size_t q, Rows36& A) {
+    for (int m = 0; m < 6; ++m)
+      for (int k = 0; k < 3; ++k) A(k, m) = x[m](3 * Eigen::Index(q) + k);
+  };
+  auto scatter = [](const Rows36& A, size_t q, Lanes* x) {
+    for (int m = 0; m < 6; ++m)
+      for (int k = 0; k < 3; ++k) x[m](3 * Eigen::Index(q) + k) = A(k, m);
+  };
+
+  // Up the paths: each joint takes its share of the impulse, and passes on
+  // the rest. A lane off a joint's path holds zeros there.
+  const std::vector<size_t>& order = bodiesByDepth();
+  for (auto it = order.rbegin(); it != order.rend(); ++it) {
+    const size_t j = *it;
+    const unsigned path = contactLanePath[j] & 15u;
+    if (path == 0) continue;
+    Lanes* f = V + 6 * j;
+    Lanes* Lj = L + gvIdx[j];
+    if (jointType[j] == Joint::SPHERICAL) {
+      const AbaData3& d3 = abaData3[j];
+      for (size_t q = 0; q < count; ++q) {
+        if (!(path >> q & 1u)) continue;
+        Rows36 response, pass;
+        gather(f, q, response);
+        const Mat3 T = response * d3.S * d3.Dinv;
+        for (int m = 0; m < 3; ++m)
+          for (int k = 0; k < 3; ++k) Lj[m](3 * Eigen::Index(q) + k) = T(k, m);
+        pass = response;
+        pass.noalias() -= T * d3.U.transpose();
+        scatter(pass, q, f);
+      }
+    } else if (jointType[j] == Joint::REVOLUTE || jointType[j] == Joint::PRISMATIC) {
+      const AbaData& d = abaData[j];
+      const int h = jointType[j] == Joint::REVOLUTE ? 3 : 0;
+      const Lanes t = (f[h] * d.S(h) + f[h + 1] * d.S(h + 1) + f[h + 2] * d.S(h + 2)) * d.Dinv;
+      for (size_t q = 0; q < count; ++q)
+        if (path >> q & 1u) Lj[0].segment<3>(3 * Eigen::Index(q)) = t.segment<3>(3 * Eigen::Index(q));
+      for (int m = 0; m < 6; ++m) f[m] -= t * d.U(m);
+    }
+    const Vec3 r = relPosW[j].e();
+    f[3] += r(1) * f[2] - r(2) * f[1];
+    f[4] += r(2) * f[0] - r(0) * f[2];
+    f[5] += r(0) * f[1] - r(1) * f[0];
+    Lanes* up = V + 6 * parent[j];
+    for (size_t q = 0; q < count; ++q)
+      if (path >> q & 1u)
+        for (int m = 0; m < 6; ++m) up[m].segment<3>(3 * Eigen::Index(q)) = f[m].segment<3>(3 * Eigen::Index(q));
+  }
+
   if (jointType[0] == Joint::FLOATING) {
-    Rows36 Y;
-    for (int k = 0; k < 3; ++k)
-      for (int m = 0; m < 6; ++m) Y(k, m) = R(k, m) = rowTimes(root.response, k, baseInertiaInverse.v + 6 * m);
-    root.response = Y;
+    Lanes Y[6];
+    for (int m = 0; m < 6; ++m) {
+      const double* x = baseInertiaInverse.v + 6 * m;
+      Y[m] = V[0] * x[0];
+      for (int i = 1; i < 6; ++i) Y[m] += V[i] * x[i];
+    }
+    for (int m = 0; m < 6; ++m) V[m] = L[m] = Y[m];
   } else {
-    root.response.setZero();
+    for (int m = 0; m < 6; ++m) V[m].setZero();
   }
 
   // Down every body: accelerations per unit impulse. Each body's response
   // starts as its parent's, moved to its origin.
-  for (size_t i = 1; i < nbody; ++i) {
-    AbaData& d = abaData[i];
-    Rows36& Y = d.response;
-    Y = abaData[parent[i]].response;
-    shiftMotionRows(relPosW[i].e(), Y);
-    const Eigen::Index g = Eigen::Index(gvIdx[i]);
+  for (const size_t i : order) {
+    Lanes* a = V + 6 * i;
+    const Lanes* ap = V + 6 * parent[i];
+    const Vec3 r = relPosW[i].e();
+    a[0] = ap[0] + (ap[4] * r(2) - ap[5] * r(1));
+    a[1] = ap[1] + (ap[5] * r(0) - ap[3] * r(2));
+    a[2] = ap[2] + (ap[3] * r(1) - ap[4] * r(0));
+    a[3] = ap[3];
+    a[4] = ap[4];
+    a[5] = ap[5];
+    const size_t g = gvIdx[i];
+    Lanes* Li = L + g;
     if (jointType[i] == Joint::SPHERICAL) {
       const AbaData3& d3 = abaData3[i];
-      R.middleCols<3>(g) -= Y * d3.UDinv;
-      Y += R.middleCols<3>(g) * d3.S.transpose();
-    } else if (jointType[i] == Joint::REVOLUTE || jointType[i] == Joint::PRISMATIC) {
-      const int half = jointType[i] == Joint::REVOLUTE ? 3 : 0;
-      for (int k = 0; k < 3; ++k) {
-        const double t = R(k, g) - rowTimes(Y, k, d.UDinv.data());
-        R(k, g) = t;
-        for (int m = half; m < half + 3; ++m) Y(k, m) += t * d.S(m);
+      for (size_t q = 0; q < count; ++q) {
+        // The response's three columns of this joint, in place in the
+        // contact's own response.
+        ResponseMap R(contactResponse[first + q].v, 3, Eigen::Index(dof));
+        for (int m = 0; m < 3; ++m)
+          for (int k = 0; k < 3; ++k) R(k, Eigen::Index(g) + m) = Li[m](3 * Eigen::Index(q) + k);
+        Rows36 Y;
+        gather(a, q, Y);
+        R.middleCols<3>(Eigen::Index(g)) -= Y * d3.UDinv;
+        Y += R.middleCols<3>(Eigen::Index(g)) * d3.S.transpose();
+        scatter(Y, q, a);
+        for (int m = 0; m < 3; ++m)
+          for (int k = 0; k < 3; ++k) Li[m](3 * Eigen::Index(q) + k) = R(k, Eigen::Index(g) + m);
       }
+    } else if (jointType[i] == Joint::REVOLUTE || jointType[i] == Joint::PRISMATIC) {
+      const AbaData& d = abaData[i];
+      Lanes Ya = a[0] * d.UDinv(0);
+      for (int m = 1; m < 6; ++m) Ya += a[m] * d.UDinv(m);
+      const Lanes t = Li[0] - Ya;
+      Li[0] = t;
+      const int h = jointType[i] == Joint::REVOLUTE ? 3 : 0;
+      for (int m = h; m < h + 3; ++m) a[m] += t * d.S(m);
     }
   }
 
-  const Rows36& Yb = abaData[b].response;
-  for (int k = 0; k < 3; ++k)
-    for (int s = 0; s < 3; ++s) ct.delassus(k, s) = rowTimes(Yb, k, F0.data() + 6 * s);
+  for (size_t q = 0; q < count; ++q) {
+    const Eigen::Index lane = 3 * Eigen::Index(q);
+    Contact& ct = contacts_[first + q];
+    double* out = contactResponse[first + q].v;
+    for (size_t i = 0; i < dof; ++i)
+      for (int k = 0; k < 3; ++k) out[3 * i + size_t(k)] = L[i](lane + k);
+    Rows36 Yb;
+    gather(V + 6 * bodyOf[q], q, Yb);
+    for (int k = 0; k < 3; ++k)
+      for (int s = 0; s < 3; ++s) ct.delassus(k, s) = rowTimes(Yb, k, F0[q].data() + 6 * s);
+  }
 }
 
 void ArticulatedSystem::computeImpactVelocities() {

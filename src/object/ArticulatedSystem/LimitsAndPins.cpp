@@ -7,6 +7,7 @@
 // which one sweep over the articulated-body factors gives. A pin is a
 // bilateral point constraint that passes through the contact path as a pair
 // of this robot's own points.
+#include <algorithm>
 #include <cmath>
 
 #include "vorsim/VorSimMsg.hpp"
@@ -19,21 +20,6 @@ namespace {
 using Vec3 = Eigen::Vector3d;
 using Vec6 = Eigen::Matrix<double, 6, 1>;
 
-// A spatial force's moment moved to the parent's origin, r from the parent's
-// origin to the child's (shiftForceToParent, in place and in scalars).
-inline void forceToParent(const Mat<3, 1>& r, Vec6& f) {
-  f(3) += r[1] * f(2) - r[2] * f(1);
-  f(4) += r[2] * f(0) - r[0] * f(2);
-  f(5) += r[0] * f(1) - r[1] * f(0);
-}
-
-// A parent's spatial acceleration at the child's origin (shiftMotionFromParent).
-inline void motionFromParent(const Mat<3, 1>& r, Vec6& a) {
-  a(0) += a(4) * r[2] - a(5) * r[1];
-  a(1) += a(5) * r[0] - a(3) * r[2];
-  a(2) += a(3) * r[1] - a(4) * r[0];
-}
-
 // A one-dof joint's column S has one nonzero half: the angular one of a
 // revolute joint.
 inline int nonzeroHalf(Joint::Type type) { return type == Joint::REVOLUTE ? 3 : 0; }
@@ -41,91 +27,167 @@ inline int nonzeroHalf(Joint::Type type) { return type == Joint::REVOLUTE ? 3 : 
 
 // ---------------------------------------------------------------- responses --
 
-double ArticulatedSystem::sweepLimit(size_t b, const Mat<3, 1>& n) {
-  VecDyn& L = limitResponse[b];
-  for (size_t i = 0; i < dof; ++i) L[i] = 0.0;
-  const size_t g = gvIdx[b];
-  const size_t p = parent[b];
+template <int W>
+void ArticulatedSystem::sweepLimits(size_t first, size_t count, ContactProblemList& problems) {
+  using Lanes = Eigen::Array<double, W, 1>;
+  using LaneMap = Eigen::Map<Lanes, Eigen::Aligned16>;
+  if (limitLaneVectors.size() < 6 * nbody * kMaxLimitLanes) limitLaneVectors.resize(6 * nbody * kMaxLimitLanes);
+  if (limitLaneResponse.size() < dof * kMaxLimitLanes) limitLaneResponse.resize(dof * kMaxLimitLanes);
+  if (limitLaneBelow.size() != nbody) limitLaneBelow.resize(nbody);
+  // Entry k of body j, and the response at gv index i, W lanes each.
+  double* const Vd = limitLaneVectors.data();
+  double* const Ld = limitLaneResponse.data();
+  auto V = [Vd](size_t e) { return LaneMap(Vd + e * W); };
+  auto L = [Ld](size_t i) { return LaneMap(Ld + i * W); };
+  std::fill(Vd, Vd + 6 * nbody * W, 0.0);
+  std::fill(Ld, Ld + dof * W, 0.0);
+  std::fill(limitLaneBelow.begin(), limitLaneBelow.end(), uint16_t(0));
 
-  // Seed: a unit generalized impulse on the joint of b (along n for a
-  // spherical joint). The joint takes Dinv of it and hands the rest of the
-  // articulated body's reaction to its parent.
-  Vec6 up;
-  if (jointType[b] == Joint::SPHERICAL) {
-    const AbaData3& d3 = abaData3[b];
-    const Vec3 z = d3.Dinv * n.e();
-    for (size_t k = 0; k < 3; ++k) L[g + k] = z(Eigen::Index(k));
-    up.noalias() = -(d3.U * z);
-  } else {
-    const AbaData& d = abaData[b];
-    L[g] = d.Dinv;
-    up = -d.UDinv;
+  // Lane r: the low bits mark the joints above its body, the high ones its
+  // own joint, where the unit impulse is applied.
+  size_t bodyOf[W];
+  for (size_t r = 0; r < count; ++r) {
+    const size_t b = problems[limitProblemLog[first + r]].localIndexA;
+    bodyOf[r] = b;
+    limitLaneBelow[b] |= uint16_t(256u << r);
+    for (size_t j = parent[b]; j != 0; j = parent[j]) limitLaneBelow[j] |= uint16_t(1u << r);
   }
-  forceToParent(relPosW[b], up);
-  abaData[p].scratch = up;
 
-  for (size_t j = p; j != 0; j = parent[j]) {
-    Vec6& f = abaData[parent[j]].scratch;
-    f = abaData[j].scratch;
+  // Up the paths: a lane's own joint takes Dinv of the unit impulse (along n
+  // for a spherical joint) and hands the rest of the articulated body's
+  // reaction to its parent; each joint above takes its share and passes on
+  // the rest. Joints on no lane's path see no force and are skipped; a lane
+  // off a joint's path holds zeros there.
+  const std::vector<size_t>& order = bodiesByDepth();
+  for (auto it = order.rbegin(); it != order.rend(); ++it) {
+    const size_t j = *it;
+    const unsigned mask = limitLaneBelow[j];
+    if (mask == 0) continue;
+    const unsigned below = mask & 255u, seed = mask >> 8;
+    auto f = [&V, j](int k) { return V(6 * j + size_t(k)); };
     const size_t gj = gvIdx[j];
+    auto Lj = [&L, gj](int k) { return L(gj + size_t(k)); };
     if (jointType[j] == Joint::SPHERICAL) {
       const AbaData3& d3 = abaData3[j];
-      const Vec3 t = d3.Dinv * (d3.S.transpose() * f);
-      for (size_t k = 0; k < 3; ++k) L[gj + k] = t(Eigen::Index(k));
-      f -= d3.U * t;
+      for (size_t r = 0; r < count; ++r) {
+        const Eigen::Index lane = Eigen::Index(r);
+        Vec6 fr;
+        if (seed >> r & 1u) {
+          const Mat<3, 1>& n = problems[limitProblemLog[first + r]].basis[0];
+          const Vec3 z = d3.Dinv * n.e();
+          for (int k = 0; k < 3; ++k) Lj(k)(lane) = z(k);
+          fr.noalias() = -(d3.U * z);
+        } else if (below >> r & 1u) {
+          for (int k = 0; k < 6; ++k) fr(k) = f(k)(lane);
+          const Vec3 t = d3.Dinv * (d3.S.transpose() * fr);
+          for (int k = 0; k < 3; ++k) Lj(k)(lane) = t(k);
+          fr -= d3.U * t;
+        } else {
+          continue;
+        }
+        for (int k = 0; k < 6; ++k) f(k)(lane) = fr(k);
+      }
     } else if (jointType[j] == Joint::REVOLUTE || jointType[j] == Joint::PRISMATIC) {
       const AbaData& d = abaData[j];
       const int h = nonzeroHalf(jointType[j]);
-      const double t = d.Dinv * (d.S(h) * f(h) + d.S(h + 1) * f(h + 1) + d.S(h + 2) * f(h + 2));
-      L[gj] = t;
+      const Lanes t = d.Dinv * (d.S(h) * f(h) + d.S(h + 1) * f(h + 1) + d.S(h + 2) * f(h + 2));
       for (int k = 0; k < 6; ++k) f(k) -= t * d.U(k);
+      for (int r = 0; r < W; ++r) {
+        if (seed >> r & 1u) {
+          Lj(0)(r) = d.Dinv;
+          for (int k = 0; k < 6; ++k) f(k)(r) = -d.UDinv(k);
+        } else if (below >> r & 1u) {
+          Lj(0)(r) = t(r);
+        }
+      }
     }
-    forceToParent(relPosW[j], f);
+    const Mat<3, 1>& x = relPosW[j];
+    f(3) += x[1] * f(2) - x[2] * f(1);
+    f(4) += x[2] * f(0) - x[0] * f(2);
+    f(5) += x[0] * f(1) - x[1] * f(0);
+    const size_t pj = parent[j];
+    auto up = [&V, pj](int k) { return V(6 * pj + size_t(k)); };
+    for (int r = 0; r < W; ++r)
+      if ((below | seed) >> r & 1u)
+        for (int k = 0; k < 6; ++k) up(k)(r) = f(k)(r);
   }
 
-  AbaData& root = abaData[0];
   if (jointType[0] == Joint::FLOATING) {
-    const Vec6 a = baseInertiaInverse.e() * root.scratch;
-    for (size_t k = 0; k < 6; ++k) L[k] = a(Eigen::Index(k));
-    root.scratch = a;
+    for (size_t r = 0; r < count; ++r) {
+      const Eigen::Index lane = Eigen::Index(r);
+      Vec6 fr;
+      for (int k = 0; k < 6; ++k) fr(k) = V(k)(lane);
+      const Vec6 a = baseInertiaInverse.e() * fr;
+      for (int k = 0; k < 6; ++k) V(k)(lane) = L(k)(lane) = a(k);
+    }
   } else {
-    root.scratch.setZero();
+    for (int k = 0; k < 6; ++k) V(size_t(k)).setZero();
   }
 
   // Down every body: the joints' reaction to their parents' accelerations.
-  for (size_t i = 1; i < nbody; ++i) {
-    Vec6& a = abaData[i].scratch;
-    a = abaData[parent[i]].scratch;
-    motionFromParent(relPosW[i], a);
+  for (const size_t i : order) {
+    auto a = [&V, i](int k) { return V(6 * i + size_t(k)); };
+    const size_t pi = parent[i];
+    auto ap = [&V, pi](int k) { return V(6 * pi + size_t(k)); };
+    const Mat<3, 1>& x = relPosW[i];
+    a(0) = ap(0) + (ap(4) * x[2] - ap(5) * x[1]);
+    a(1) = ap(1) + (ap(5) * x[0] - ap(3) * x[2]);
+    a(2) = ap(2) + (ap(3) * x[1] - ap(4) * x[0]);
+    a(3) = ap(3);
+    a(4) = ap(4);
+    a(5) = ap(5);
     const size_t gi = gvIdx[i];
+    auto Li = [&L, gi](int k) { return L(gi + size_t(k)); };
     if (jointType[i] == Joint::SPHERICAL) {
       const AbaData3& d3 = abaData3[i];
-      const Vec3 t = d3.UDinv.transpose() * a;
-      Vec3 q;
-      for (size_t k = 0; k < 3; ++k) {
-        L[gi + k] -= t(Eigen::Index(k));
-        q(Eigen::Index(k)) = L[gi + k];
+      for (size_t r = 0; r < count; ++r) {
+        const Eigen::Index lane = Eigen::Index(r);
+        Vec6 ar;
+        for (int k = 0; k < 6; ++k) ar(k) = a(k)(lane);
+        const Vec3 t = d3.UDinv.transpose() * ar;
+        Vec3 q;
+        for (int k = 0; k < 3; ++k) {
+          Li(k)(lane) -= t(k);
+          q(k) = Li(k)(lane);
+        }
+        ar += d3.S * q;
+        for (int k = 0; k < 6; ++k) a(k)(lane) = ar(k);
       }
-      a += d3.S * q;
     } else if (jointType[i] == Joint::REVOLUTE || jointType[i] == Joint::PRISMATIC) {
       const AbaData& d = abaData[i];
-      double Va = d.UDinv(0) * a(0);
+      Lanes Va = d.UDinv(0) * a(0);
       for (int k = 1; k < 6; ++k) Va += d.UDinv(k) * a(k);
-      const double q = L[gi] - Va;
-      L[gi] = q;
+      const Lanes q = Li(0) - Va;
+      Li(0) = q;
       const int h = nonzeroHalf(jointType[i]);
       for (int k = h; k < h + 3; ++k) a(k) += d.S(k) * q;
     }
   }
 
-  if (jointType[b] == Joint::SPHERICAL) return n[0] * L[g] + n[1] * L[g + 1] + n[2] * L[g + 2];
-  return L[g];
+  for (size_t r = 0; r < count; ++r) {
+    const Eigen::Index lane = Eigen::Index(r);
+    const size_t b = bodyOf[r];
+    VecDyn& out = limitResponse[b];
+    for (size_t i = 0; i < dof; ++i) out[i] = L(i)(lane);
+    contact::Single3DContactProblem& P = problems[limitProblemLog[first + r]];
+    const size_t g = gvIdx[b];
+    double response = out[g];
+    if (jointType[b] == Joint::SPHERICAL) {
+      const Mat<3, 1>& n = P.basis[0];
+      response = n[0] * out[g] + n[1] * out[g + 1] + n[2] * out[g + 2];
+    }
+    P.rankOneDelassus = response;
+    P.delassusInverse(0, 0) = 1.0 / response;
+    // The solver reads the normal entry of every block; a limit's is its own.
+    P.delassus(2, 2) = response;
+  }
 }
 
 // ------------------------------------------------------------ joint limits --
 
 void ArticulatedSystem::appendJointLimits(ContactProblemList& problems) {
   if (nbody < 2) return;
+  const size_t first = limitProblemLog.size();
   for (size_t b = 1; b < nbody; ++b) {
     const size_t g = gvIdx[b];
     const double lo = jointLimits[g][0], hi = jointLimits[g][1];
@@ -175,12 +237,19 @@ void ArticulatedSystem::appendJointLimits(ContactProblemList& problems) {
     P.warmStartKey = contact::WarmStartKey::owned(this, contact::WarmStartKey::JOINT_LIMIT, b);
     limitWarmStart[b] = 0.0;
     limitProblemLog.push_back(problems.size() - 1);
-
-    const double r = sweepLimit(b, axis);
-    P.rankOneDelassus = r;
-    P.delassusInverse(0, 0) = 1.0 / r;
-    // The solver reads the normal entry of every block; a limit's is its own.
-    P.delassus(2, 2) = r;
+  }
+  // As many lanes as there are problems, in pairs (a pair of lanes costs
+  // about what one does).
+  for (size_t k = first; k < limitProblemLog.size(); k += kMaxLimitLanes) {
+    const size_t count = std::min(kMaxLimitLanes, limitProblemLog.size() - k);
+    if (count <= 2)
+      sweepLimits<2>(k, count, problems);
+    else if (count <= 4)
+      sweepLimits<4>(k, count, problems);
+    else if (count <= 6)
+      sweepLimits<6>(k, count, problems);
+    else
+      sweepLimits<8>(k, count, problems);
   }
 }
 

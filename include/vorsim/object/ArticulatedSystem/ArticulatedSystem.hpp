@@ -578,14 +578,39 @@ class ArticulatedSystem : public Object {
   // every contact by one sweep each over the factors just computed, then the
   // self-collision post-pass and the impact velocities.
   void computeContactResponses();
-  void sweepContact(size_t c);
+  // Contacts first .. first + count - 1 (count at most kContactsPerSweep) in
+  // one sweep, three lanes per contact (its axes).
+  void sweepContacts(size_t first, size_t count);
+  static constexpr size_t kContactsPerSweep = 2;
+  using ContactLanes = Eigen::Array<double, 3 * kContactsPerSweep, 1>;
+  // Lanes of sweepContacts, laid out as those of sweepLimits; the mask has bit
+  // q for the joints on contact q's path, bit q + 4 at its body.
+  std::vector<ContactLanes, AlignedAllocator<ContactLanes, 32>> contactLaneVectors, contactLaneResponse;
+  std::vector<uint8_t> contactLanePath;
+  // Bodies 1 .. nbody - 1 by depth in the tree, then by index: the order of
+  // the sweeps' passes, which puts bodies that do not wait for each other
+  // next to each other (made on first use).
+  std::vector<size_t> sweepOrder;
+  const std::vector<size_t>& bodiesByDepth();
   void computeImpactVelocities();
   // Whether contact c is the owning side of a pair of this robot's own points
   // (a self-collision or a pin).
   bool isMergedOwner(const Contact& c) const;
-  // limitResponse[b] := M^-1 e along the joint of b (direction n for a
-  // spherical joint); returns the response along the constraint itself.
-  double sweepLimit(size_t b, const Mat<3, 1>& n);
+  // For the limit problems limitProblemLog[first .. first + count) (count at
+  // most W): limitResponse[b] := M^-1 e along the joint of each problem's
+  // body b (direction n = basis[0] for a spherical joint), and the problem's
+  // response along the constraint itself. The problems share one pass over
+  // the articulated-body factors, one lane each.
+  template <int W>
+  void sweepLimits(size_t first, size_t count, ContactProblemList& problems);
+  static constexpr size_t kMaxLimitLanes = 8;
+  // Lanes of sweepLimits: spatial forces (up) and accelerations (down), six
+  // entries per body, and the responses, one entry per gv index; each entry
+  // holds one number per problem.
+  std::vector<double, AlignedAllocator<double, 32>> limitLaneVectors, limitLaneResponse;
+  // Per body: bit r set if lane r's joint lies below the body's joint, bit
+  // r + 8 if it is the body's joint.
+  std::vector<uint16_t> limitLaneBelow;
   // The compact Jacobian of the contact path: the same joint columns as
   // getSparseJacobian, but for a floating base only the idx entries 0..5 and
   // column 3, which holds pointW - posW[0]; the reader builds the base part
