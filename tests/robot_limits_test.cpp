@@ -271,21 +271,27 @@ TEST(JointLimits, LimitResponsesAreColumnsOfTheInverseMass) {
   Child root = link("root", Joint::FLOATING, 3.0, {0.1, 0, 0});
   Child slider = limited("slider", Joint::PRISMATIC, 1.0, {0, 0.1, -0.2}, {0, 0, 1}, {0.2, 0, 0}, {0.1, 0.3});
   Child hinge = limited("hinge", Joint::REVOLUTE, 0.7, {0, 0, -0.3}, {0, 1, 0}, {0, 0, -0.2}, {-0.5, -0.2});
-  hinge.child.push_back(limited("ball", Joint::SPHERICAL, 0.4, {0.05, 0, -0.2}, {0, 0, 1}, {0, 0, -0.4}, {0.2, 0}));
+  Child ball = limited("ball", Joint::SPHERICAL, 0.4, {0.05, 0, -0.2}, {0, 0, 1}, {0, 0, -0.4}, {0.2, 0});
+  ball.child.push_back(limited("wrist", Joint::REVOLUTE, 0.2, {0, 0.05, -0.1}, {1, 0, 0}, {0, 0, -0.3}, {-0.5, 0.5}));
+  hinge.child.push_back(ball);
   slider.child.push_back(hinge);
   root.child = {slider, limited("side", Joint::REVOLUTE, 0.5, {0, 0.2, 0}, {1, 0, 0}, {-0.2, 0, 0}, {0.3, 0.4})};
   World world;
   ArticulatedSystem* s = world.addArticulatedSystem(root, "", 1, 0);
   // Below the slider's range, above the hinge's, the ball turned 0.5 rad
-  // about (0.6, 0, 0.8), below the side branch's range.
+  // about (0.6, 0, 0.8), the wrist below the ball below its range, below the
+  // side branch's range.
   const double c = std::cos(0.25), sn = std::sin(0.25);
-  s->setGeneralizedCoordinate({0, 0, 0, 1, 0, 0, 0, 0.0, 0.1, c, 0.6 * sn, 0.0, 0.8 * sn, 0.0});
-  const VecDyn gc = s->gc;
+  VecDyn gc = s->gc;
+  auto at = [&](const std::string& name) { return s->gcIdx[s->getBodyIdx(name)]; };
+  gc[at("slider")] = 0.0, gc[at("hinge")] = 0.1, gc[at("wrist")] = -0.6, gc[at("side")] = 0.0;
+  for (size_t k = 0; k < 4; ++k) gc[at("ball") + k] = std::vector<double>{c, 0.6 * sn, 0.0, 0.8 * sn}[k];
+  s->setGeneralizedCoordinate(gc);
   vorsim_test::setPd(*s, 40.0, 2.0, gc);
   world.integrate1();
   ContactProblemList problems;
   s->preContactSolverUpdate2(world.getGravity(), world.getTimeStep(), problems);
-  ASSERT_EQ(problems.size(), 4u);
+  ASSERT_EQ(problems.size(), 5u);
   Eigen::MatrixXd M = s->getMassMatrix().e();
   for (size_t i = 0; i < s->dof; ++i) M(Eigen::Index(i), Eigen::Index(i)) += s->dampedDiag[i];
   const Eigen::MatrixXd Minv = M.inverse();
