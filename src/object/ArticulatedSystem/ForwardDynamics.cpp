@@ -135,18 +135,6 @@ inline void choleskyInverse(const Mat6& A, Mat6& inverse) {
 
 // ------------------------------------------------------------ spatial shifts --
 
-void ArticulatedSystem::shiftForceToParent(size_t b, Vec6& f) const {
-  // The moment is taken about the parent's origin.
-  const Vec3 r = relPosW[b].e();
-  f.tail<3>() += r.cross(f.head<3>());
-}
-
-void ArticulatedSystem::shiftMotionFromParent(size_t b, Vec6& a) const {
-  // The point at the child's origin, rigidly attached to the parent.
-  const Vec3 r = relPosW[b].e();
-  a.head<3>() += a.tail<3>().cross(r);
-}
-
 void ArticulatedSystem::addInertiaToParent(size_t b, const Mat6& I, Mat6& sum) const {
   // X^T I X with X = [1, -S; 0, 1], S = skew(relPosW[b]), on the lower
   // blocks A (top left), C (bottom left) and D (bottom right) of I:
@@ -296,7 +284,7 @@ void ArticulatedSystem::abaBackwardBody(size_t b) {
       for (int i = 0; i < 6; ++i) p[i] += U[i] * dc.scaledForce;
     }
     addInertiaToParent(ch, Ia, M);
-    // The moment about this origin (shiftForceToParent, in scalars).
+    // The moment about the parent's origin: m += r x f, in scalars.
     const Vec3 r = relPosW[ch].e();
     p[3] += r(1) * p[2] - r(2) * p[1];
     p[4] += r(2) * p[0] - r(0) * p[2];
@@ -382,8 +370,8 @@ void ArticulatedSystem::abaRoot(const Mat<3, 1>& gravity) {
 
 void ArticulatedSystem::abaForwardBody(size_t b) {
   AbaData& d = abaData[b];
-  // The parent's acceleration at this origin (shiftMotionFromParent, in
-  // scalars).
+  // The parent's acceleration at this origin, the point rigidly attached to
+  // the parent: a += w' x r, in scalars.
   const Vec6& A = abaData[parent[b]].a;
   const Mat<3, 1>& r = relPosW[b];
   const double ap0 = A(0) + (A(4) * r[2] - A(5) * r[1]);

@@ -92,8 +92,8 @@ class ArticulatedSystem : public Object {
   // Per-body record of the articulated-body algorithm. Spatial vectors have six
   // entries, linear part first, in world coordinates, referred to the body's
   // origin posW[b]. Forces go up to the parent and motions come down from it
-  // through the shift by relPosW[b] (shiftForceToParent, addInertiaToParent,
-  // shiftMotionFromParent), so the shift is not stored.
+  // through the shift by relPosW[b] (in abaBackwardBody, addInertiaToParent
+  // and abaForwardBody), so the shift is not stored.
   struct alignas(32) AbaData {
     // M_A about posW[b], in its lower triangle (whole for a spherical joint).
     Eigen::Matrix<double, 6, 6> articulatedInertia;
@@ -104,11 +104,6 @@ class ArticulatedSystem : public Object {
     Eigen::Matrix<double, 6, 1> S, Sdot, U, UDinv;
     double Dinv;         // inverse joint-space inertia
     double scaledForce;  // Dinv (tau - S^T p_A - U^T c)
-    // Three rows of spatial force (contact sweeps) and one row (limit sweeps):
-    // forces on the way up, accelerations on the way down. Row-major: the
-    // sweeps work row by row.
-    Eigen::Matrix<double, 3, 6, Eigen::RowMajor> response;
-    Eigen::Matrix<double, 6, 1> scratch;
   };
   // The joint terms of a three-dof (spherical) joint, one record per body.
   struct alignas(32) AbaData3 {
@@ -670,13 +665,10 @@ class ArticulatedSystem : public Object {
   void abaBackwardBody(size_t b);
   void abaRoot(const Mat<3, 1>& gravity);
   void abaForwardBody(size_t b);
-  // Spatial shifts along relPosW[b], between body b's origin and its parent's.
-  void shiftForceToParent(size_t b, Eigen::Matrix<double, 6, 1>& f) const;
-  // sum += the inertia about body b's origin taken to its parent's; both
-  // symmetric and held in their lower triangles.
+  // sum += the inertia about body b's origin taken to its parent's (a shift
+  // along relPosW[b]); both symmetric and held in their lower triangles.
   void addInertiaToParent(size_t b, const Eigen::Matrix<double, 6, 6>& inertia,
                           Eigen::Matrix<double, 6, 6>& sum) const;
-  void shiftMotionFromParent(size_t b, Eigen::Matrix<double, 6, 1>& a) const;
 
   // Integration.
   void integratePosition(VecDyn& gc, const VecDyn& velocity, double dt);
