@@ -17,6 +17,8 @@ namespace vorsim {
 
 namespace {
 
+using internal::forceToParent;
+using internal::motionFromParent;
 using internal::timesSkew;
 
 using Vec3 = Eigen::Vector3d;
@@ -318,10 +320,7 @@ void ArticulatedSystem::sweepContacts(size_t first, size_t count) {
         if (path >> q & 1u) Lj[0].segment<3>(3 * Eigen::Index(q)) = t.segment<3>(3 * Eigen::Index(q));
       for (int m = 0; m < 6; ++m) f[m] -= t * d.U(m);
     }
-    const Vec3 r = relPosW[j].e();
-    f[3] += r(1) * f[2] - r(2) * f[1];
-    f[4] += r(2) * f[0] - r(0) * f[2];
-    f[5] += r(0) * f[1] - r(1) * f[0];
+    forceToParent([f](int k) -> Lanes& { return f[k]; }, relPosW[j]);
     Lanes* up = V + 6 * parent[j];
     for (size_t q = 0; q < count; ++q)
       if (path >> q & 1u)
@@ -345,13 +344,8 @@ void ArticulatedSystem::sweepContacts(size_t first, size_t count) {
   for (const size_t i : order) {
     Lanes* a = V + 6 * i;
     const Lanes* ap = V + 6 * parent[i];
-    const Vec3 r = relPosW[i].e();
-    a[0] = ap[0] + (ap[4] * r(2) - ap[5] * r(1));
-    a[1] = ap[1] + (ap[5] * r(0) - ap[3] * r(2));
-    a[2] = ap[2] + (ap[3] * r(1) - ap[4] * r(0));
-    a[3] = ap[3];
-    a[4] = ap[4];
-    a[5] = ap[5];
+    motionFromParent([a](int k) -> Lanes& { return a[k]; }, [ap](int k) -> const Lanes& { return ap[k]; },
+                     relPosW[i]);
     const size_t g = gvIdx[i];
     Lanes* Li = L + g;
     if (jointType[i] == Joint::SPHERICAL) {

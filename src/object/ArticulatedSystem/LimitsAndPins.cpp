@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "skewProducts.hpp"
 #include "vorsim/VorSimMsg.hpp"
 #include "vorsim/contact/Single3DContactProblem.hpp"
 #include "vorsim/object/ArticulatedSystem/ArticulatedSystem.hpp"
@@ -101,10 +102,7 @@ void ArticulatedSystem::sweepLimits(size_t first, size_t count, ContactProblemLi
         }
       }
     }
-    const Mat<3, 1>& x = relPosW[j];
-    f(3) += x[1] * f(2) - x[2] * f(1);
-    f(4) += x[2] * f(0) - x[0] * f(2);
-    f(5) += x[0] * f(1) - x[1] * f(0);
+    internal::forceToParent(f, relPosW[j]);
     const size_t pj = parent[j];
     auto up = [&V, pj](int k) { return V(6 * pj + size_t(k)); };
     for (int r = 0; r < W; ++r)
@@ -129,13 +127,7 @@ void ArticulatedSystem::sweepLimits(size_t first, size_t count, ContactProblemLi
     auto a = [&V, i](int k) { return V(6 * i + size_t(k)); };
     const size_t pi = parent[i];
     auto ap = [&V, pi](int k) { return V(6 * pi + size_t(k)); };
-    const Mat<3, 1>& x = relPosW[i];
-    a(0) = ap(0) + (ap(4) * x[2] - ap(5) * x[1]);
-    a(1) = ap(1) + (ap(5) * x[0] - ap(3) * x[2]);
-    a(2) = ap(2) + (ap(3) * x[1] - ap(4) * x[0]);
-    a(3) = ap(3);
-    a(4) = ap(4);
-    a(5) = ap(5);
+    internal::motionFromParent(a, ap, relPosW[i]);
     const size_t gi = gvIdx[i];
     auto Li = [&L, gi](int k) { return L(gi + size_t(k)); };
     if (jointType[i] == Joint::SPHERICAL) {
