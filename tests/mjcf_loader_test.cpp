@@ -170,31 +170,22 @@ TEST(MjcfLoader, SceneElementsReachTheWorld) {
 }
 
 TEST(MjcfLoader, MovedFixedBodiesKeepsTheSwapOrder) {
-  // Each fixed entry ("F...") moves to the fixed bodies, and the last entry
-  // among the movable ones takes its place.
-  struct Case {
-    std::vector<std::string> children, movable, fixed;
-  };
-  const Case cases[] = {{{"F1", "A", "B", "F2", "C"}, {"C", "A", "B"}, {"F1", "F2"}},
-                        {{"A", "F", "B"}, {"A", "B"}, {"F"}},
-                        {{"A", "F1", "F2"}, {"A"}, {"F1", "F2"}}};
-  for (const Case& c : cases) {
-    Child top;
-    for (const std::string& n : c.children) {
-      top.child.emplace_back();
-      top.child.back().bodyName = n;
-      top.child.back().type = n[0] == 'F' ? Joint::FIXED : Joint::REVOLUTE;
-      top.child.back().child.resize(1);  // a fixed grandchild moves too
-      top.child.back().child[0].type = Joint::FIXED;
-    }
-    mjcf::movedFixedBodies(top);
-    std::vector<std::string> movable, fixed;
-    for (const Child& k : top.child) movable.push_back(k.bodyName);
-    for (const Child& k : top.fixedBodies) fixed.push_back(k.bodyName);
-    EXPECT_EQ(movable, c.movable);
-    EXPECT_EQ(fixed, c.fixed);
-    for (const Child& k : top.child) EXPECT_TRUE(k.child.empty() && k.fixedBodies.size() == 1u) << k.bodyName;
+  // Each fixed child moves to the fixed bodies and the last movable one takes
+  // its place; a fixed grandchild moves into its parent's fixed bodies.
+  Child top;
+  for (const char* name : {"F1", "A", "B", "F2", "C"}) {
+    top.child.emplace_back();
+    top.child.back().bodyName = name;
+    top.child.back().type = name[0] == 'F' ? Joint::FIXED : Joint::REVOLUTE;
+    top.child.back().child.resize(1);
+    top.child.back().child[0].type = Joint::FIXED;
   }
+  mjcf::movedFixedBodies(top);
+  std::vector<std::string> order;  // movable children with their numbers of fixed and movable children, then fixed
+  for (const Child& k : top.child)
+    order.push_back(k.bodyName + std::to_string(k.fixedBodies.size()) + std::to_string(k.child.size()));
+  for (const Child& k : top.fixedBodies) order.push_back(k.bodyName);
+  EXPECT_EQ(order, (std::vector<std::string>{"C10", "A10", "B10", "F1", "F2"}));
 }
 
 TEST(MjcfLoader, ClassesPosesOrientationsAndSizes) {
@@ -270,11 +261,7 @@ TEST(MjcfLoader, UnderAReturningCallbackBadGeomsAreLeftOut) {
   <geom name="good" type="sphere" size="1"/>
 </worldbody></mujoco>)");
   VorSimMsg::setFatalCallback([] {});
-  std::unique_ptr<World> world;
-  {
-    StdoutCapture quiet;
-    world = std::make_unique<World>(path);
-  }
+  const auto world = vorsim_test::built<World>(path).first;
   VorSimMsg::resetFatalCallback();
   ASSERT_EQ(world->getObjList().size(), 1u);
   EXPECT_EQ(world->getObjList()[0]->getName(), "good");
