@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <random>
 
 #include "mjcfLoader.hpp"
 #include "robot_compare.hpp"
@@ -58,19 +57,13 @@ TEST(MjcfLoader, SameRobotAsUrdf) {
   vorsim_test::expectSameTables(*a, *b, 1e-12);
 
   // The MJCF reference angle is the starting coordinate; otherwise the same
-  // kinematics and mass matrix at random configurations.
+  // mass matrix (anything the tables leave out would show there).
   EXPECT_NEAR(a->getGeneralizedCoordinate()[1], 0.17453292519943295, 1e-16);
-  std::mt19937 rng(5);
-  std::uniform_real_distribution<double> u(-1.0, 1.0);
-  for (int trial = 0; trial < 5; ++trial) {
-    VecDyn q(a->gcDim);
-    for (size_t i = 0; i < q.n; ++i) q[i] = u(rng);
-    a->setGeneralizedCoordinate(q);
-    b->setGeneralizedCoordinate(q);
-    const Eigen::MatrixXd Ma = vorsim_test::massMatrixOf(*a), Mb = vorsim_test::massMatrixOf(*b);
-    EXPECT_LT((Ma - Mb).cwiseAbs().maxCoeff(), 1e-12) << Ma << "\n\n" << Mb;
-    EXPECT_GT(Ma.diagonal().minCoeff(), 0.01);  // every joint carries mass
-  }
+  VecDyn q(a->gcDim);
+  for (size_t i = 0; i < q.n; ++i) q[i] = std::sin(double(i) + 1.0);
+  a->setGeneralizedCoordinate(q);
+  b->setGeneralizedCoordinate(q);
+  EXPECT_LT((vorsim_test::massMatrixOf(*a) - vorsim_test::massMatrixOf(*b)).cwiseAbs().maxCoeff(), 1e-12);
 }
 
 TEST(MjcfLoader, SceneElementsReachTheWorld) {

