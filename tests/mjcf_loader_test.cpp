@@ -163,10 +163,11 @@ TEST(MjcfLoader, SceneElementsReachTheWorld) {
 }
 
 TEST(MjcfLoader, MovedFixedBodiesKeepsTheSwapOrder) {
-  // Each fixed child moves to the fixed bodies and the last movable one takes
-  // its place; a fixed grandchild moves into its parent's fixed bodies.
+  // Each fixed child moves to the fixed bodies and the last child takes its
+  // place (F3, then B, for F1); a fixed grandchild moves into its parent's
+  // fixed bodies.
   Child top;
-  for (const char* name : {"F1", "A", "B", "F2", "C"}) {
+  for (const char* name : {"F1", "A", "F2", "B", "F3"}) {
     top.child.emplace_back();
     top.child.back().bodyName = name;
     top.child.back().type = name[0] == 'F' ? Joint::FIXED : Joint::REVOLUTE;
@@ -178,7 +179,7 @@ TEST(MjcfLoader, MovedFixedBodiesKeepsTheSwapOrder) {
   for (const Child& k : top.child)
     order.push_back(k.bodyName + std::to_string(k.fixedBodies.size()) + std::to_string(k.child.size()));
   for (const Child& k : top.fixedBodies) order.push_back(k.bodyName);
-  EXPECT_EQ(order, (std::vector<std::string>{"C10", "A10", "B10", "F1", "F2"}));
+  EXPECT_EQ(order, (std::vector<std::string>{"B10", "A10", "F1", "F2", "F3"}));
 }
 
 TEST(MjcfLoader, ClassesPosesOrientationsAndSizes) {
