@@ -74,10 +74,8 @@ TEST(Trajectory, RobotsAsTheirShapesAndTheFirstVersion) {
   vorsim::World world;
   // Anymal: boxes, spheres and cylinders, many turned against their links.
   auto* robot = world.addArticulatedSystem(std::string(VORSIM_TEST_DATA_DIR) + "/../../models/anymal_b/anymal.urdf");
-  vorsim::VecDyn gc(robot->gcDim);
-  for (size_t i = 0; i < robot->gcDim; ++i) gc[i] = 0.3 + 0.2 * double(i);
-  const double n = std::sqrt(gc[3] * gc[3] + gc[4] * gc[4] + gc[5] * gc[5] + gc[6] * gc[6]);
-  for (size_t i = 3; i < 7; ++i) gc[i] /= n;
+  vorsim::VecDyn gc(robot->gcDim);  // the base turned by the unit quaternion (0.5, 0.5, 0.5, 0.5)
+  for (size_t i = 0; i < robot->gcDim; ++i) gc[i] = i >= 3 && i < 7 ? 0.5 : 0.3 + 0.2 * double(i);
   robot->setGeneralizedCoordinate(gc);
   std::vector<trajectory::BodyInfo> table = {{vorsim::SPHERE, 1, {0.1, 0, 0}}};
   trajectory::appendRobot(*robot, 0, 3, table);

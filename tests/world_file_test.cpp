@@ -7,6 +7,7 @@
 #include <fstream>
 
 #include "helpers.hpp"
+#include "robot_compare.hpp"
 #include "test_helpers.hpp"
 #include "vorsim/Collision.hpp"
 #include "vorsim/object/ArticulatedSystem/ArticulatedSystem.hpp"
@@ -62,17 +63,13 @@ T* find(World& world, const std::string& name) {
 
 }  // namespace
 
-// ------------------------------------------------------------- arithmetic --
-
-TEST(MathExpression, ValuesMessagesAndNumbers) {
+TEST(TextHelpers, ExpressionsNumbersQuotationsAndPaths) {
   const std::pair<const char*, double> values[] = {
-      {"2*(3+4)", 14.0},
       {"1 + 2 * 3 - 4 / 2", 5.0},  // precedence
       {"10 - 2 - 3", 5.0},         // left association
       {"8 / 4 / 2", 1.0},
       {"-pi/2", -M_PI / 2},  // unary minus on the first operand
       {"2*-3", -6.0},        // and after an operator
-      {"3 - -1", 4.0},
       {"((1+2)*(3+4))/7", 3.0},
       {"sin(pi/2) + cos(0)", 2.0},
       {"exp(log(3))*2", std::exp(std::log(3.0)) * 2},
@@ -85,12 +82,9 @@ TEST(MathExpression, ValuesMessagesAndNumbers) {
   const std::string mismatch = "invalid math expression. Operator and operand number mistmatch.";
   const std::pair<const char*, std::string> bad[] = {
       {"2+", mismatch},
-      {"2 3", mismatch},
       {"", mismatch},
       {"*2", "Unknown math expression: *2"},
-      {"2+*3", "Unknown math expression: 2+*3"},
       {"tan(1)", "Unknown math expression: tan(1)"},
-      {"2*x", "Unknown math expression: 2*x"},
       {"(1+2", "Unknown math expression: (1+2"},
       {"1.2.3", "Unknown math expression: 1.2.3"},
   };
@@ -107,9 +101,32 @@ TEST(MathExpression, ValuesMessagesAndNumbers) {
   EXPECT_EQ(formatNumber(0.1), "0.1");
   for (double x : {M_PI, 1.0 / 3.0, 1e-300, -2.5e17, 0.30000000000000004})
     EXPECT_EQ(std::stod(formatNumber(x)), x) << formatNumber(x);
-}
 
-// ------------------------------------------------------------- text stage --
+  // Number lists split at blanks or commas.
+  std::vector<double> v;
+  ASSERT_TRUE(xml::parseNumbers(" 1  2\t3\n ", v));
+  EXPECT_EQ(v, (std::vector<double>{1, 2, 3}));
+  ASSERT_TRUE(xml::parseNumbers("1, 2,3", v));
+  EXPECT_EQ(v, (std::vector<double>{1, 2, 3}));
+  v = {9};
+  for (const char* text : {"1,,2", "1 two", "1e999"}) EXPECT_FALSE(xml::parseNumbers(text, v)) << text;
+  EXPECT_EQ(v, (std::vector<double>{9}));  // untouched on failure
+  double d = 0.0;
+  EXPECT_TRUE(xml::parseDouble(" -2.5e-3 ", d));
+  EXPECT_EQ(d, -2.5e-3);
+  EXPECT_FALSE(xml::parseDouble("2.5x", d));
+
+  EXPECT_EQ(getQuotation(R"(a="x" b="y")", 0, false), "x");
+  EXPECT_EQ(getQuotation(R"(a="x" b="y")", 4, false), " b=");
+  EXPECT_EQ(getQuotation(R"(a="x" b="y")", 6, true), "y");
+  EXPECT_EQ(getQuotation("no quotes", 0, false), "");
+  EXPECT_NE(fatalOf([] { getQuotation(R"(v="@@w")", 0, true); }).find("Unresolved param @@w"), std::string::npos);
+  EXPECT_EQ(directoryOf("a/b/c.xml"), "a/b");
+  EXPECT_EQ(directoryOf("c.xml"), ".");
+  EXPECT_EQ(directoryOf("/c.xml"), "/");
+  EXPECT_EQ(findFile("pendulum.urdf", kWorldDir), kWorldDir + "/pendulum.urdf");
+  EXPECT_EQ(findFile("nowhere.urdf", kWorldDir), "");
+}
 
 TEST(ConfigText, ParametersArraysAndExpressions) {
   const std::string path = writeTemp("text.xml", R"(<vorsim>
@@ -152,51 +169,16 @@ TEST(ConfigText, ParametersArraysAndExpressions) {
     underReturningCallback([&] { expanded = expandConfigText(path, {}, ""); });
     EXPECT_EQ(expanded, "") << file;
   }
-  EXPECT_NE(fatalOf([&] {
-              expandConfigText(kWorldDir + "none.xml", {}, "Could not open: ");
-            }).find("Could not open: " + kWorldDir + "none.xml"),
+  const std::string none = kWorldDir + "none.xml";
+  EXPECT_NE(fatalOf([&] { expandConfigText(none, {}, "Could not open: "); }).find("Could not open: " + none),
             std::string::npos);
 }
 
-TEST(ConfigText, NumberListsQuotationsAndPaths) {
-  std::vector<double> v;
-  ASSERT_TRUE(xml::parseNumbers(" 1  2\t3\n ", v));
-  EXPECT_EQ(v, (std::vector<double>{1, 2, 3}));
-  ASSERT_TRUE(xml::parseNumbers("1, 2,3", v));
-  EXPECT_EQ(v, (std::vector<double>{1, 2, 3}));
-  v = {9};
-  for (const char* bad : {"1,,2", "1 two", "1e999"}) EXPECT_FALSE(xml::parseNumbers(bad, v)) << bad;
-  EXPECT_EQ(v, (std::vector<double>{9}));  // untouched on failure
-  double d = 0.0;
-  EXPECT_TRUE(xml::parseDouble(" -2.5e-3 ", d));
-  EXPECT_EQ(d, -2.5e-3);
-  EXPECT_FALSE(xml::parseDouble("2.5x", d));
-
-  EXPECT_EQ(getQuotation(R"(a="x" b="y")", 0, false), "x");
-  EXPECT_EQ(getQuotation(R"(a="x" b="y")", 4, false), " b=");
-  EXPECT_EQ(getQuotation(R"(a="x" b="y")", 6, true), "y");
-  EXPECT_EQ(getQuotation("no quotes", 0, false), "");
-  EXPECT_NE(fatalOf([] { getQuotation(R"(v="@@w")", 0, true); }).find("Unresolved param @@w"), std::string::npos);
-  EXPECT_EQ(directoryOf("a/b/c.xml"), "a/b");
-  EXPECT_EQ(directoryOf("c.xml"), ".");
-  EXPECT_EQ(directoryOf("/c.xml"), "/");
-  EXPECT_EQ(findFile("pendulum.urdf", kWorldDir), kWorldDir + "/pendulum.urdf");
-  EXPECT_EQ(findFile("nowhere.urdf", kWorldDir), "");
-}
-
-// --------------------------------------------------------- element stage --
-
 TEST(WorldFile, EveryElementKindLoadsAndSteps) {
-  std::unique_ptr<World> owner;
-  {
-    StdoutCapture quiet;
-    owner = std::make_unique<World>(kWorldDir + "every_kind.xml", std::unordered_map<std::string, std::string>{});
-  }
+  const auto owner = vorsim_test::built<World>(kWorldDir + "every_kind.xml").first;
   World& world = *owner;
-  EXPECT_EQ(world.getConfigFile(), kWorldDir + "every_kind.xml");
   EXPECT_EQ(world.getGravity()[2], -9.8);
   EXPECT_EQ(world.getTimeStep(), 0.002);
-  EXPECT_EQ(world.getContactSolver().erp, 0.25);
   EXPECT_EQ(world.getContactSolver().erp2, 0.001);
   // The included material table.
   EXPECT_EQ(world.getMaterialManager().getMaterialPairProp("floor", "rubber").c_r, 0.5);
@@ -211,7 +193,6 @@ TEST(WorldFile, EveryElementKindLoadsAndSteps) {
 
   auto* ball = find<Sphere>(world, "ball");
   EXPECT_EQ(ball->getRadius(), 0.1);
-  EXPECT_EQ(ball->getMass(), 2.0);
   EXPECT_EQ(ball->getPosition()[2], 1.1);
   EXPECT_EQ(ball->getCollisionGroup(), 5u);  // collision[0, 2]
   EXPECT_EQ(ball->getCollisionMask(), 0xFFFFFFFFu);
@@ -232,13 +213,12 @@ TEST(WorldFile, EveryElementKindLoadsAndSteps) {
   EXPECT_EQ(pill->getRotationMatrix()(1, 1), -1.0);                   // quat (0 1 0 0): half turn about x
   EXPECT_EQ(find<Mesh>(world, "cube")->getMeshVertices()[0], -0.1f);  // scaled once
 
-  // Compound with a class reference: box, capsule, and the dumbbell's three.
+  // box, capsule, and the dumbbell class's three
   auto* bell = find<Compound>(world, "bell");
   ASSERT_EQ(bell->getChildren().size(), 5u);
   EXPECT_EQ(bell->getChildren()[0].appearance, "blue");
   EXPECT_EQ(bell->getChildren()[1].objectParam[1], 0.2);
   EXPECT_EQ(bell->getChildren()[2].material, "steel");
-  EXPECT_EQ(bell->getChildren()[2].position[2], 0.2);
   EXPECT_EQ(bell->getChildren()[4].objectType, CYLINDER);
   EXPECT_EQ(bell->getBodyComOffset()[2], 0.1);
   // A class inside a class: the dumbbell turned a quarter about x and moved
@@ -248,9 +228,7 @@ TEST(WorldFile, EveryElementKindLoadsAndSteps) {
   EXPECT_LE((dd->getChildren()[0].position.e() - Eigen::Vector3d(0.5, -0.2, 0.0)).cwiseAbs().maxCoeff(), 1e-15);
   EXPECT_EQ(dd->getChildren()[3].objectParam[0], 0.05);  // the pebble class
   EXPECT_EQ(dd->getChildren()[3].material, "stone");
-  for (int k : {1, 3, 5}) EXPECT_EQ(find<Sphere>(world, "pebble" + std::to_string(k))->getPosition()[0], 0.5 * k);
 
-  // Height maps from all four sources.
   TerrainProperties p(0.3, 4, 4, 0.5, 9, 9, 3, 2, 0.5, -1, -2, 7);
   HeightMap reference(0.0, 10.0, p);
   EXPECT_EQ(find<HeightMap>(world, "terrain")->getHeightMap(), reference.getHeightMap());
@@ -267,7 +245,6 @@ TEST(WorldFile, EveryElementKindLoadsAndSteps) {
   ASSERT_EQ(world.getWires().size(), 3u);
   auto* tether = world.getWire("tether");
   EXPECT_EQ(tether->getWireType(), LengthConstraint::STIFF);
-  EXPECT_EQ(tether->getStretchType(), LengthConstraint::BOTH);
   EXPECT_EQ(tether->getBody2(), crate);
   auto* spring = dynamic_cast<CompliantLengthConstraint*>(world.getWire("spring"));
   ASSERT_NE(spring, nullptr);
@@ -320,19 +297,20 @@ TEST(WorldFile, ParametersFromTheCallerTemplatesAndMjcfComesFirst) {
   EXPECT_EQ(t->comB[1][2], -0.4);  // the caller's rod
   EXPECT_EQ(t->getResourceDir(), kWorldDir.substr(0, kWorldDir.size() - 1));
   EXPECT_EQ(t->getUrdfString().find("@@"), std::string::npos);
-  EXPECT_NE(fatalOf([&] {
-              world.addArticulatedSystem(kWorldDir + "missing.urdf", params);
-            }).find(kWorldDir + "missing.urdf does not exist"),
+  const std::string missing = kWorldDir + "missing.urdf";
+  EXPECT_NE(fatalOf([&] { world.addArticulatedSystem(missing, params); }).find(missing + " does not exist"),
             std::string::npos);
 }
 
-// ------------------------------------------------------------- bad input --
-
-TEST(WorldFile, BadObjectsEndInLocatedMessages) {
+TEST(WorldFile, BadInputEndsInLocatedMessages) {
 #define PENDULUM "<articulated_system urdf_path=\"" VORSIM_TEST_DATA_DIR "/world/pendulum.urdf\""
   const std::pair<const char*, const char*> cases[] = {
       // the text inside <objects>, the message
       {"<sphere radius=\"1\"/>", "the node 'sphere' does not contain an attribute called 'mass'"},
+      // A read that fails after objects (and a robot) were built unwinds out of
+      // the constructor without leaks (the sanitizer build checks them).
+      {"<sphere mass=\"1\" radius=\"1\"/>" PENDULUM "/><box mass=\"1\"/>",
+       "the node 'box' does not contain an attribute called 'dim'"},
       {"<sphere mass=\"1\" radius=\"one\"/>", "the attribute 'radius' holds text that is not a number: 'one'"},
       {"<box mass=\"1\" dim=\"1 2\"/>", "the attribute 'dim' should have 3 numbers, not 2"},
       {"<cone mass=\"1\" radius=\"1\" height=\"1\"/>", "the node 'cone': Cone shape is not supported"},
@@ -390,14 +368,13 @@ TEST(WorldFile, BadObjectsEndInLocatedMessages) {
     EXPECT_NE(out.find(message), std::string::npos) << objects << "\n" << out;
     EXPECT_NE(out.find("in '" + path + "' at row:3 col:"), std::string::npos) << objects << "\n" << out;
   }
-}
 
-TEST(WorldFile, BadClassesWiresAndFilesEndInMessages) {
+  // Wires, classes, included files and settings.
   const std::string head =
       "<vorsim>\n<objects><sphere name=\"a\" mass=\"1\" radius=\"0.1\"/>"
       "<box name=\"b\" mass=\"1\" dim=\"1 1 1\"/></objects>\n<wire type=";
   const std::string ab = "<object name=\"a\"/><object name=\"b\"/></wire></vorsim>";
-  const std::pair<std::string, std::string> cases[] = {
+  const std::pair<std::string, std::string> files[] = {
       {head + "\"elastic\" length=\"1\">" + ab,
        "the node 'wire': Unknown wire type: \"elastic\". Available types are: compliant, stiff, custom"},
       {head + "\"stiff\" length=\"1\"><object name=\"a\"/><object name=\"c\"/></wire></vorsim>",
@@ -443,14 +420,13 @@ TEST(WorldFile, BadClassesWiresAndFilesEndInMessages) {
       {"<vorsim><include value=\"" + tempPath("bad.xml").substr(testing::TempDir().size()) + "\"/></vorsim>",
        "includes itself"},
   };
-  for (const auto& [text, message] : cases) {
+  for (const auto& [text, message] : files) {
     const std::string path = writeTemp("bad.xml", text);
     const std::string out = fatalOf([&] { World world(path); });
     EXPECT_NE(out.find(message), std::string::npos) << text << "\n" << out;
   }
-  EXPECT_NE(fatalOf([] {
-              World w(kWorldDir + "nowhere.xml");
-            }).find("Could not open the vorsim configuration file: " + kWorldDir + "nowhere.xml"),
+  const std::string nowhere = kWorldDir + "nowhere.xml";
+  EXPECT_NE(fatalOf([&] { World w(nowhere); }).find("Could not open the vorsim configuration file: " + nowhere),
             std::string::npos);
 }
 
@@ -473,17 +449,6 @@ TEST(WorldFile, UnderAReturningCallbackBadPartsAreLeftOut) {
   EXPECT_EQ(world->getObjList().size(), 3u);
   ASSERT_EQ(world->getWires().size(), 1u);
   EXPECT_EQ(world->getWires()[0]->getName(), "good");
-
-  // A read that fails after objects (and a robot) were built unwinds out of the
-  // constructor without leaks (the sanitizer build checks them).
-  const std::string failing = writeTemp("failing.xml",
-                                        "<vorsim><objects>\n<sphere mass=\"1\" radius=\"1\"/>\n"
-                                        "<articulated_system urdf_path=\"" +
-                                            kWorldDir +
-                                            "pendulum.urdf\"/>\n"
-                                            "<box mass=\"1\"/></objects></vorsim>");
-  EXPECT_NE(fatalOf([&] { World w(failing); }).find("the node 'box' does not contain an attribute called 'dim'"),
-            std::string::npos);
 }
 
 TEST(WorldFile, DampingAndGyroscopicModesReadAndWrittenBack) {
@@ -524,12 +489,10 @@ TEST(WorldFile, DampingAndGyroscopicModesReadAndWrittenBack) {
     }
 }
 
-// ------------------------------------------------------- solver settings --
-
 namespace {
 
 // Boxes dropped on each other and on the ground: contacts that persist, so
-// that the warm start and exact sliding change the result.
+// that the warm start has something to start.
 const char* kPile =
     "<objects>\n"
     "  <ground name=\"floor\"/>\n"
@@ -538,46 +501,21 @@ const char* kPile =
     "  <box name=\"b2\" mass=\"5\" dim=\"0.2 0.2 0.2\"><state pos=\"-0.02 0.01 0.52\"/></box>\n"
     "</objects>\n";
 
-// The three boxes' positions and velocities after n steps.
-std::vector<double> pileAfter(World& world, int n) {
-  for (int i = 0; i < n; ++i) world.integrate();
-  std::vector<double> out;
-  for (const char* name : {"b0", "b1", "b2"}) {
-    auto* b = dynamic_cast<SingleBodyObject*>(world.getObject(name));
-    for (size_t k = 0; k < 3; ++k)
-      for (double x : {b->getPosition()[k], b->getLinearVelocity()[k], b->getAngularVelocity()[k]}) out.push_back(x);
-  }
-  return out;
-}
-
 }  // namespace
 
 TEST(WorldFile, ContactSolverSettingsReadWriteAndDefaults) {
-  // The options off explicitly, the rest left out: the defaults, and the same
-  // steps to the bit as a world built in code.
+  // The options off explicitly, the rest left out: the defaults.
   World plain(writeTemp("plain.xml", std::string("<vorsim>\n<contact_solver warm_start=\"false\" "
                                                  "exact_coulomb_sliding=\"False\"/>\n") +
                                          kPile + "</vorsim>"));
-  EXPECT_FALSE(plain.getWarmStart());
-  EXPECT_FALSE(plain.getExactCoulombSliding());
-  EXPECT_EQ(plain.getWarmStartTolerance(), 0.01);
-  EXPECT_EQ(plain.getContactSolver().maxIter, 150);
-  EXPECT_EQ(plain.getContactSolver().threshold, 1e-8);
-  World coded;
-  coded.addGround()->setName("floor");
-  const double z[3] = {0.099, 0.3, 0.52}, x[3] = {0.0, 0.02, -0.02}, y[3] = {0.0, 0.0, 0.01}, m[3] = {1, 1, 5};
-  for (int i = 0; i < 3; ++i) {
-    Box* b = coded.addBox(0.2, 0.2, 0.2, m[i]);
-    b->setName("b" + std::to_string(i));
-    b->setPosition(x[i], y[i], z[i]);
-  }
-  dynamic_cast<Box*>(coded.getObject("b0"))->setVelocity(0.3, 0, 0, 0, 0, 0);
-  dynamic_cast<Box*>(coded.getObject("b1"))->setVelocity(0, 0, 0, 0, 0, 1);
-  const std::vector<double> reference = pileAfter(coded, 300);
-  EXPECT_EQ(pileAfter(plain, 300), reference);
+  const contact::BisectionContactSolver& defaults = plain.getContactSolver();
+  EXPECT_EQ(std::make_tuple(plain.getWarmStart(), plain.getExactCoulombSliding(), plain.getWarmStartTolerance(),
+                            defaults.maxIter, defaults.threshold),
+            std::make_tuple(false, false, 0.01, 150, 1e-8));
 
-  // Both spellings set the options, which are written out and read back, and
-  // which change the steps.
+  // Both spellings set the options, which are written out and read back and
+  // reach the steps. (What they change in the steps is checked in the
+  // warm-start and export tests.)
   for (const char* element :
        {"<contact_solver warm_start=\"true\" warm_start_tolerance=\"0.005\" exact_coulomb_sliding=\"True\" "
         "max_iteration=\"90\" threshold=\"1e-10\" alpha_init=\"0.5\" alpha_min=\"0.25\" alpha_decay=\"0.125\" "
@@ -588,21 +526,13 @@ TEST(WorldFile, ContactSolverSettingsReadWriteAndDefaults) {
     World on(writeTemp("on.xml", std::string("<vorsim>\n") + element + "\n" + kPile + "</vorsim>"));
     const std::unique_ptr<World> back = exportedAndRead(on, "vorsim_world_solver_back.xml");
     for (World* w : {&on, back.get()}) {
-      SCOPED_TRACE(std::string(element) + (w == &on ? "" : ", read back"));
-      EXPECT_TRUE(w->getWarmStart());
-      EXPECT_EQ(w->getWarmStartTolerance(), 0.005);
-      EXPECT_TRUE(w->getExactCoulombSliding());
-      const contact::BisectionContactSolver& solver = w->getContactSolver();
-      EXPECT_EQ(solver.maxIter, 90);
-      EXPECT_EQ(solver.threshold, 1e-10);
-      EXPECT_EQ(solver.alpha_init, 0.5);
-      EXPECT_EQ(solver.alpha_min, 0.25);
-      EXPECT_EQ(solver.alpha_decay, 0.125);
-      EXPECT_FALSE(solver.isForwardOrder());
+      const contact::BisectionContactSolver& s = w->getContactSolver();
+      EXPECT_EQ(std::make_tuple(w->getWarmStart(), w->getExactCoulombSliding(), w->getWarmStartTolerance(), s.maxIter,
+                                s.threshold, s.alpha_init, s.alpha_min, s.alpha_decay, s.isForwardOrder()),
+                std::make_tuple(true, true, 0.005, 90, 1e-10, 0.5, 0.25, 0.125, false))
+          << element << (w == &on ? "" : ", read back");
     }
-    const std::vector<double> warm = pileAfter(on, 300);
-    EXPECT_EQ(pileAfter(*back, 300), warm);
+    for (int i = 0; i < 100; ++i) on.integrate();
     EXPECT_GT(on.getWarmStartedProblemCount(), 0u);
-    EXPECT_NE(warm, reference);
   }
 }

@@ -41,25 +41,38 @@ class XmlTest : public testing::Test {
 
 }  // namespace
 
-TEST_F(XmlTest, VectorsAndDimensionMessage) {
-  for (const char* text : {"1,2,3", "1 2 3", "1  2   3", "  1 2 3 ", "1, 2, 3", "1 ,2 , 3"}) {
+TEST_F(XmlTest, VectorsOptionalAttributesAndDimensionMessage) {
+  for (const char* text : {"1,2,3", "  1  2 3 ", "1 ,2 , 3"}) {
     const auto v = VorSimTinyXmlWrapper(std::string("<r v=\"") + text + "\"/>", "r").getAttributeMust<Vec3>("v");
     EXPECT_EQ((std::vector<double>{v[0], v[1], v[2]}), (std::vector<double>{1, 2, 3})) << text;
   }
-  VorSimTinyXmlWrapper root(kRobotFile, "robot");
-  const auto links = root.getChildren("link");
-  VecDyn dyn(2);  // dynamic forms take their length from the text
-  ASSERT_TRUE(links[0].getAttributeIfExists("rpy", dyn));
-  EXPECT_EQ(dyn.size(), 3u);
   VorSimTinyXmlWrapper bad("<r a=\"1 x 3\" b=\"1e999,0,0\"/>", "r");  // conversion errors reach the caller
   EXPECT_THROW(bad.getAttributeMust<Vec3>("a"), std::invalid_argument);
   EXPECT_THROW(bad.getAttributeMust<Vec3>("b"), std::out_of_range);
 
+  const VorSimTinyXmlWrapper root(kRobotFile, "robot");
+  const auto base = root.getChildren("link").at(0);
+  VecDyn dyn(2);  // dynamic forms take their length from the text
+  ASSERT_TRUE(base.getAttributeIfExists("rpy", dyn));
+  EXPECT_EQ(dyn.size(), 3u);
   Mat<4, 1> target{9, 9, 9, 9};
-  EXPECT_EQ(fatalText([&] { links[0].getAttributeIfExists("xyz", target); }),
+  EXPECT_EQ(fatalText([&] { base.getAttributeIfExists("xyz", target); }),
             "Dimension mismatch. File: " + kRobotFile +
                 ", node: robot/link/, at row:2 col:3, Attribute: xyz should have a dimension of 4");
   EXPECT_EQ(target[0], 9.0);
+
+  double d = 7;
+  StdoutCapture out;  // an absent attribute leaves the target alone and prints nothing
+  EXPECT_FALSE(base.getAttributeIfExists("inertia", d));
+  EXPECT_EQ(out.text(), "");
+  EXPECT_EQ(d, 7.0);
+  EXPECT_TRUE(base.getAttributeIfExists("mass", "id", d));  // the first name wins
+  EXPECT_EQ(d, 2.5);
+  EXPECT_TRUE(base.getAttributeIfExists("inertia", "id", d));  // the second is a fallback
+  EXPECT_EQ(d, 12.0);
+  size_t z = 7;
+  EXPECT_FALSE(base.getAttributeIfExists("inertia", "weight", z));
+  EXPECT_EQ(z, 7u);
 }
 
 TEST_F(XmlTest, ConstructionChildrenAndLocatedMessages) {
@@ -88,23 +101,6 @@ TEST_F(XmlTest, ConstructionChildrenAndLocatedMessages) {
   EXPECT_EQ(fatalText([&] { text.getChildren("link").at(0).errorMessage("boom"); }),
             located(1, 8, "link", "URDF from a string") + ": boom");
   EXPECT_EQ(fatalText([] { VorSimTinyXmlWrapper().getChildren("a"); }), "You have accessed a dummy node");
-}
-
-TEST_F(XmlTest, OptionalAndTwoNameAttributes) {
-  const VorSimTinyXmlWrapper root(kRobotFile, "robot");
-  const auto base = root.getChildren("link").at(0);
-  double d = 7;
-  StdoutCapture out;  // an absent attribute leaves the target alone and prints nothing
-  EXPECT_FALSE(base.getAttributeIfExists("inertia", d));
-  EXPECT_EQ(out.text(), "");
-  EXPECT_EQ(d, 7.0);
-  EXPECT_TRUE(base.getAttributeIfExists("mass", "id", d));  // the first name wins
-  EXPECT_EQ(d, 2.5);
-  EXPECT_TRUE(base.getAttributeIfExists("inertia", "id", d));  // the second is a fallback
-  EXPECT_EQ(d, 12.0);
-  size_t z = 7;
-  EXPECT_FALSE(base.getAttributeIfExists("inertia", "weight", z));
-  EXPECT_EQ(z, 7u);
 }
 
 TEST_F(XmlTest, CopiesOwnTheirDocument) {
