@@ -225,14 +225,27 @@ TEST(RayCast, HeightfieldsAgreeWithTheCollisionLibrary) {
       const Eigen::Vector3d p = batched[0].position.e();
       EXPECT_LT((p - ref.pos).norm(), 1e-9) << "ray " << i;
       EXPECT_EQ(batched[0].object, c.map);
-      // Every query route gives the same point, which lies on the surface.
+      // Every query route gives the same point, which lies on the surface, and
+      // the surface's normal there.
       EXPECT_EQ(p, singlePos);
       EXPECT_NEAR(p.z(), c.map->getHeight(p.x(), p.y()), 1e-9);
+      Mat<3, 1> n;
+      c.map->getNormal(p.x(), p.y(), n);
+      const dReal* rn = batched[0].rayContact.normal;
+      EXPECT_NEAR(std::abs(n[0] * rn[0] + n[1] * rn[1] + n[2] * rn[2]), 1.0, 1e-9) << "ray " << i;
     }
     EXPECT_GT(hits, 100);
     EXPECT_GT(fromBelow, 10);
     destroyGeom(ray);
   }
+  // setPosition moves the geom; the height queries keep answering for the old place.
+  const double before = rough->getHeight(2.0, 0.0);
+  rough->setPosition(30.0, 30.0, 0.0);
+  EXPECT_EQ(rough->getHeight(2.0, 0.0), before);
+  EXPECT_EQ(world.rayTest({2.0, 0.0, 5.0}, {0, 0, -1}, 20.0, true).size, 0u);
+  const auto& moved = world.rayTest({30.5, 30.5, 5.0}, {0, 0, -1}, 20.0, true);
+  ASSERT_EQ(moved.size, 1u);
+  EXPECT_NEAR(moved[0].position[2], before, 1e-9);
 }
 
 TEST(RayCast, BatchSnapshotMatchesSingleQueriesAndHoldsStill) {
