@@ -1,7 +1,5 @@
-// Ray casting: hits on every primitive, masks, owners and the closest-hit
-// rule; the collision layer's own casting checked against the installed
-// collision library's ray tests on random rays (every primitive,
-// heightfields); the batch snapshot against single queries; degenerate rays.
+// Ray casting: random rays against the collision library's own ray tests (every primitive, heightfields),
+// the batch snapshot against single queries, degenerate rays, and simple scenes by hand.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -46,9 +44,8 @@ Eigen::Vector3d randomUnit(std::mt19937& rng) {
   return v.normalized();
 }
 
-// Casts `count` random rays from points around the geom's position (a third
-// of them starting inside its bounding box) and compares our nearest hit, by
-// dRayTest and by a RayScene, with the collision library's.
+// Casts `count` random rays around the geom's position (a third starting inside its bounding box) and
+// compares our nearest hit, by dRayTest and by a RayScene, with the collision library's.
 void compareWithReference(dGeomID geom, const Eigen::Vector3d& center, double spread, int count, uint32_t seed,
                           const char* what) {
   dSpaceID space = dSimpleSpaceCreate(nullptr);

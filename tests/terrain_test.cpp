@@ -199,7 +199,6 @@ TEST(HeightMap, TextAndPngSources) {
   auto* fromPng = world.addHeightMap(png16, 0.0, 0.0, 2.0, 2.0, 1e-4, 0.5);
   EXPECT_NEAR(fromPng->getHeight(1.0, -1.0), 65280 * 1e-4 + 0.5, 1e-12);
   // A copy has the grid, the place and the material of its source.
-  fromText->setName("text map");
   fromText->setPosition(1.0, 1.0, 0.2);
   auto* copy = world.addHeightMap(fromText, 2, 2);
   EXPECT_EQ(copy->getHeightMap(), fromText->getHeightMap());
@@ -229,7 +228,6 @@ TEST(HeightMap, BadInputIsAFatalMessage) {
   }
   std::ofstream(tempFile("cut.png"), std::ios::binary) << bytes.substr(0, bytes.size() / 2);
 
-  const std::string channel = ": a PNG height map must have a single grey channel (no colour, palette or alpha)";
   const std::pair<std::string, std::string> textCases[] = {
       {"few.txt", "insufficient number of height values"},
       {"bad.txt", "Height Map is in a wrong format"},
@@ -242,7 +240,8 @@ TEST(HeightMap, BadInputIsAFatalMessage) {
       {"absent.png", tempFile("absent.png") + " not found"},
       {"tiny.png", "Error reading header"},
       {"text.png", tempFile("text.png") + " is not png"},
-      {"rgb.png", tempFile("rgb.png") + channel},
+      {"rgb.png",
+       tempFile("rgb.png") + ": a PNG height map must have a single grey channel (no colour, palette or alpha)"},
       {"gray4.png", "PNG height map only support bit depth of 8 or 16"},
       {"cut.png", "libpng fialed to read the png info"},
       // A single-sample PNG is read, and then refused as a grid.

@@ -1,6 +1,5 @@
-// Wires against analytic motion: a pendulum on a stiff wire, a mass on a
-// compliant wire, a custom wire's tension, a stiff rod between two free bodies,
-// and stiff wires that have no dynamic end.
+// Wires against analytic motion (pendulum, spring, custom tension, a rod between free bodies), their
+// contact records, and stiff wires that have no dynamic end.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -199,10 +198,8 @@ TEST(Wire, StiffWireRecordsTwinContactsAtTheFirstMount) {
 }
 
 TEST(Wire, StiffWiresWithoutADynamicEndChangeNothing) {
-  // Nothing can move such a wire (between static and kinematic blocks moving
-  // apart): its problem is inactive and applies nothing, so a pyramid of 15
-  // boxes stepped 1 s with a fixed number of sweeps moves bit for bit as
-  // without it.
+  // Nothing can move a wire between static and kinematic blocks: its problem is inactive and applies
+  // nothing, so a pyramid stepped with a fixed number of sweeps moves bit for bit as without it.
   std::vector<double> state[2];
   for (const bool withWires : {false, true}) {
     World world;
