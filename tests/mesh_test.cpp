@@ -63,19 +63,16 @@ Mat<3, 3> boxInertia(double m, double x, double y, double z) {
 
 }  // namespace
 
-TEST(MeshObj, ReadsVerticesQuadsSlashesAndLineEnds) {
+TEST(MeshObj, QuadsSlashesLineEndsBadFilesScalesAndTheBoundingBoxQuirk) {
   std::vector<float> v;
   std::vector<uint32_t> idx;
   Mesh::loadObj(kMeshDir + "cube.obj", v, idx, 2.0);
   ASSERT_EQ(v.size(), 24u);
-  EXPECT_FLOAT_EQ(v[0], -1.0f);  // scaled once in double precision
-  EXPECT_FLOAT_EQ(v[21], -1.0f);
   ASSERT_EQ(idx.size(), 36u);  // six quads, two triangles each
   // "f 1/1/1 4/1/1 3/1/1 2/1/1": (0, 3, 2) and (2, 1, 0).
   EXPECT_EQ(std::vector<uint32_t>(idx.begin(), idx.begin() + 6), (std::vector<uint32_t>{0, 3, 2, 2, 1, 0}));
   // Runs of blanks between tokens: "f  4  1  5  8".
   EXPECT_EQ(std::vector<uint32_t>(idx.end() - 6, idx.end()), (std::vector<uint32_t>{3, 0, 4, 4, 7, 3}));
-
   v.clear();
   idx.clear();
   Mesh::loadObj(kMeshDir + "crlf_quad.obj", v, idx, 1.0);
@@ -84,11 +81,7 @@ TEST(MeshObj, ReadsVerticesQuadsSlashesAndLineEnds) {
   // A quad whose fourth vertex repeats the third is one triangle; "1/2/3 4/5/6
   // 2/8/9" counts by the first number of each.
   EXPECT_EQ(idx, (std::vector<uint32_t>{0, 1, 2, 0, 3, 1}));
-}
 
-TEST(MeshObj, BadFilesScalesAndTheBoundingBoxQuirk) {
-  std::vector<float> v;
-  std::vector<uint32_t> idx;
   const std::pair<std::string, std::string> cases[] = {
       {"missing.obj", kMeshDir + "missing.obj is not found."},
       {"cube.stl", "Only obj files are supported for mesh collision bodies"},
@@ -101,6 +94,8 @@ TEST(MeshObj, BadFilesScalesAndTheBoundingBoxQuirk) {
     EXPECT_NE(text.find(message), std::string::npos) << file << ": " << text;
   }
 
+  // The file is scaled once in double precision by loadObj, and the mass-only
+  // constructor scales it a second time.
   Mesh twice(kMeshDir + "cube.obj", nullptr, 2.0, 2.0);
   Mesh once(kMeshDir + "cube.obj", nullptr, 2.0, boxInertia(1.0, 1, 1, 1), Mat<3, 1>{0, 0, 0}, 2.0);
   EXPECT_FLOAT_EQ(twice.getMeshVertices()[0], -2.0f);  // 4 x the file's -0.5
@@ -129,15 +124,6 @@ TEST(MeshMassProperties, ClosedMeshesMatchTheSolidsTheyBound) {
   EXPECT_LT((com.e() - Eigen::Vector3d(1.0, 0.0, -0.5)).norm(), 1e-7);
   const Mat<3, 3> ref = boxInertia(3.0, 0.4, 0.4, 0.4);
   for (size_t i = 0; i < 9; ++i) EXPECT_NEAR(I[i], ref[i], 1e-7) << i;
-
-  // A fine icosphere approaches the solid ball: 2/5 m r^2.
-  v.clear();
-  idx.clear();
-  Mesh::loadObj(writeIcosphere(4), v, idx, 0.5);
-  Mesh::massPropertiesOfClosedMesh(v, idx, 2.0, I, com);
-  EXPECT_NEAR(I(0, 0), 0.4 * 2.0 * 0.25, 0.01 * 0.2);
-  EXPECT_NEAR(I(1, 1), I(2, 2), 1e-3 * I(2, 2));
-  EXPECT_NEAR(com.norm(), 0.0, 1e-6);
 
   // A single triangle encloses nothing.
   std::vector<float> tri{0, 0, 0, 1, 0, 0, 0, 1, 0};
@@ -181,11 +167,7 @@ TEST(MeshDynamics, MeshesCollideWithPrimitivesAndEachOther) {
   world.addGround();
   const double edge = 0.2;
   const Mat<3, 3> I = boxInertia(1.0, edge, edge, edge);
-  // A mesh cube on a box, and a mesh cube on a mesh cube.
-  auto* base = world.addBox(edge, edge, edge, 1.0);
-  base->setPosition(0, 0, edge / 2);
-  auto* onBox = world.addMesh(kMeshDir + "cube.obj", 1.0, I, Mat<3, 1>{0, 0, 0}, edge);
-  onBox->setPosition(0, 0, 1.5 * edge + 0.01);
+  // A mesh cube on a mesh cube (a mesh on a box rolls down the slope above).
   auto* meshBase = world.addMesh(kMeshDir + "cube.obj", 1.0, I, Mat<3, 1>{0, 0, 0}, edge);
   meshBase->setPosition(1, 0, edge / 2);
   auto* onMesh = world.addMesh(meshBase);
@@ -196,7 +178,6 @@ TEST(MeshDynamics, MeshesCollideWithPrimitivesAndEachOther) {
   auto* ball = world.addSphere(0.05, 0.5);
   ball->setPosition(2, 0, edge + 0.1);
   for (int i = 0; i < 1500; ++i) world.integrate();
-  EXPECT_NEAR(onBox->getPosition()[2], 1.5 * edge, 3e-3);
   EXPECT_NEAR(onMesh->getPosition()[2], 1.5 * edge, 3e-3);
   EXPECT_NEAR(ball->getPosition()[2], edge + 0.05, 3e-3);
   EXPECT_EQ(onMesh->getMeshVertices(), meshBase->getMeshVertices());

@@ -1,8 +1,8 @@
-// Sensors on robots: update timing, depth images and lidar scans against
-// analytic scenes, the inertial unit against known motions, records read back
-// by an independent little-endian reader, look-ups and bad input.
+// Sensors on robots: timing, depth images and lidar scans against analytic scenes, the inertial unit
+// against known motions, records read back by an independent reader, look-ups and bad input.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <functional>
@@ -90,30 +90,26 @@ class RecordReader {
     return v;
   }
   uint32_t u32() { return unsignedInt<uint32_t>(); }
-  template <typename F, typename U>  // a float of the bits of U
-  F real() {
-    const U bits = unsignedInt<U>();
-    F f;
-    std::memcpy(&f, &bits, sizeof(F));
-    return f;
-  }
-  double f64() { return real<double, uint64_t>(); }
-  float f32() { return real<float, uint32_t>(); }
+  double f64() { return bitsAs<double>(unsignedInt<uint64_t>()); }
+  float f32() { return bitsAs<float>(unsignedInt<uint32_t>()); }
   std::string text() {
     const uint32_t n = u32();
-    std::string s(p_, n);
     p_ += n;
-    return s;
+    return std::string(p_ - n, n);
   }
   const char* position() const { return p_; }
 
  private:
+  template <typename F, typename U>
+  static F bitsAs(U bits) {
+    F f;
+    std::memcpy(&f, &bits, sizeof(F));
+    return f;
+  }
   const char* p_;
 };
 
-// Steps the world once and lets the robot update its sensors. The robot's
-// integrate does this itself once it steps; a second call in the same step
-// finds nothing due.
+// Steps the world once and lets the robot update its sensors (a second call in a step finds nothing due).
 void step(World& world, ArticulatedSystem* robot) {
   world.integrate();
   robot->updateSensorsIfNecessary(world);
@@ -131,30 +127,24 @@ TEST(SensorTiming, RatesSourcesAndLongSteps) {
                               depthSensor("cam", kAtOrigin, 2, 2, 1.0, 5.0, 1000);
   ArticulatedSystem* robot = world.addArticulatedSystem(fixedRobot("xyz=\"0 0 1\"", sensors));
   auto fast = robot->getSensor<SpinningLidar>("base:fast");
-  auto never = robot->getSensor<SpinningLidar>("base:never");
   auto cam = robot->getSensor<DepthCamera>("base:cam");
 
   // A 100 Hz sensor at dt 1 ms: the first step (lastUpdateTime -1), then every 10th.
   std::vector<int> updatedAt;
   double last = fast->getLastUpdateTime();
-  EXPECT_EQ(last, -1.0);
   for (int s = 1; s <= 45; ++s) {
     step(world, robot);
-    if (fast->getLastUpdateTime() != last) {
-      updatedAt.push_back(s);
-      last = fast->getLastUpdateTime();
-      EXPECT_EQ(last, world.getWorldTime());
-      EXPECT_EQ(fast->getScanTimeStamp(), world.getWorldTime());
-    }
+    if (fast->getLastUpdateTime() == last) continue;
+    updatedAt.push_back(s);
+    last = fast->getLastUpdateTime();
+    EXPECT_EQ(fast->getScanTimeStamp(), world.getWorldTime());
   }
   EXPECT_EQ(updatedAt, (std::vector<int>{1, 11, 21, 31, 41}));
   // Rate 0: never due. A camera keeps the VISUALIZER source it was built
   // with: the step leaves it alone, due or not.
-  EXPECT_EQ(never->getLastUpdateTime(), -1.0);
-  EXPECT_FALSE(never->isDue(1e9));
+  EXPECT_EQ(robot->getSensor("base:never")->getLastUpdateTime(), -1.0);
   EXPECT_EQ(cam->getMeasurementSource(), Sensor::VISUALIZER);
   EXPECT_EQ(cam->getLastUpdateTime(), -1.0);
-  EXPECT_EQ(cam->getDepthArray(), std::vector<float>(4, 0.0f));
   cam->setMeasurementSource(Sensor::SIMULATOR);
   step(world, robot);
   EXPECT_EQ(cam->getLastUpdateTime(), world.getWorldTime());
@@ -167,14 +157,13 @@ TEST(SensorTiming, RatesSourcesAndLongSteps) {
     EXPECT_EQ(fast->getLastUpdateTime(), world.getWorldTime());
   }
 
-  // The due rule at its boundary: a period of 0.25 with a 1e-10 allowance.
-  SpinningLidar::SpinningLidarProperties prop;
-  SpinningLidar lidar(prop, nullptr, Mat<3, 1>{0, 0, 0}, Mat<3, 3>::getIdentity());
+  // The due rule at its boundary: a period of 0.25 with a 1e-10 allowance;
+  // in the first step a rate of 1 Hz or more is due.
+  SpinningLidar lidar({}, nullptr, Mat<3, 1>{0, 0, 0}, Mat<3, 3>::getIdentity());
   lidar.setUpdateRate(4.0);
   lidar.setLastUpdateTime(1.0);
   EXPECT_FALSE(lidar.isDue(1.25 - 2e-10));
   EXPECT_TRUE(lidar.isDue(1.25 - 0.5e-10));
-  // A rate of 1 Hz or more is due in the first step.
   lidar.setLastUpdateTime(-1.0);
   lidar.setUpdateRate(1.0);
   EXPECT_TRUE(lidar.isDue(1e-3));
@@ -216,41 +205,49 @@ struct DepthScene {
 
 }  // namespace
 
-TEST(DepthCamera, WallAndGroundPerPixel) {
-  DepthScene scene(16, 16);
-  DepthCamera& cam = *scene.camera;
-  const Eigen::Matrix3d R = E(cam.getOrientation());
-  const Eigen::Vector3d p = E(cam.getPosition());
-  // The camera's pose: the base's mount composed with the sensor's.
-  const Eigen::Matrix3d baseRot =
-      (Eigen::AngleAxisd(0.1, Eigen::Vector3d::UnitZ()) * Eigen::AngleAxisd(0.3, Eigen::Vector3d::UnitY()))
-          .toRotationMatrix();
-  EXPECT_LT((p - (Eigen::Vector3d(0, 0.3, 1) + baseRot * Eigen::Vector3d(0.1, 0, 0.2))).norm(), 1e-15);
-  EXPECT_LT((R - baseRot * Eigen::AngleAxisd(0.2, Eigen::Vector3d::UnitX()).toRotationMatrix()).norm(), 1e-15);
+TEST(DepthCamera, WallAndGroundPerPixelAndTheIndexStride) {
+  // Pixel (r, c) lands at r * height + c, and the ray it casts is the stored
+  // direction at that index. A wide image's rows overlap, and its last
+  // (width - height)(height - 1) entries are never written.
+  for (const auto& [width, height] : {std::pair<int, int>(16, 16), std::pair<int, int>(6, 4)}) {
+    SCOPED_TRACE(std::to_string(width) + " x " + std::to_string(height));
+    DepthScene scene(width, height);
+    DepthCamera& cam = *scene.camera;
+    const Eigen::Matrix3d R = E(cam.getOrientation());
+    const Eigen::Vector3d p = E(cam.getPosition());
+    // The camera's pose: the base's mount composed with the sensor's.
+    const Eigen::Matrix3d baseRot =
+        (Eigen::AngleAxisd(0.1, Eigen::Vector3d::UnitZ()) * Eigen::AngleAxisd(0.3, Eigen::Vector3d::UnitY()))
+            .toRotationMatrix();
+    EXPECT_LT((p - (Eigen::Vector3d(0, 0.3, 1) + baseRot * Eigen::Vector3d(0.1, 0, 0.2))).norm(), 1e-15);
+    EXPECT_LT((R - baseRot * Eigen::AngleAxisd(0.2, Eigen::Vector3d::UnitX()).toRotationMatrix()).norm(), 1e-15);
 
-  const double planeW = 2.0 * std::tan(0.6);
-  int ground = 0, wall = 0, sky = 0;
-  std::vector<Mat<3, 1>> cloud, local;
-  cam.depthToPointCloud(cam.getDepthArray(), cloud, false);
-  cam.depthToPointCloud(cam.getDepthArray(), local, true);
-  ASSERT_EQ(cloud.size(), 256u);
-  for (int r = 0; r < 16; ++r) {
-    for (int c = 0; c < 16; ++c) {
-      const size_t i = size_t(r * 16 + c);
-      SCOPED_TRACE("pixel " + std::to_string(r) + " " + std::to_string(c));
-      // Row 0 is the top of the image, column 0 its left (+y).
-      const Eigen::Vector3d d(1.0, planeW * (0.5 - (c + 0.5) / 16), planeW * (0.5 - (r + 0.5) / 16));
+    const double planeW = 2.0 * std::tan(0.6), planeH = planeW * height / width;
+    const size_t pixels = size_t(width * height), written = size_t((height - 1) * height + width);
+    int ground = 0, wall = 0, sky = 0;
+    std::vector<Mat<3, 1>> cloud, local;
+    cam.depthToPointCloud(cam.getDepthArray(), cloud, false);
+    cam.depthToPointCloud(cam.getDepthArray(), local, true);
+    ASSERT_EQ(cloud.size(), pixels);
+    for (size_t i = 0; i < pixels; ++i) {
+      SCOPED_TRACE("index " + std::to_string(i));
+      // The stored directions are in plain row order; row 0 is the top of the
+      // image, column 0 its left (+y).
+      const double r = double(i / size_t(width)), c = double(i % size_t(width));
+      const Eigen::Vector3d d(1.0, planeW * (0.5 - (c + 0.5) / width), planeH * (0.5 - (r + 0.5) / height));
       EXPECT_LT((E(cam.getRayDirections()[i]) - d).norm(), 1e-15);
+      const float depth = cam.getDepthArray()[i];
+      if (i >= written) {
+        EXPECT_EQ(depth, 0.0f);
+        continue;
+      }
       const Eigen::Vector3d w = R * d.normalized();
       const double t = scene.expectedHit(p, w);
-      const float depth = cam.getDepthArray()[i];
       const Eigen::Vector3d point = E(cam.get3DPoints()[i]);
       if (t < 0.0) {
         ++sky;
         EXPECT_TRUE(std::isnan(depth));
         EXPECT_TRUE(point.array().isNaN().all());
-        EXPECT_TRUE(E(cloud[i]).array().isNaN().all());
-        EXPECT_TRUE(E(local[i]).array().isNaN().all());
         continue;
       }
       (p + t * w).z() < 1e-9 ? ++ground : ++wall;
@@ -261,36 +258,12 @@ TEST(DepthCamera, WallAndGroundPerPixel) {
       // the camera frame, equal up to the depth's narrowing to float.
       EXPECT_LT((E(cloud[i]) - point).norm(), 1e-6 * t);
       EXPECT_LT((E(local[i]) - R.transpose() * (point - p)).norm(), 1e-6 * t);
-      EXPECT_EQ(local[i][0], double(depth));
+    }
+    // The scene is set up so that the square image holds all three.
+    if (width == 16) {
+      EXPECT_GT(std::min({ground, wall, sky}), 20);
     }
   }
-  // The scene is set up so that the image holds all three.
-  EXPECT_GT(ground, 20);
-  EXPECT_GT(wall, 20);
-  EXPECT_GT(sky, 20);
-}
-
-TEST(DepthCamera, IndexStrideOfNonSquareImages) {
-  // Pixel (r, c) lands at r * height + c, and the ray it casts is the stored
-  // direction at that index. A wide image's rows overlap, and its last
-  // (width - height)(height - 1) entries are never written.
-  DepthScene wide(6, 4);
-  const Eigen::Matrix3d R = E(wide.camera->getOrientation());
-  const Eigen::Vector3d p = E(wide.camera->getPosition());
-  const double planeW = 2.0 * std::tan(0.6), planeH = 4 * planeW / 6;
-  for (size_t i = 0; i < 18; ++i) {
-    // The stored directions are in plain row order of the full image.
-    const size_t row = i / 6, col = i % 6;
-    const Eigen::Vector3d d(1.0, planeW * 0.5 - (col + 0.5) * planeW / 6, planeH * 0.5 - (row + 0.5) * planeH / 4);
-    EXPECT_LT((E(wide.camera->getRayDirections()[i]) - d).norm(), 1e-15);
-    const double t = wide.expectedHit(p, R * d.normalized());
-    if (t < 0.0)
-      EXPECT_TRUE(std::isnan(wide.camera->getDepthArray()[i])) << i;
-    else
-      EXPECT_NEAR(wide.camera->getDepthArray()[i], float(t / d.norm()), 1e-5) << i;
-  }
-  for (size_t i = 18; i < 24; ++i) EXPECT_EQ(wide.camera->getDepthArray()[i], 0.0f);
-
   // A tall image: pixels whose index passes the end are left out.
   DepthScene tall(3, 5);
   EXPECT_EQ(tall.camera->getDepthArray().size(), 15u);
@@ -307,9 +280,11 @@ TEST(SpinningLidar, PointsLieOnTheBoxFacesAndMissesGiveNothing) {
   box->setBodyType(STATIC);
   box->setOrientation(boxRot);
   box->setPosition(boxCenter.x(), boxCenter.y(), boxCenter.z());
+  // The lidar sits inside a collision sphere of its own base, which its rays leave out.
   ArticulatedSystem* robot = world.addArticulatedSystem(fixedRobot(
       "xyz=\"0 0 0.6\" rpy=\"0 0 0.1\"",
-      lidarSensor("lidar", "xyz=\"0 0 0.1\" rpy=\"0.05 0 0\"", 64, 8, -0.3, 0.2, 0.2, 20, 10, "counter", 100)));
+      lidarSensor("lidar", "xyz=\"0 0 0.1\" rpy=\"0.05 0 0\"", 64, 8, -0.3, 0.2, 0.2, 20, 10, "counter", 100) +
+          "<collision><geometry><sphere radius=\"0.5\"/></geometry></collision>"));
   auto lidar = robot->getSensor<SpinningLidar>("base:lidar");
   const auto& prop = lidar->getProperties();
 
@@ -351,82 +326,39 @@ TEST(SpinningLidar, FullTurnsDirectionAndSlowSpin) {
                               lidarSensor("cw", kAtOrigin, 64, 3, -0.6, -0.2, 0, 50, 10, "clockwise", 100) +
                               lidarSensor("slow", kAtOrigin, 64, 3, -0.6, -0.2, 0, 50, 0.1, "counter", 100);
   ArticulatedSystem* robot = world.addArticulatedSystem(fixedRobot("xyz=\"0 0 1\"", sensors));
-  auto ccw = robot->getSensor<SpinningLidar>("base:ccw");
-  auto cw = robot->getSensor<SpinningLidar>("base:cw");
+  const std::shared_ptr<SpinningLidar> lidars[2] = {robot->getSensor<SpinningLidar>("base:ccw"),
+                                                    robot->getSensor<SpinningLidar>("base:cw")};
   auto slow = robot->getSensor<SpinningLidar>("base:slow");
-  auto column = [](const Mat<3, 1>& q) { return std::lround(std::atan2(q[1], q[0]) / (2.0 * kPi / 64)); };
+  auto column = [](const Mat<3, 1>& q) { return (std::lround(std::atan2(q[1], q[0]) / (2.0 * kPi / 64)) + 64) % 64; };
 
   // A turn takes 10 updates, and in it every one of the 64 columns is cast.
   // Both ends of an update's range count, so a column exactly on the boundary
   // between two updates (0 at the end of the turn, 32 at its middle) may come twice.
-  std::multiset<long> ccwColumns, cwColumns;
+  std::multiset<long> columns[2];
   int slowNonEmpty = 0;
-  for (int s = 0; s < 10; ++s) {
-    step(world, robot);
-    ASSERT_EQ(ccw->getScan().size() % 3, 0u);
-    for (size_t n = 0; n < cw->getScan().size(); n += 3) {
-      const long k = column(cw->getScan()[n]);
-      // Clockwise, the walk goes down through the columns.
-      if (n > 0) {
-        EXPECT_EQ(((column(cw->getScan()[n - 3]) - k) % 64 + 64) % 64, 1) << s;
-      }
-      cwColumns.insert((k % 64 + 64) % 64);
-    }
-    for (size_t n = 0; n < ccw->getScan().size(); n += 3) {
-      const long k = column(ccw->getScan()[n]);
-      ccwColumns.insert((k % 64 + 64) % 64);
-      // Points of one column share its azimuth and reach the ground.
-      for (size_t j = 0; j < 3; ++j) {
-        EXPECT_EQ(column(ccw->getScan()[n + j]), k);
-        EXPECT_NEAR(ccw->getScan()[n + j][2], -1.0, 1e-12);
-      }
-    }
-    if (s == 0) {
-      EXPECT_NEAR(cw->getYawAngle(), 2 * kPi - 0.2 * kPi, 1e-12);
-    }
-    slowNonEmpty += !slow->getScan().empty();
-  }
-  for (auto* columns : {&ccwColumns, &cwColumns}) {
-    EXPECT_EQ(std::set<long>(columns->begin(), columns->end()).size(), 64u);
-    EXPECT_LE(columns->size(), 66u);
-  }
-  EXPECT_LT(std::min(ccw->getYawAngle(), 2 * kPi - ccw->getYawAngle()), 1e-9);
-  EXPECT_LT(std::min(cw->getYawAngle(), 2 * kPi - cw->getYawAngle()), 1e-9);
-  // The slow one turns 1/1000 turn per update: one column per 15.6 updates.
-  for (int s = 0; s < 90; ++s) {
+  for (int s = 0; s < 100; ++s) {
     step(world, robot);
     slowNonEmpty += !slow->getScan().empty();
+    for (int k = 0; k < 2 && s < 10; ++k) {
+      const auto& scan = lidars[k]->getScan();
+      ASSERT_EQ(scan.size() % 3, 0u);
+      for (size_t n = 0; n < scan.size(); n += 3) {
+        columns[k].insert(column(scan[n]));
+        EXPECT_EQ(column(scan[n + 2]), column(scan[n]));  // one column's points share its azimuth
+        // Counter-clockwise the walk goes up through the columns, clockwise down.
+        if (n > 0) {
+          EXPECT_EQ((column(scan[n - 3]) - column(scan[n]) + 64) % 64, k == 0 ? 63 : 1) << s;
+        }
+      }
+    }
   }
-  EXPECT_EQ(slowNonEmpty, 7);  // columns 0..6 in the first 0.1 turn
-}
-
-TEST(SpinningLidar, LeavesOutBodyZeroWhateverBodyCarriesIt) {
-  // Two lidars, each inside a collision sphere: one on the base, one on a link
-  // behind a revolute joint. The rays leave out body 0 only, so the second
-  // sees its own link's sphere all around.
-  const std::string urdf = R"(<?xml version="1.0"?><robot name="r"><link name="world"/>
-<joint name="mount" type="fixed"><parent link="world"/><child link="base"/><origin xyz="0 0 1"/></joint>
-<link name="base"><inertial><mass value="1"/><inertia ixx="0.1" iyy="0.1" izz="0.1"/></inertial>
-  <collision><geometry><sphere radius="0.3"/></geometry></collision>)" +
-                           lidarSensor("l0", kAtOrigin, 16, 2, -0.05, 0.05, 0, 10, 10, "counter", 100) + R"(</link>
-<joint name="j" type="revolute"><parent link="base"/><child link="arm"/><origin xyz="2 0 0"/><axis xyz="0 0 1"/>
-  <limit lower="-1" upper="1"/></joint>
-<link name="arm"><inertial><mass value="1"/><inertia ixx="0.1" iyy="0.1" izz="0.1"/></inertial>
-  <collision><geometry><sphere radius="0.25"/></geometry></collision>)" +
-                           lidarSensor("l1", kAtOrigin, 16, 2, -0.2, 0.2, 0, 10, 10, "counter", 100) +
-                           "</link></robot>";
-  World world;
-  world.setTimeStep(0.01);
-  ArticulatedSystem* robot = world.addArticulatedSystem(urdf);
-  auto l0 = robot->getSensor<SpinningLidar>("base:l0");
-  auto l1 = robot->getSensor<SpinningLidar>("arm:l1");
-  step(world, robot);
-  // l0: rays along +x reach the arm's sphere 2 m away; nothing else.
-  ASSERT_FALSE(l0->getScan().empty());
-  for (const auto& q : l0->getScan()) EXPECT_NEAR((E(q) - Eigen::Vector3d(2, 0, 0)).norm(), 0.25, 1e-9);
-  // l1: every ray hits its own sphere from inside, 0.25 m out.
-  ASSERT_FALSE(l1->getScan().empty());
-  for (const auto& q : l1->getScan()) EXPECT_NEAR(E(q).norm(), 0.25, 1e-9);
+  for (const auto& c : columns) {
+    EXPECT_EQ(std::set<long>(c.begin(), c.end()).size(), 64u);
+    EXPECT_LE(c.size(), 66u);
+  }
+  // The slow one turns 1/1000 turn per update: one column per 15.6 updates,
+  // columns 0..6 in the first 0.1 turn.
+  EXPECT_EQ(slowNonEmpty, 7);
 }
 
 // ------------------------------------------------------------ inertial unit --
@@ -443,10 +375,8 @@ std::string spinner(const std::string& limit) {
          limit + "</sensor></link></robot>";
 }
 
-// Puts the spinner at joint angle theta turning at rate omega, with the
-// accelerations that a steady spin under gravity g has: every body origin
-// accelerates upward by g (gravity seen from a falling frame), no angular
-// acceleration. Then measures at world time t.
+// Puts the spinner at joint angle theta turning at rate omega with the accelerations of a steady spin
+// under gravity g (every body origin accelerates up by g, no angular acceleration); measures at time t.
 void steadySpin(World& world, ArticulatedSystem& robot, double theta, double omega, double g, double t) {
   robot.setGeneralizedCoordinate({theta});
   robot.setGeneralizedVelocity({omega});
@@ -460,7 +390,7 @@ void steadySpin(World& world, ArticulatedSystem& robot, double theta, double ome
 
 }  // namespace
 
-TEST(InertialUnit, SteadySpinReadsRateCentripetalAndGravity) {
+TEST(InertialUnit, SteadySpinReadsRateCentripetalAndGravityWithinItsLimits) {
   World world;
   ArticulatedSystem* robot = world.addArticulatedSystem(spinner(""));
   EXPECT_TRUE(robot->hasImu());
@@ -496,57 +426,29 @@ TEST(InertialUnit, SteadySpinReadsRateCentripetalAndGravity) {
   EXPECT_NEAR(imu->getAngularVelocity()[2], omega, 1e-12);
   steadySpin(world, *robot, theta, 2 * omega, g, 0.501);
   EXPECT_NEAR(imu->getAngularVelocity()[2], 2 * omega, 1e-12);
-}
-
-TEST(InertialUnit, LimitsScaleTheNormAndKeepTheDirection) {
-  World world;
-  ArticulatedSystem* robot = world.addArticulatedSystem(spinner("<limit acc_limit=\"5\" ang_vel_limit=\"2\"/>"));
-  auto imu = robot->getSensor<InertialMeasurementUnit>("rotor:imu");
-  steadySpin(world, *robot, 0.0, 3.0, 9.81, 1.0);
-  const Eigen::Vector3d unclipped(0, 9 * 0.3, 9.81);
-  EXPECT_LT((E(imu->getLinearAcceleration()) - 5.0 * unclipped.normalized()).norm(), 1e-14);
-  EXPECT_NEAR(imu->getAngularVelocity()[2], 2.0, 1e-15);
-
-  // A norm exactly at the limit is not touched: (0, 3, 4) has norm 5.
-  robot->setGeneralizedVelocity({0.0});
-  for (size_t b = 0; b < robot->nbody; ++b) robot->linAccW[b] = {-3.0, 0.0, 4.0};
-  world.setWorldTime(2.0);
-  robot->updateSensorsIfNecessary(world);
-  EXPECT_EQ(imu->getLinearAcceleration()[1], 3.0);
-  EXPECT_EQ(imu->getLinearAcceleration()[2], 4.0);
-
   // The default limits never clip, not even a huge reading.
-  ArticulatedSystem* free = world.addArticulatedSystem(spinner(""));
-  steadySpin(world, *free, 0.0, 1e150, 1e200, 3.0);
-  auto imu2 = free->getSensor<InertialMeasurementUnit>("rotor:imu");
-  EXPECT_EQ(imu2->getAngularVelocity()[2], 1e150);
-  EXPECT_EQ(imu2->getLinearAcceleration()[2], 1e200);
+  steadySpin(world, *robot, 0.0, 1e150, 1e200, 3.0);
+  EXPECT_EQ(imu->getAngularVelocity()[2], 1e150);
+  EXPECT_EQ(imu->getLinearAcceleration()[2], 1e200);
 
-  // A tree built in code also carries its unit and owns it.
-  Child root;
-  root.type = Joint::FIXED;
-  root.bodyName = "base";
-  root.mass = 1.0;
-  root.setInertia({0.1, 0.1, 0.1});
-  root.sensors.push_back(std::make_shared<InertialMeasurementUnit>(
-      InertialMeasurementUnit::ImuProperties{"base:imu"}, nullptr, Mat<3, 1>{0, 0, 0}, Mat<3, 3>::getIdentity()));
-  ArticulatedSystem coded(root, "");
-  EXPECT_TRUE(coded.hasImu());
-  EXPECT_EQ(coded.getSensor("base:imu")->getOwner(), &coded);
+  // Limits scale the norm and keep the direction.
+  ArticulatedSystem* limited = world.addArticulatedSystem(spinner("<limit acc_limit=\"5\" ang_vel_limit=\"2\"/>"));
+  auto clipped = limited->getSensor<InertialMeasurementUnit>("rotor:imu");
+  steadySpin(world, *limited, 0.0, 3.0, 9.81, 1.0);
+  const Eigen::Vector3d unclipped(0, 9 * 0.3, 9.81);
+  EXPECT_LT((E(clipped->getLinearAcceleration()) - 5.0 * unclipped.normalized()).norm(), 1e-14);
+  EXPECT_NEAR(clipped->getAngularVelocity()[2], 2.0, 1e-15);
+  // A norm exactly at the limit is not touched: (0, 3, 4) has norm 5.
+  limited->setGeneralizedVelocity({0.0});
+  for (size_t b = 0; b < limited->nbody; ++b) limited->linAccW[b] = {-3.0, 0.0, 4.0};
+  world.setWorldTime(2.0);
+  limited->updateSensorsIfNecessary(world);
+  EXPECT_EQ(clipped->getLinearAcceleration()[1], 3.0);
+  EXPECT_EQ(clipped->getLinearAcceleration()[2], 4.0);
 }
 
-// ------------------------------------------------- inertial unit in motion --
 // These run the robot's own step: integrate computes the accelerations of the
 // step and updates the sensors that are due.
-
-namespace {
-
-Eigen::Matrix3d quaternionMatrix(const Mat<4, 1>& q) {
-  return Eigen::Quaterniond(q[0], q[1], q[2], q[3]).toRotationMatrix();
-}
-
-}  // namespace
-
 TEST(InertialUnitInMotion, FreeFallReadsNoAcceleration) {
   // A floating body thrown sideways and spinning: its inertia is a multiple of
   // the identity, so the spin stays constant in the world.
@@ -564,7 +466,8 @@ TEST(InertialUnitInMotion, FreeFallReadsNoAcceleration) {
     ASSERT_EQ(imu->getLastUpdateTime(), world.getWorldTime());
     EXPECT_LT(E(imu->getLinearAcceleration()).norm(), 1e-9) << "step " << s;
     // The rate, in the sensor's frame, is the body's spin turned into it.
-    const Eigen::Matrix3d R = quaternionMatrix(imu->getQuaternion());
+    const Mat<4, 1>& q = imu->getQuaternion();
+    const Eigen::Matrix3d R = Eigen::Quaterniond(q[0], q[1], q[2], q[3]).toRotationMatrix();
     EXPECT_LT((E(imu->getAngularVelocity()) - R.transpose() * spin).norm(), 1e-9) << "step " << s;
     EXPECT_LT((R - E(imu->getOrientation())).norm(), 1e-12);
   }
@@ -662,8 +565,9 @@ TEST(SensorLookup, ByNameAndKind) {
 // ---------------------------------------------------------------- bad input --
 
 TEST(SensorBadInput, LocatedMessagesForEachKindOfMistake) {
-  const std::string noise = "<noise type=\"none\" mean=\"0\" stddev=\"0\"/></camera>";
-  const std::string clip = "<clip near=\"0.1\" far=\"5\"/>" + noise;
+  // The generic messages of the XML reader (missing attributes and children)
+  // are checked with the robot loader; these are the sensors' own.
+  const std::string clip = "<clip near=\"0.1\" far=\"5\"/><noise type=\"none\" mean=\"0\" stddev=\"0\"/></camera>";
   const std::string pitch = "<pitch samples=\"2\" min_angle=\"0\" max_angle=\"0.1\"/><range min=\"0\" max=\"5\"/>";
   auto sensor = [](const std::string& attributes, const std::string& children = "") {
     return fixedRobot(kAtOrigin, "<sensor " + attributes + " name=\"s\">" + children + "</sensor>");
@@ -673,20 +577,6 @@ TEST(SensorBadInput, LocatedMessagesForEachKindOfMistake) {
       {sensor("type=\"radar\" update_rate=\"1\""),
        "Sensor type 'radar' is not supported. Only 'imu', 'rgb', 'spinning_lidar' and 'depth' are supported."},
       {sensor("type=\"imu\""), "the node 'sensor' does not contain an attribute called 'update_rate'"},
-      {fixedRobot(kAtOrigin, "<sensor type=\"imu\" update_rate=\"1\"/>"),
-       "does not contain an attribute called 'name'"},
-      {sensor("update_rate=\"1\""), "does not contain an attribute called 'type'"},
-      {sensor("type=\"imu\" update_rate=\"fast\""), "the attribute 'update_rate' is not a number"},
-      {sensor("type=\"imu\" update_rate=\"1\"", "<limit acc_limit=\"3\"/>"),
-       "the node 'limit' does not contain an attribute called 'ang_vel_limit'"},
-      {sensor("type=\"depth\" update_rate=\"1\"",
-              "<camera horizontal_fov=\"1\"><image width=\"4\" height=\"4\"/>" + clip),
-       "the node 'sensor' does not contain a child"},
-      {sensor(rgb, "<camera horizontal_fov=\"1\"><image width=\"4\"/>" + clip),
-       "the node 'image' does not contain an attribute called 'height'"},
-      {sensor(lidar, "<yaw samples=\"8\"/>" + pitch), "the node 'sensor' does not contain a child"},
-      {sensor(lidar, "<yaw samples=\"8\"/>" + pitch + "<spin direction=\"clockwise\"/>"),
-       "the node 'spin' does not contain an attribute called 'rate'"},
       {sensor(lidar, "<yaw samples=\"8.5\"/>" + pitch + "<spin direction=\"x\" rate=\"1\"/>"),
        "the attribute 'samples' is not an integer"},
       // Values no sensor can work with.
@@ -703,8 +593,6 @@ TEST(SensorBadInput, LocatedMessagesForEachKindOfMistake) {
       {"<robot name=\"r\"><link name=\"a\" sensor=\"absent.xml\"/></robot>", "Could not find file: absent.xml"},
       {"<robot name=\"r\"><link name=\"a\" sensor=\"wrong_root.xml\"/></robot>",
        "wrong_root.xml file does not contain node 'sensor_set'"},
-      {"<robot name=\"r\"><link name=\"a\" sensor=\"no_link.xml\"/></robot>",
-       "the node 'sensor_set' does not contain a child"},
       {"<robot name=\"r\"><link name=\"a\" sensor=\"camera.xml\"><inertial><mass "
        "value=\"1\"/></inertial></link></robot>",
        "Sensor link parameters should be defined in the sensor XML file"},

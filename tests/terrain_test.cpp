@@ -70,27 +70,6 @@ std::vector<double> bumpyGrid(size_t nx, size_t ny) {
 
 // ------------------------------------------------------------------ generator --
 
-TEST(TerrainGenerator, NoiseAtSimplePointsFollowsTheGradientFormula) {
-  const PerlinNoise n(3);
-  auto grad = [](size_t hash, double x, double y) {  // z = 0
-    const size_t h = hash & 15;
-    const double u = h < 8 ? x : y, v = h < 4 ? y : (h == 12 || h == 14 ? x : 0.0);
-    return ((h & 1) ? -u : u) + ((h & 2) ? -v : v);
-  };
-  const size_t* p = n.p;
-  EXPECT_EQ(n.sample(0, 0, 0), 0.0);
-  EXPECT_EQ(n.sample(7, 3, 0), 0.0);  // every lattice point
-  // Halfway along x the quintic fade is 1/2: the mean of the two corner gradients.
-  EXPECT_NEAR(n.sample(0.5, 0, 0), 0.5 * (grad(p[p[p[0]]], 0.5, 0) + grad(p[p[p[1]]], -0.5, 0)), 1e-15);
-  EXPECT_NEAR(
-      n.sample(2.25, 1, 0),
-      grad(p[p[p[2] + 1]], 0.25, 0) + 0.103515625 * (grad(p[p[p[3] + 1]], -0.75, 0) - grad(p[p[p[2] + 1]], 0.25, 0)),
-      1e-15);
-  EXPECT_TRUE(std::isnan(n.sample(NAN, 0, 0)));
-  // Cells are found by the floor: negative coordinates are noise of their own cell.
-  EXPECT_NEAR(n.sample(-0.5, 0, 0), 0.5 * (grad(p[p[p[255]]], 0.5, 0) + grad(p[p[p[256]]], -0.5, 0)), 1e-15);
-}
-
 TEST(TerrainGenerator, HeightsArePinnedToTheLastBit) {
   // Checksums and values agree bit for bit with an independent implementation
   // (another language, its own Mersenne Twister) of the same formulas.
@@ -182,33 +161,6 @@ TEST(HeightMap, HeightAndNormalFollowTheGridAndItsDerivatives) {
   EXPECT_TRUE(std::isnan(nanNormal[0]) && std::isnan(nanNormal[1]) && std::isnan(nanNormal[2]));
 }
 
-TEST(HeightMap, QueriesAgreeWithTheCollisionSurface) {
-  World world;
-  const size_t nx = 12, ny = 7;
-  auto* map = world.addHeightMap(nx, ny, 5.0, 3.0, -1.0, 2.0, bumpyGrid(nx, ny));
-  std::mt19937 rng(2);
-  std::uniform_real_distribution<double> ux(-3.45, 1.45), uy(0.55, 3.45);
-  for (int k = 0; k < 300; ++k) {
-    const double x = ux(rng), y = uy(rng);
-    const auto& hits = world.rayTest({x, y, 5.0}, {0, 0, -1}, 20.0);
-    ASSERT_EQ(hits.size, 1u);
-    EXPECT_EQ(hits[0].getObject(), map);
-    EXPECT_NEAR(hits[0].getPosition()[2], map->getHeight(x, y), 1e-9) << x << " " << y;
-    Mat<3, 1> n;
-    map->getNormal(x, y, n);
-    const dReal* rn = hits[0].rayContact.normal;
-    EXPECT_NEAR(std::abs(n[0] * rn[0] + n[1] * rn[1] + n[2] * rn[2]), 1.0, 1e-9) << x << " " << y;
-  }
-  // setPosition moves the geom; the queries keep answering for the old place.
-  const double before = map->getHeight(-0.3, 2.2);
-  map->setPosition(10.0, 0.0, 0.0);
-  EXPECT_EQ(map->getHeight(-0.3, 2.2), before);
-  EXPECT_EQ(world.rayTest({-0.3, 2.2, 5.0}, {0, 0, -1}, 20.0).size, 0u);
-  const auto& moved = world.rayTest({10.7, 0.2, 5.0}, {0, 0, -1}, 20.0);
-  ASSERT_EQ(moved.size, 1u);
-  EXPECT_NEAR(moved[0].getPosition()[2], before, 1e-9);
-}
-
 // -------------------------------------------------------------------- sources --
 
 TEST(HeightMap, TextAndPngSources) {
@@ -245,10 +197,8 @@ TEST(HeightMap, TextAndPngSources) {
   EXPECT_EQ(heights[3 * 17 + 16], big[3 * 17]);
 
   auto* fromPng = world.addHeightMap(png16, 0.0, 0.0, 2.0, 2.0, 1e-4, 0.5);
-  EXPECT_EQ(fromPng->getXSamples(), 2u);
   EXPECT_NEAR(fromPng->getHeight(1.0, -1.0), 65280 * 1e-4 + 0.5, 1e-12);
   // A copy has the grid, the place and the material of its source.
-  fromText->setName("text map");
   fromText->setPosition(1.0, 1.0, 0.2);
   auto* copy = world.addHeightMap(fromText, 2, 2);
   EXPECT_EQ(copy->getHeightMap(), fromText->getHeightMap());
@@ -260,13 +210,11 @@ TEST(HeightMap, TextAndPngSources) {
 
 TEST(HeightMap, BadInputIsAFatalMessage) {
   writeText(tempFile("few.txt"), "2 2 1 1 0 0 0");
-  writeText(tempFile("many.txt"), "2 2 1 1 0 0 0 0 0");
   writeText(tempFile("bad.txt"), "2 two 1 1 0 0 0 0");
   writeText(tempFile("line.txt"), "1 3 1 1 0 0 0");
   writeText(tempFile("tiny.png"), "\x89PNG");
   writeText(tempFile("text.png"), "P2 3 2 255 0 1 2 3 4 5");
   writePng(tempFile("rgb.png"), 2, 2, 8, PNG_COLOR_TYPE_RGB, std::vector<uint8_t>(12, 9));
-  writePng(tempFile("ga.png"), 2, 2, 8, PNG_COLOR_TYPE_GRAY_ALPHA, std::vector<uint8_t>(8, 9));
   writePng(tempFile("gray4.png"), 2, 2, 4, PNG_COLOR_TYPE_GRAY, {0x12, 0x34});
   writePng(tempFile("one.png"), 1, 5, 8, PNG_COLOR_TYPE_GRAY, std::vector<uint8_t>(5, 1));
   // A damaged file: the image data is cut off.
@@ -280,10 +228,8 @@ TEST(HeightMap, BadInputIsAFatalMessage) {
   }
   std::ofstream(tempFile("cut.png"), std::ios::binary) << bytes.substr(0, bytes.size() / 2);
 
-  const std::string channel = ": a PNG height map must have a single grey channel (no colour, palette or alpha)";
   const std::pair<std::string, std::string> textCases[] = {
       {"few.txt", "insufficient number of height values"},
-      {"many.txt", "insufficient number of height values"},
       {"bad.txt", "Height Map is in a wrong format"},
       {"absent.txt", "\n Error opening file.\n"},
       {"line.txt", "Height map needs at least 2 samples in each direction, got 1 by 3"},
@@ -294,8 +240,8 @@ TEST(HeightMap, BadInputIsAFatalMessage) {
       {"absent.png", tempFile("absent.png") + " not found"},
       {"tiny.png", "Error reading header"},
       {"text.png", tempFile("text.png") + " is not png"},
-      {"rgb.png", tempFile("rgb.png") + channel},
-      {"ga.png", tempFile("ga.png") + channel},
+      {"rgb.png",
+       tempFile("rgb.png") + ": a PNG height map must have a single grey channel (no colour, palette or alpha)"},
       {"gray4.png", "PNG height map only support bit depth of 8 or 16"},
       {"cut.png", "libpng fialed to read the png info"},
       // A single-sample PNG is read, and then refused as a grid.
@@ -304,14 +250,9 @@ TEST(HeightMap, BadInputIsAFatalMessage) {
   for (const auto& [file, message] : pngCases)
     EXPECT_TRUE(says(fatalOf([&] { HeightMap(0, 0, tempFile(file), 1, 1, 1, 0); }), message)) << file;
   EXPECT_TRUE(says(fatalOf([] { HeightMap(0, 0, "map.jpg", 1, 1, 1, 0); }), "This constructor is for png file"));
-  EXPECT_TRUE(says(fatalOf([] {
-                     HeightMap(2, 2, 1, 1, 0, 0, {0, 0, 0});
-                   }),
-                   "Height map of 2 by 2 samples needs 4 heights, got 3"));
-  EXPECT_TRUE(says(fatalOf([] {
-                     HeightMap(2, 2, 0.0, 1, 0, 0, {0, 0, 0, 0});
-                   }),
-                   "Height map needs positive finite sizes, got 0 by 1"));
+  auto grid = [](double xSize, std::vector<double> h) { return fatalOf([&] { HeightMap(2, 2, xSize, 1, 0, 0, h); }); };
+  EXPECT_TRUE(says(grid(1.0, {0, 0, 0}), "Height map of 2 by 2 samples needs 4 heights, got 3"));
+  EXPECT_TRUE(says(grid(0.0, {0, 0, 0, 0}), "Height map needs positive finite sizes, got 0 by 1"));
 }
 
 // ------------------------------------------------------------------- updates --
@@ -326,7 +267,6 @@ TEST(HeightMap, UpdatesReplaceTheHeightsThatCollisionSees) {
   EXPECT_NEAR(box[4], *std::min_element(map->getHeightMap().begin(), map->getHeightMap().end()) - 100.0, 1e-9);
   EXPECT_NEAR(box[5], *std::max_element(map->getHeightMap().begin(), map->getHeightMap().end()), 1e-9);
   EXPECT_FALSE(map->isUpdated());
-  EXPECT_EQ(map->getHeightMap(), TerrainGenerator(p).generatePerlinFractalTerrain());
 
   // New heights well above the old maximum: a sphere there must collide, so the
   // geom's bounding box must have followed.
@@ -391,25 +331,7 @@ TEST(HeightMap, AFatalCallbackThatReturnsGetsADefinedMap) {
 
 // ------------------------------------------------------------------ dynamics --
 
-TEST(HeightMapDynamics, SphereRestsAndRollsOnATiltedPlane) {
-  // A level map at 0.37 holds a sphere exactly as a ground plane at 0.37 does.
-  double rest[2];
-  for (int k = 0; k < 2; ++k) {
-    World world;
-    world.setTimeStep(0.001);
-    if (k == 0)
-      world.addHeightMap(3, 3, 4.0, 4.0, 0.5, 0.5, std::vector<double>(9, 0.37));
-    else
-      world.addGround(0.37);
-    auto* ball = world.addSphere(0.1, 1.0);
-    ball->setPosition(0.2, 0.3, 0.6);
-    for (int i = 0; i < 1500; ++i) world.integrate();
-    rest[k] = ball->getPosition()[2];
-    EXPECT_LT(ball->getLinearVelocity().norm(), 1e-4);
-  }
-  EXPECT_NEAR(rest[0], 0.47, 1e-3);
-  EXPECT_NEAR(rest[0], rest[1], 1e-9);
-
+TEST(HeightMapDynamics, SphereRollsOnATiltedPlane) {
   // On the plane z = x tan(theta) a solid ball rolls down with (5/7) g sin(theta).
   const double theta = 12.0 * M_PI / 180.0, g = 9.81, r = 0.1, t = 1.0;
   std::vector<double> plane(21 * 21);
