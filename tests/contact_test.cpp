@@ -40,64 +40,6 @@ TEST(Contact, SphereComesToRestAndStays) {
   EXPECT_EQ(worstDrift, 0.0);
 }
 
-TEST(Contact, RecordsAndProblemsPerBodyType) {
-  World world;
-  world.addGround();
-  auto* s = world.addSphere(0.1, 1.0);
-  s->setPosition(0, 0, 0.09);
-  auto* a = world.addBox(1, 1, 1, 1);  // static and overlapping the ground: nothing
-  a->setPosition(5, 0, 0.4);
-  a->setBodyType(STATIC);
-  auto* k = world.addBox(0.2, 0.2, 0.2, 1);  // kinematic, pressing on a dynamic box
-  k->setPosition(-5, 0, 0.29);
-  k->setBodyType(KINEMATIC);
-  auto* d = world.addBox(0.2, 0.2, 0.2, 1);
-  d->setPosition(-5, 0, 0.1);
-  world.integrate1();
-  ASSERT_EQ(s->getContacts().size(), 1u);
-  const Contact& c = s->getContacts()[0];
-  EXPECT_EQ(c.pairObjectBodyType, STATIC);
-  EXPECT_NEAR(c.depth, -0.01, 1e-12);
-  EXPECT_TRUE(a->getContacts().empty());
-  ASSERT_FALSE(k->getContacts().empty());
-  for (const Contact& kc : k->getContacts()) {  // twin records point at each other
-    const Contact& twin = d->getContacts()[kc.pairContactIndex];
-    EXPECT_EQ(twin.pairContactIndex, kc.localContactIndex);
-    EXPECT_EQ(twin.contactProblemIndex, kc.contactProblemIndex);
-    EXPECT_NE(twin.isObjectA, kc.isObjectA);
-  }
-  world.integrate2();
-  const auto& problems = world.getContactProblem();
-  ASSERT_EQ(problems.size(), 1 + d->getContacts().size());
-  // Each problem names exactly one object (static and kinematic partners are
-  // none), and every record, not only the first, starts on 32 bytes.
-  for (const auto& p : problems) {
-    EXPECT_NE(p.objectA == nullptr, p.objectB == nullptr);
-    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(&p) % 32, 0u) << &p - &problems[0];
-  }
-  const auto& sp = problems[c.contactProblemIndex];
-  EXPECT_EQ(c.isObjectA ? sp.objectA : sp.objectB, s);
-  EXPECT_EQ(c.impulse, &sp.impulse);
-  EXPECT_GT(sp.impulse[2], 0.0);
-}
-
-TEST(Contact, GroupsAndMasksFilterPairs) {
-  // One direction suffices; group 0 matches nothing; only the low 32 bits count.
-  const size_t all = size_t(-1), high = size_t(1) << 40;
-  const struct {
-    size_t g1, m1, g2, m2, contacts;
-  } cases[] = {{1, 1, 1, 1, 1},     {1, 2, 2, 4, 1},         {1, 4, 2, 4, 0},
-               {0, all, 0, all, 0}, {high, high, 1, all, 0}, {high | 1, 1, 1, 1, 1}};
-  for (const auto& c : cases) {
-    World world;
-    world.setGravity(Mat<3, 1>{0, 0, 0});
-    auto* a = world.addSphere(0.1, 1.0, "default", c.g1, c.m1);
-    world.addSphere(0.1, 1.0, "default", c.g2, c.m2)->setPosition(0.15, 0, 0);
-    world.integrate();
-    EXPECT_EQ(a->getContacts().size(), c.contacts) << c.g1 << " " << c.m1 << " " << c.g2 << " " << c.m2;
-  }
-}
-
 TEST(Contact, RepeatedRunsAreBitIdentical) {
   auto run = [] {
     World world;
@@ -185,9 +127,13 @@ TEST(ContactRules, ImpactTargetFromTheStartOfStepVelocity) {
         const auto [ball, P] = stepBall(world, ballIsA, STATIC, 0.098, {0, 0, -V});
         ASSERT_NE(P, nullptr);
         const double depth = -ball->getContacts()[0].depth;
+        EXPECT_NEAR(depth, 0.002, 1e-12);
         const double target =
             std::max(0.0, ((-V - kG * kDt + 2.0 * V) - threshold) * (restitution + 0.002)) + 0.3 * depth;
         EXPECT_NEAR(P->impactVel, -V, 1e-15);
+        EXPECT_EQ(ballIsA ? P->objectA : P->objectB, ball);
+        EXPECT_EQ(ballIsA ? P->objectB : P->objectA, nullptr) << "a static partner is not an object of the problem";
+        EXPECT_EQ(ball->getContacts()[0].impulse, &P->impulse);
         EXPECT_NEAR(ball->getLinearVelocity()[2], target, 1e-14);
         EXPECT_EQ(ball->getAngularVelocity().squaredNorm(), 0.0);
       }
@@ -195,36 +141,12 @@ TEST(ContactRules, ImpactTargetFromTheStartOfStepVelocity) {
   }
 }
 
-TEST(ContactRules, KinematicPartnerEntersAsAConstantVelocity) {
-  // A ball at rest, 1 mm deep in a kinematic block that moves at (U, 0, W) and
-  // gets no impulse. The ball sticks: its contact point takes the block's
-  // tangential velocity U; its normal velocity is W plus the target of the
-  // relative motion, ((W - g dt) - threshold) * erp2 + erp * penetration.
-  const double U = 0.01, W = 0.2, penetration = 0.001;
-  for (const bool ballIsA : {true, false}) {
-    SCOPED_TRACE(side(ballIsA));
-    World world;
-    world.setMaterialPairProp("floor", "ball", 0.8, 0.0, 0.01);
-    const auto [ball, P] = stepBall(world, ballIsA, KINEMATIC, 0.1 - penetration, {0, 0, 0}, {U, 0, W});
-    ASSERT_NE(P, nullptr);
-    EXPECT_EQ(ballIsA ? P->objectB : P->objectA, nullptr);
-    EXPECT_NEAR(P->impactVel, -W, 1e-15);
-    // The point lies on the block's face: a tangential impulse p moves it by
-    // p (1/m + r^2/I) and the centre by p/m.
-    const double r = 0.1 - penetration - ball->getContacts()[0].position[2];
-    ASSERT_NEAR(r, 0.099, 1e-12);
-    EXPECT_NEAR(ball->getLinearVelocity()[0], U / (1.0 + r * r / 0.004), 1e-15);
-    EXPECT_NEAR(ball->getLinearVelocity()[0] - r * ball->getAngularVelocity()[1], U, 1e-15);
-    EXPECT_NEAR(ball->getLinearVelocity()[2], W + ((W - kG * kDt) - 0.01) * 0.002 + 0.3 * penetration, 1e-14);
-    EXPECT_EQ(static_cast<SingleBodyObject*>(world.getObjList()[0])->getLinearVelocity()[0], U);
-  }
-}
-
 TEST(ContactRules, StaticFrictionBlendsByTheRelativeSlipAtTheStartOfTheStep) {
   // Dynamic friction 0.1, static 0.5, blend threshold 0.1 m/s: a slip s below
   // the threshold gives mu = 0.1 + (1 - s / 0.1) (0.5 - 0.1), while 1/mu keeps
   // the dynamic value. The slip is the relative tangential velocity of the two
-  // sides (or of the ball and a kinematic floor), before any force of the step.
+  // sides (or of the ball and a kinematic floor, which also rises at 0.2 m/s:
+  // the ball meets it at that speed), before any force of the step.
   const double slips[][2] = {{0.03, 0.04}, {0.0, -0.05}, {0.09, 0.12}};
   for (int k = 0; k < 4; ++k) {
     const double sx = slips[k % 3][0], sy = slips[k % 3][1];
@@ -233,9 +155,11 @@ TEST(ContactRules, StaticFrictionBlendsByTheRelativeSlipAtTheStartOfTheStep) {
       World world;
       world.setMaterialPairProp("floor", "ball", 0.1, 0.0, 0.01, 0.5, 0.1);
       // The floor moves at (0.3, 0.4); the ball on it slips by (sx, sy) more.
-      const auto [ball, P] =
-          stepBall(world, ballIsA, k == 3 ? KINEMATIC : DYNAMIC, 0.0995, {0.3 + sx, 0.4 + sy, 0}, {0.3, 0.4, 0});
+      const auto [ball, P] = stepBall(world, ballIsA, k == 3 ? KINEMATIC : DYNAMIC, 0.0995, {0.3 + sx, 0.4 + sy, 0},
+                                      {0.3, 0.4, k == 3 ? 0.2 : 0.0});
       ASSERT_NE(P, nullptr);
+      EXPECT_NEAR(P->impactVel, k == 3 ? -0.2 : 0.0, 1e-15);
+      EXPECT_EQ(ballIsA ? P->objectB : P->objectA, k == 3 ? nullptr : world.getObjList()[0]);
       const double slip = std::hypot(sx, sy);
       EXPECT_NEAR(P->mu, slip < 0.1 ? 0.1 + (1.0 - slip / 0.1) * 0.4 : 0.1, 1e-15);
       EXPECT_EQ(P->muInverse, 1.0 / 0.1);
@@ -305,6 +229,7 @@ TEST(Materials, EveryContactTakesItsOwnPair) {
   world.integrate1();
   ASSERT_EQ(world.getContactProblem().size(), 32u);
   for (const auto& P : world.getContactProblem()) {  // the four pairs have four frictions
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(&P) % 32, 0u) << "every record starts on 32 bytes";
     const int f = P.getPosition()[1] > 0.0 ? 1 : 0, i = int(std::lround(P.getPosition()[0] / 0.5));
     EXPECT_EQ(P.mu, world.getMaterialManager().getMaterialPairProp(floors[f], boxes[(i + f) % 2]).c_f) << f << " " << i;
   }

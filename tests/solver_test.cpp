@@ -56,7 +56,6 @@ TEST(ContactSolver, StickingSeparatingInactiveAndTargetVelocity) {
   EXPECT_EQ(list[1].impulse.squaredNorm() + list[3].impulse.squaredNorm(), 0.0);
   EXPECT_EQ(list[4].rank, 0);
   // ((v.z - 2 impactVel) - threshold) * (restitution + erp2) - depth * erp
-  EXPECT_NEAR(list[2].targetNormalVel, 0.99 * 0.502 + 0.01 * 0.3, 1e-15);
   EXPECT_NEAR(ball.u.z(), 0.99 * 0.502 + 0.01 * 0.3, 1e-15);
 }
 
@@ -160,8 +159,11 @@ TEST(ContactSolver, RaisedFrictionTestsTheConeWithMuAndBuildsItWithTheDynamicInv
     const Vector3d p = list[0].impulse.e();
     SCOPED_TRACE("trial " + std::to_string(trial));
     EXPECT_NEAR(body.contactVel(0).z(), 0.0, 1e-12);
-    if (t < 1.0) EXPECT_LT((p - free).norm(), 1e-12);
-    if (t > 1.0) EXPECT_NEAR(std::hypot(p.x(), p.y()) / 0.3, p.z(), 1e-12 * p.z());
+    if (t < 1.0) {
+      EXPECT_LT((p - free).norm(), 1e-12);
+    } else {
+      EXPECT_NEAR(std::hypot(p.x(), p.y()) / 0.3, p.z(), 1e-12 * p.z());
+    }
   }
 }
 

@@ -102,7 +102,7 @@ class RecordHolder : public JacobianBody {
 
 }  // namespace
 
-TEST(WarmStartMatching, NearestPointOfTheSamePairWithinTheTolerance) {
+TEST(WarmStartMatching, NearestPointOfThePairIntoTheNewFrameAndTheCone) {
   int g[4];
   RecordHolder h;
   std::vector<Object*> objects{&h};
@@ -134,20 +134,15 @@ TEST(WarmStartMatching, NearestPointOfTheSamePairWithinTheTolerance) {
   // The impulse on geom 0's side stays the same: in the new frame it pushes as before.
   EXPECT_EQ(now[4].warmStartKey, last[2].warmStartKey);
   EXPECT_NEAR(now[4].impulse[2], 3.0, 1e-15);
-}
 
-TEST(WarmStartMatching, ImpulsesFollowTheWorldIntoTheNewFrameAndTheCone) {
-  int g[2];
-  RecordHolder h;
-  std::vector<Object*> objects{&h};
-  WarmStartCache cache;
+  // Impulses follow the world into the new frame.
   std::mt19937 rng(3);
   for (int trial = 0; trial < 8; ++trial) {
     const Vector3d n0 = (Vector3d::UnitZ() + 0.3 * randomMatrix(rng, 3, 1)).normalized();
     const Vector3d n1 = (n0 + 0.05 * randomMatrix(rng, 3, 1)).normalized();
     h.clear();
     cache.clear();
-    ProblemList last, now;
+    last.clear(), now.clear();
     // Pushing, well inside a cone of 0.5 about n0.
     h.add(last, 0.0, 0.0, 0.0, &g[0], &g[1], n0).impulse = Mat<3, 1>(Vector3d(0.1 * (trial - 4), 0.05, 1.0));
     cache.seed(objects, last, 0, 0.002);
@@ -174,7 +169,7 @@ TEST(WarmStartMatching, ImpulsesFollowTheWorldIntoTheNewFrameAndTheCone) {
   const int rank[] = {3, 3, 3, 4, 5, 4};
   h.clear();
   cache.clear();
-  ProblemList last, now;
+  last.clear(), now.clear();
   for (int pass = 0; pass < 2; ++pass) {
     for (size_t k = 0; k < 6; ++k) {
       auto& P = h.add(pass ? now : last, double(k), 0.0, 0.0, k == 4 ? nullptr : &g[0], &g[1]);
