@@ -1,6 +1,5 @@
-// Bodies in contact: resting, contact records and collision filters,
-// repeatability; one step of a contact against hand-computed numbers; material
-// pairs.
+// Bodies in contact: resting and repeatability; one step of a contact against
+// hand-computed numbers; material pairs.
 #include <gtest/gtest.h>
 
 #include <cmath>
