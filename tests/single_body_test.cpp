@@ -315,6 +315,9 @@ TEST(Compound, RemovingAnEarlierObjectRestampsEveryChildGeom) {
   }
   world.integrate();
   EXPECT_GE(table->getContacts().size(), 4u);
+  const auto& hits = world.rayTest({0.3, 0.1, 2}, {0, 0, -1}, 5.0, true);
+  ASSERT_EQ(hits.size, 1u);
+  EXPECT_EQ(hits[0].object, table);
   world.removeObject(table);
   EXPECT_EQ(dSpaceGetNumGeoms(world.getCollisionSpace()), 1);
 }
