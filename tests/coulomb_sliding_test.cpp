@@ -37,12 +37,10 @@ OneContact solveOne(const Matrix3d& L, const Vector3d& v, double mu, bool exact)
 }  // namespace
 
 TEST(ExactCoulomb, SlipOpposesFrictionOnCoupledBlocks) {
-  // Random blocks with strong coupling between normal and tangents (a contact
-  // far from the centre of mass). Where the free impulse leaves the cone, the
-  // exact rule puts the impulse on the cone with zero normal velocity and the
-  // remaining slip exactly against the friction; the default rule does not.
-  // Some blocks have roots of the direction condition that do not qualify
-  // (pulling, or slip along the friction) next to the free direction.
+  // Random blocks with strong coupling between normal and tangents. Where the
+  // free impulse leaves the cone, the exact rule puts the impulse on the cone
+  // with zero normal velocity and the remaining slip exactly against the
+  // friction; the default rule does not.
   std::mt19937 rng(2024);
   std::uniform_real_distribution<double> d(-1.0, 1.0);
   int sliding = 0, defaultOff = 0;
@@ -60,10 +58,8 @@ TEST(ExactCoulomb, SlipOpposesFrictionOnCoupledBlocks) {
     const double pt = std::hypot(p.x(), p.y()), wt = std::hypot(w.x(), w.y());
     SCOPED_TRACE("trial " + std::to_string(trial));
     EXPECT_NEAR(w.z(), 0.0, 1e-12);
-    EXPECT_GE(p.z(), 0.0);
     EXPECT_NEAR(pt, mu * p.z(), 1e-12 * (1.0 + p.z()));
-    if (pt > 1e-9 && wt > 1e-9) {
-      // Antiparallel: the cross product vanishes and the dot product is -|p||w|.
+    if (pt > 1e-9 && wt > 1e-9) {  // antiparallel: no cross product, and the dot product is -|p||w|
       EXPECT_NEAR((p.x() * w.y() - p.y() * w.x()) / (pt * wt), 0.0, 1e-10);
       EXPECT_NEAR((p.x() * w.x() + p.y() * w.y()) / (pt * wt), -1.0, 1e-10);
     }
@@ -74,6 +70,10 @@ TEST(ExactCoulomb, SlipOpposesFrictionOnCoupledBlocks) {
   }
   EXPECT_GT(sliding, 100);
   EXPECT_GT(defaultOff, sliding / 4) << "the energy rule turns friction away from the slip";
+  // Without approach (coupled, at zero normal velocity) there is nothing to hold.
+  Matrix3d L = Matrix3d::Identity();
+  L(2, 0) = 0.8;
+  EXPECT_EQ(solveOne(L, Vector3d(1.0, 0.5, 0.0), 0.5, true).impulse, Vector3d::Zero());
 }
 
 // Every direction on the cone where the remaining slip is exactly against the
@@ -109,24 +109,18 @@ Vector3d bruteForceCoulomb(const Matrix3d& G, const Vector3d& v, double mu) {
 
 TEST(ExactCoulomb, BlocksWithSeveralCandidateDirections) {
   // Blocks found among a hundred thousand random ones: the direction condition
-  // has two qualifying roots (the one nearest to the free impulse is taken), or
-  // a pair of roots between two of the sixteen starting directions.
+  // has three qualifying roots, two of them between the same two of the sixteen
+  // starting directions (the one nearest to the free impulse is taken); or a
+  // single qualifying root among six, sharing its stretch between two starting
+  // directions with two that do not qualify.
   struct Case {
     double mu, v[3], L[9];
   };
   const Case cases[] = {
-      {0.44881999048083521,
-       {-0.33353319385483982, 1.4515078679731062, -0.72466916076941112},
-       {1.8210043197922818, 0.21162865389768992, 0.20936810608019796, 0.55800263670720729, 1.2807330027346941,
-        -0.44097380971525535, 0.96571073182225975, -0.31845828725104075, 0.26420223803622711}},
       {0.8984956181297904,
        {-1.5003843475082164, -1.0881708482007935, -0.39437212755341888},
        {0.89289481300697904, 0.70776545642795141, -0.90575489690565858, 0.041516496884682841, 1.3677397288358957,
         0.38737300824027732, -0.57152652808892723, 0.68963027665881027, 0.67916936988151544}},
-      {0.96623459429552638,
-       {-1.8651646469830379, 0.5893506275935918, -0.36376207439207042},
-       {0.89896095387937325, -0.85857039199984997, 0.15328824312939071, 0.14618754118899702, 1.8195451924659842,
-        0.95828286947584318, 0.29848908586537171, 0.89975667100665047, 1.12393918620651}},
       {0.89213315024821749,
        {-0.14560963237702684, 1.6612243255789614, -0.11659647951019297},
        {1.9384812847932789, 0.74443522094544878, -0.46230561834137973, -0.91945434680377558, 0.74248975297509578,
@@ -140,12 +134,6 @@ TEST(ExactCoulomb, BlocksWithSeveralCandidateDirections) {
     ASSERT_EQ(got.rank, 3) << "mu " << c.mu;
     EXPECT_LT((got.impulse - ref).norm(), 1e-8 * ref.norm()) << "mu " << c.mu;
   }
-}
-
-TEST(ExactCoulomb, NothingToHoldWithoutApproach) {
-  Matrix3d L = Matrix3d::Identity();
-  L(2, 0) = 0.8;
-  EXPECT_EQ(solveOne(L, Vector3d(1.0, 0.5, 0.0), 0.5, true).impulse, Vector3d::Zero());
 }
 
 // ------------------------------------------------------------------ boxes --
@@ -163,8 +151,7 @@ struct SlideResult {
 
 // A 0.2 m cube (1 kg) launched along x on the ground, or on a slope of angle
 // theta (gravity tilted about y, x down the slope), at dt 1 ms.
-SlideResult slide(double mu, double v0, double z0, bool exact, double theta = 0.0, bool warm = false,
-                  int steps = 1500) {
+SlideResult slide(double mu, double v0, double z0, bool exact, double theta = 0.0, bool warm = false) {
   const double g = 9.81;
   World world;
   world.setTimeStep(0.001);
@@ -179,7 +166,7 @@ SlideResult slide(double mu, double v0, double z0, bool exact, double theta = 0.
   SlideResult r;
   double vStart = 0.0;
   const int begin = 100, end = 500;
-  for (int k = 0; k < steps; ++k) {
+  for (int k = 0; k < 1500; ++k) {
     world.integrate();
     const double vx = box->getLinearVelocity()[0];
     if (k + 1 == begin) vStart = vx;

@@ -29,7 +29,7 @@ TEST(Registry, AddFindRemoveObjectsAndWires) {
   EXPECT_EQ(g->getCollisionMask(), 0xFu);
   EXPECT_EQ(g->getAppearance(), "grid");
   EXPECT_EQ(c->getCollisionMask(), 0xFFFFFFFFu);
-  // Add-functions give no name; a lookup finds the first in list order.
+  // No name from the add-functions; a lookup finds the first in list order.
   EXPECT_EQ(world.getObject(""), g);
   s->setName("x");
   c->setName("x");
@@ -78,9 +78,8 @@ TEST(Registry, AddFindRemoveObjectsAndWires) {
 }
 
 namespace {
-// One rigid body with two geoms: the first at the body's origin, the second
-// fixed at `offset` in the body frame. Its type and self-collision cap are
-// given, so that it can stand for an object with many geoms.
+// One rigid body with two geoms, the second fixed at `offset` in the body frame,
+// of the given type and self-collision cap.
 class TwoGeomBody : public SingleBodyObject {
  public:
   TwoGeomBody(ObjectType type, dxGeom* first, dxGeom* second, const Mat<3, 1>& offset, int cap = 1)
@@ -105,10 +104,6 @@ class TwoGeomBody : public SingleBodyObject {
     second_ = nullptr;
     SingleBodyObject::destroyCollisionBodies(space);
   }
-  void setGeomObjectIndex(size_t index) override {
-    SingleBodyObject::setGeomObjectIndex(index);
-    geomData(second_).objectIndex = index;
-  }
   int getMaxSelfCollisionContacts() const override { return cap_; }
 
  private:
@@ -118,48 +113,10 @@ class TwoGeomBody : public SingleBodyObject {
 };
 }  // namespace
 
-TEST(Registry, AnObjectMovedByARemovalIsFoundThroughEveryGeom) {
-  TestWorld world;
-  world.addGround();
-  Sphere* gone = world.addSphere(0.1, 1.0);
-  gone->setPosition(-3, 0, 1);
-  auto* bell = world.add(
-      new TwoGeomBody(SPHERE, dCreateSphere(nullptr, 0.1), dCreateSphere(nullptr, 0.1), Mat<3, 1>{0.5, 0, 0}));
-  world.addGeom(bell->getCollisionObject(), 0);
-  world.addGeom(bell->second(), 0);
-  bell->setPosition(0, 0, 0.099);  // both balls 1 mm in the ground
-  world.removeObject(gone);
-  ASSERT_EQ(world.getObjList()[1], bell);
-  // A newcomer takes the index the bell had: a stale geom would name it.
-  Box* newcomer = world.addBox(0.2, 0.2, 0.2, 1.0);
-  newcomer->setPosition(3, 0, 0.099);
-  ASSERT_EQ(newcomer->getIndexInWorld(), 2u);
-
-  world.integrate();
-  ASSERT_EQ(bell->getContacts().size(), 2u);
-  const auto& problems = world.getContactProblem();
-  double support = 0.0;  // the centre of mass is over the first ball
-  for (const Contact& c : bell->getContacts()) {
-    EXPECT_EQ(c.pairObjectIndex, 0u);
-    EXPECT_EQ(geomData(c.colObjectA).objectIndex, 1u);
-    EXPECT_EQ(problems[c.contactProblemIndex].objectA, bell);
-    support += problems[c.contactProblemIndex].impulse[2];
-  }
-  EXPECT_GT(support, 9.81 * world.getTimeStep());
-  EXPECT_EQ(newcomer->getContacts().size(), 4u);
-  // Straight down onto either ball: the bell is the closest hit, above the ground.
-  for (const double x : {0.0, 0.5, 3.0}) {
-    const auto& hits = world.rayTest({x, 0, 2}, {0, 0, -1}, 5.0, true);
-    ASSERT_EQ(hits.size, 1u);
-    EXPECT_EQ(hits[0].object, x < 1.0 ? static_cast<Object*>(bell) : newcomer) << x;
-    EXPECT_GT(hits[0].position[2], 0.19) << x;
-  }
-}
-
 TEST(Registry, SelfCollisionKeepsAsManyPointsAsTheObjectAllows) {
-  // Two overlapping boxes of one object on local bodies 0 and 1: an
-  // articulated object keeps its own cap of points of that pair; other kinds
-  // of object keep them all; geoms of one body never collide.
+  // Two overlapping boxes of one object on local bodies 0 and 1: an articulated
+  // object keeps its own cap of points of that pair, other kinds keep them all;
+  // geoms of one body are not even tested.
   struct Case {
     ObjectType type;
     int cap;
@@ -169,30 +126,21 @@ TEST(Registry, SelfCollisionKeepsAsManyPointsAsTheObjectAllows) {
                        Case{ARTICULATED_SYSTEM, 1, 0}}) {
     SCOPED_TRACE("type " + std::to_string(c.type) + " cap " + std::to_string(c.cap));
     TestWorld world;
-    world.setGravity(Mat<3, 1>{0, 0, 0});
     auto* body = world.add(new TwoGeomBody(c.type, dCreateBox(nullptr, 0.4, 0.4, 0.4),
                                            dCreateBox(nullptr, 0.4, 0.4, 0.4), Mat<3, 1>{0.3, 0.05, 0.1}, c.cap));
     world.addGeom(body->getCollisionObject(), 0);
     world.addGeom(body->second(), c.secondLocal);
     world.integrate1();
     const size_t points = size_t(world.getNumberOfCollisionPoints());
+    EXPECT_TRUE(c.secondLocal == 0 ? points == 0 : points >= 2) << points;
+    const size_t kept = c.secondLocal == 0 ? 0 : c.type == ARTICULATED_SYSTEM && c.cap == 1 ? 1 : points;
     const auto& list = body->getContacts();
-    if (c.secondLocal == 0) {
-      // Not even tested for points.
-      EXPECT_EQ(points, 0u);
-      EXPECT_TRUE(list.empty());
-      continue;
-    }
-    ASSERT_GE(points, 2u);
-    const size_t kept = c.type == ARTICULATED_SYSTEM && c.cap == 1 ? 1u : points;
     ASSERT_EQ(list.size(), 2 * kept);
     EXPECT_EQ(world.getContactProblem().size(), kept);
     // Both records of a point stand in the one list and name each other.
     for (size_t k = 0; k < list.size(); k += 2) {
       EXPECT_TRUE(list[k].isObjectA && !list[k + 1].isObjectA);
-      EXPECT_EQ(list[k].pairContactIndex, k + 1);
       EXPECT_EQ(list[k + 1].pairContactIndex, k);
-      EXPECT_EQ(list[k].localBodyIndex + list[k + 1].localBodyIndex, 1u);
       EXPECT_EQ(list[k].contactProblemIndex, k / 2);
     }
   }

@@ -13,12 +13,6 @@
 using namespace vorsim;
 
 namespace {
-Eigen::Matrix3d worldInertia(const SingleBodyObject& b) {
-  const Eigen::Matrix3d R = b.getRotationMatrix().e();
-  return R * b.getInertiaMatrix_B().e() * R.transpose();
-}
-Eigen::Vector3d angularMomentum(const SingleBodyObject& b) { return worldInertia(b) * b.getAngularVelocity().e(); }
-
 // Relative drift of angular momentum and rotational energy of a torque-free
 // body with three different principal inertias, spun near its unstable axis for
 // 10 s: a unit cube given the inertia of a 1 x 2 x 3 box of 1 kg, which must
@@ -88,8 +82,7 @@ TEST(SingleBody, LoadsDampingAndKinematicBodies) {
   World world;
   world.setTimeStep(0.01);
   world.setGravity(Mat<3, 1>{0, 0, 0});
-  // A force at a body-frame corner: linear and angular response from rest, up to
-  // the small gyroscopic terms of the later stages.
+  // A force at a body-frame corner, from rest: up to the small gyroscopic terms.
   auto* box = world.addBox(0.4, 0.2, 0.1, 3.0);
   const Mat<3, 1> corner{0.2, 0.1, 0.05}, force{0.0, 0.0, 6.0};
   box->setExternalForce(0, corner, force);
@@ -97,11 +90,8 @@ TEST(SingleBody, LoadsDampingAndKinematicBodies) {
   EXPECT_NEAR(box->getLinearVelocity()[2], 6.0 / 3.0 * 0.01, 1e-14);
   const Eigen::Vector3d expectedW = box->getInertiaMatrix_B().e().inverse() * corner.e().cross(force.e()) * 0.01;
   EXPECT_LT((box->getAngularVelocity().e() - expectedW).norm(), 1e-3 * expectedW.norm());
-  // The load was consumed: no further linear change, momentum kept while it tumbles.
-  const Eigen::Vector3d L1 = angularMomentum(*box);
-  for (int i = 0; i < 10; ++i) world.integrate();
+  world.integrate();  // the load was consumed
   EXPECT_NEAR(box->getLinearVelocity()[2], 0.02, 1e-15);
-  EXPECT_LT((angularMomentum(*box) - L1).norm(), 1e-6 * L1.norm());
 
   // A torque changes no linear velocity; clearing the load lists leaves summed loads acting.
   auto* s = world.addSphere(0.1, 1.0, "default", 2, 2);
@@ -147,7 +137,6 @@ TEST(SingleBody, LoadsDampingAndKinematicBodies) {
   kin->setVelocity(1.0, 0, 0, 0, 0, 0.5);
   kin->setExternalForce(0, Mat<3, 1>{0, 0, 100});
   for (int i = 0; i < 1000; ++i) world.integrate();
-  EXPECT_EQ(kin->getLinearVelocity()[2], 0.0);
   EXPECT_NEAR(kin->getPosition()[0], 1.0, 1e-12);
   EXPECT_NEAR(std::atan2(kin->getRotationMatrix()(1, 0), kin->getRotationMatrix()(0, 0)), 0.5, 1e-9);
 }
@@ -155,11 +144,6 @@ TEST(SingleBody, LoadsDampingAndKinematicBodies) {
 TEST(Primitives, MassProperties) {
   Box box(1, 2, 3, 12);
   EXPECT_EQ(box.getInertiaMatrix_B().e().diagonal(), Eigen::Vector3d(13, 10, 5));
-  EXPECT_EQ(box.getGyroscopicMode(), 0);
-  EXPECT_EQ(Sphere(0.5, 2.0).getGyroscopicMode(), 2);
-  Ground ground(0.5);
-  EXPECT_EQ(ground.getBodyType(), STATIC);
-  EXPECT_EQ(ground.getPosition()[2], 0.5);
 
   // The capsule against a numerical integration over its volume. The transverse
   // term carries h^2/2 where a solid capsule has h^2/4 in each hemisphere's
@@ -215,7 +199,6 @@ TEST(Primitives, ConeIsAFatalMessage) {
   EXPECT_EQ(cone.getComPosition()[2], 0.5);
   cone.setOrientation(Eigen::Quaterniond(Eigen::AngleAxisd(M_PI / 2, Eigen::Vector3d::UnitX())));
   EXPECT_NEAR(cone.getComPosition()[1], -0.5, 1e-15);
-  EXPECT_NE(cone.getInertiaMatrix_B()(0, 0), cone.getInertiaMatrix_B()(1, 1));
 }
 
 // --------------------------------------------------------------- compound --
@@ -248,40 +231,6 @@ struct Table {
 };
 
 }  // namespace
-
-TEST(Compound, ChildrenGeomsAndPose) {
-  World world;
-  Table t;
-  auto* table = world.addCompound(t.children, t.mass, t.com, t.inertia, 0x6, 0x3);
-  ASSERT_EQ(table->getCollisionObjects().size(), 5u);
-  EXPECT_EQ(table->getObjectType(), COMPOUND);
-  EXPECT_EQ(table->getMass(), 10.0);
-  EXPECT_EQ(dSpaceGetNumGeoms(world.getCollisionSpace()), 5);
-  for (size_t i = 0; i < 5; ++i) {
-    const GeomData& d = geomData(table->geoms[i]);
-    EXPECT_EQ(d.localIndex, i);
-    EXPECT_EQ(d.objectIndex, 0u);
-    EXPECT_EQ(d.material, i == 0 ? "top" : "wood");
-    EXPECT_EQ(getCategoryBits(table->geoms[i]), 0x6u);
-    EXPECT_EQ(getCollideBits(table->geoms[i]), 0x3u);
-  }
-  EXPECT_NEAR(table->getComPosition()[2], (6 * 0.72 + 4 * 0.36) / 10.0, 1e-12);
-  // Children are placed from the body's position, rotated with the body.
-  table->setPosition(1.0, 2.0, 3.0);
-  table->setOrientation(Eigen::Quaterniond(Eigen::AngleAxisd(M_PI / 2, Eigen::Vector3d::UnitZ())));
-  const dReal* leg = dGeomGetPosition(table->geoms[4]);  // (0.45, 0.25, 0.36) in the body
-  EXPECT_NEAR(leg[0], 1.0 - 0.25, 1e-12);
-  EXPECT_NEAR(leg[1], 2.0 + 0.45, 1e-12);
-  EXPECT_NEAR(leg[2], 3.36, 1e-12);
-  const dReal* R = dGeomGetRotation(table->geoms[4]);
-  EXPECT_NEAR(R[1], -1.0, 1e-12);  // row 0: (cos, -sin, 0)
-
-  // Two children at one pose are fine.
-  Piece s;
-  s.objectParam = {0.1, 0, 0, 0};
-  Compound twins({s, s}, 1.0, Mat<3, 1>{}, Mat<3, 3>::getIdentity());
-  EXPECT_EQ(twins.geoms.size(), 2u);
-}
 
 TEST(Compound, BadChildrenAreFatal) {
   Piece s;
@@ -352,14 +301,23 @@ TEST(Compound, RemovingAnEarlierObjectRestampsEveryChildGeom) {
   auto* first = world.addSphere(0.1, 1.0);
   world.addGround();
   Table t;
-  auto* table = world.addCompound(t.children, t.mass, t.com, t.inertia);
+  auto* table = world.addCompound(t.children, t.mass, t.com, t.inertia, 0x6, 0x3);
   table->setPosition(0.0, 0.0, -0.001);
   world.removeObject(first);
   ASSERT_EQ(world.getObjList()[0], table);
   EXPECT_EQ(table->getIndexInWorld(), 0u);
-  for (dxGeom* g : table->geoms) EXPECT_EQ(geomData(g).objectIndex, 0u);
+  for (size_t i = 0; i < 5; ++i) {
+    EXPECT_EQ(geomData(table->geoms[i]).objectIndex, 0u);
+    EXPECT_EQ(geomData(table->geoms[i]).localIndex, i);
+    EXPECT_EQ(geomData(table->geoms[i]).material, i == 0 ? "top" : "wood");
+    EXPECT_EQ(getCategoryBits(table->geoms[i]), 0x6u);
+    EXPECT_EQ(getCollideBits(table->geoms[i]), 0x3u);
+  }
   world.integrate();
   EXPECT_GE(table->getContacts().size(), 4u);
+  const auto& hits = world.rayTest({0.3, 0.1, 2}, {0, 0, -1}, 5.0, true);
+  ASSERT_EQ(hits.size, 1u);
+  EXPECT_EQ(hits[0].object, table);
   world.removeObject(table);
   EXPECT_EQ(dSpaceGetNumGeoms(world.getCollisionSpace()), 1);
 }

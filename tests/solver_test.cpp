@@ -1,12 +1,9 @@
 // The per-contact Gauss-Seidel solver on bodies with explicit contact Jacobians,
-// and a contact problem's record: its initial state and the rank of its block.
+// and the rank of a contact problem's block.
 #include <gtest/gtest.h>
 
 #include <Eigen/Dense>
 #include <cmath>
-#include <cstdint>
-#include <cstring>
-#include <new>
 #include <random>
 #include <string>
 #include <vector>
@@ -59,7 +56,6 @@ TEST(ContactSolver, StickingSeparatingInactiveAndTargetVelocity) {
   EXPECT_EQ(list[1].impulse.squaredNorm() + list[3].impulse.squaredNorm(), 0.0);
   EXPECT_EQ(list[4].rank, 0);
   // ((v.z - 2 impactVel) - threshold) * (restitution + erp2) - depth * erp
-  EXPECT_NEAR(list[2].targetNormalVel, 0.99 * 0.502 + 0.01 * 0.3, 1e-15);
   EXPECT_NEAR(ball.u.z(), 0.99 * 0.502 + 0.01 * 0.3, 1e-15);
 }
 
@@ -113,103 +109,50 @@ Vector3d bruteForceSliding(const Matrix3d& G, const Vector3d& v, double mu) {
 }
 
 TEST(ContactSolver, SlidingImpulseLiesOnTheConeAndMatchesBruteForce) {
+  // Blocks where a shortcut would fail: the unconstrained impulse (2, 0, -0.5)
+  // pulls, though |t| < mu |z|; a nearly isotropic block, whose unconstrained
+  // angle is off by ~1e-3 only; a random one.
   std::mt19937 rng(12345);
-  std::uniform_real_distribution<double> d(-1.0, 1.0);
-  int compared = 0;
-  for (int trial = 0; trial < 40 && compared < 15; ++trial) {
-    Matrix3d L = Matrix3d::NullaryExpr([&] { return d(rng); });
-    if (trial % 2 == 1) L(2, 0) = L(2, 1) = L(0, 2) = L(1, 2) = 0.0;  // the normal row decoupled
-    L += 1.2 * Matrix3d::Identity();
-    double mu = 0.2 + 0.4 * (d(rng) + 1.0);
-    Vector3d v(2.0 * d(rng), 2.0 * d(rng), -0.2 - 0.5 * (d(rng) + 1.0));
-    if (trial == 0) {  // the unconstrained impulse (2, 0, -0.5) pulls, though |t| < mu |z|
-      L << 1.0, 0.0, 0.0, 0.0, 1.0, 0.0, 0.9, 0.0, std::sqrt(0.19);
-      mu = 5.0, v = -L * L.transpose() * Vector3d(2.0, 0.0, -0.5);
-    } else if (trial == 1) {  // nearly isotropic: the unconstrained angle is off by ~1e-3 only
-      L << 1.0, 0.001, 0.0, 0.0, 1.005, 0.0, 0.0, 0.0, 1.0;
-      mu = 0.5, v << 1.0, 0.5, -0.3;
-    }
-    MatrixBody body = point(L, v);
+  Matrix3d L[3];
+  L[0] << 1.0, 0.0, 0.0, 0.0, 1.0, 0.0, 0.9, 0.0, std::sqrt(0.19);
+  L[1] << 1.0, 0.001, 0.0, 0.0, 1.005, 0.0, 0.0, 0.0, 1.0;
+  L[2] = randomMatrix(rng, 3, 3) + 1.2 * Matrix3d::Identity();
+  const double mu[] = {5.0, 0.5, 0.4};
+  const Vector3d v[] = {-L[0] * L[0].transpose() * Vector3d(2.0, 0.0, -0.5), {1.0, 0.5, -0.3}, {0.6, 0.2, -0.5}};
+  for (int k = 0; k < 3; ++k) {
+    MatrixBody body = point(L[k], v[k]);
     ProblemList list;
-    const Matrix3d G = addProblem(list, mu, &body).delassus.e();
-    const Vector3d start = -G.inverse() * v, ref = bruteForceSliding(G, v, mu);
-    if (std::hypot(start.x(), start.y()) <= mu * start.z()) continue;  // sticks
+    const Matrix3d G = addProblem(list, mu[k], &body).delassus.e();
+    const Vector3d start = -G.inverse() * v[k], ref = bruteForceSliding(G, v[k], mu[k]);
+    ASSERT_GT(std::hypot(start.x(), start.y()), mu[k] * start.z()) << k << ": it slides";
     solveList(list, 1);
     const Vector3d p = list[0].impulse.e();
-    SCOPED_TRACE("trial " + std::to_string(trial));
-    EXPECT_NEAR(std::hypot(p.x(), p.y()), mu * p.z(), 1e-9 * mu * p.z());
-    EXPECT_NEAR(body.contactVel(0).z(), 0.0, 1e-12);
-    const double toRef = std::atan2(ref.y(), ref.x()) - std::atan2(start.y(), start.x());
-    if (std::abs(std::remainder(toRef, 2.0 * M_PI)) > 0.7) continue;  // beyond the bracket search's reach
-    ++compared;
-    EXPECT_LT((p - ref).norm(), 1e-7 * ref.norm());
-  }
-  EXPECT_EQ(compared, 15);
-}
-
-TEST(ContactSolver, CoupledFrictionlessContactsSweepInAlternatingOrderToTheLcpSolution) {
-  // Unit point masses: top rests on bottom (problem 0), bottom on the ground (problem 1).
-  std::mt19937 rng(99);
-  BisectionContactSolver oneSweep;
-  oneSweep.maxIter = 1, oneSweep.erp2 = 0.0;
-  for (int trial = 0; trial < 20; ++trial) {
-    const Vector3d n0 = (0.6 * randomMatrix(rng, 3, 1) + Vector3d::UnitZ()).normalized();
-    const Vector3d vt = randomMatrix(rng, 3, 1), vb = randomMatrix(rng, 3, 1);
-    const Matrix3d frame = Quaterniond::FromTwoVectors(Vector3d::UnitZ(), n0).matrix().transpose();
-    MatrixBody top({frame}, vt), bottom({frame}, vb);
-    bottom.jac.push_back(Matrix3d::Identity());
-    ProblemList list;
-    vorsim_test::addJacobianContact(list, 0.0, &top, 0, &bottom, 0);
-    vorsim_test::addJacobianContact(list, 0.0, &bottom, 1);
-    const Matrix2d A = (Matrix2d() << 2.0, -n0.z(), -n0.z(), 1.0).finished();  // normal velocities A lambda + b
-    const Vector2d b(n0.dot(vt - vb), vb.z());
-    Vector2d lambda(-1.0, -1.0);
-    for (int set = 0; set < 4; ++set) {  // the LCP solution: try every active set (bit k: contact k active)
-      const Matrix2d D = Vector2d(double(set & 1), double(set >> 1)).asDiagonal();
-      const Vector2d l = (D * A + Matrix2d::Identity() - D).lu().solve(-D * b);
-      if (l.minCoeff() >= 0.0 && (A * l + b).minCoeff() >= -1e-12) lambda = l;
-    }
-    const int i = trial % 2, j = 1 - i;  // one sweep, forward first: contact j sees the impulse of contact i
-    Vector2d sweep;
-    sweep(i) = std::fmax(0.0, -b(i) / A(i, i));
-    sweep(j) = std::fmax(0.0, -(b(j) + A(j, i) * sweep(i)) / A(j, j));
-    oneSweep.solve(list);
-    EXPECT_EQ(oneSweep.loopCounter, 1);
-    EXPECT_LT((Vector2d(list[0].impulse[2], list[1].impulse[2]) - sweep).norm(), 1e-14) << "trial " << trial;
-
-    top.u = vt, bottom.u = vb, list[0].impulse.setZero(), list[1].impulse.setZero();
-    EXPECT_LT(solveList(list, 2000, 1e-26, 0.0), 2000);  // erp2 0: target velocity zero
-    EXPECT_NEAR(list[0].impulse[2], lambda(0), 1e-10) << "trial " << trial;
-    EXPECT_NEAR(list[1].impulse[2], lambda(1), 1e-10) << "trial " << trial;
+    EXPECT_NEAR(std::hypot(p.x(), p.y()), mu[k] * p.z(), 1e-9 * mu[k] * p.z()) << k;
+    EXPECT_NEAR(body.contactVel(0).z(), 0.0, 1e-12) << k;
+    EXPECT_LT((p - ref).norm(), 1e-7 * ref.norm()) << k;
   }
 }
 
 TEST(ContactSolver, RaisedFrictionTestsTheConeWithMuAndBuildsItWithTheDynamicInverse) {
-  // After the static-friction blend mu is raised (here 0.3 -> 0.6) while
-  // 1/mu keeps the dynamic value. The cone test uses mu: a free impulse with
-  // |t| = 0.45 z sticks. A sliding impulse is built on the dynamic cone,
-  // z = |t| / 0.3, with the normal velocity brought to zero all the same.
+  // After the static-friction blend mu is raised (0.3 -> 0.6) while 1/mu keeps
+  // the dynamic value. The cone test uses mu: a free impulse with |t| = 0.45 z
+  // sticks. A sliding impulse is built on the dynamic cone, z = |t| / 0.3.
   std::mt19937 rng(21);
   for (int trial = 0; trial < 12; ++trial) {
     Matrix3d L = randomMatrix(rng, 3, 3) + 1.5 * Matrix3d::Identity();  // coupled normal and tangents
-    const Matrix3d G = L * L.transpose();
-    const double angle = 0.5 * trial;
-    const bool sticks = trial % 2 == 0;
-    const Vector3d free(std::cos(angle) * (sticks ? 0.45 : 1.5), std::sin(angle) * (sticks ? 0.45 : 1.5), 1.0);
-    MatrixBody body = point(L, -G * free);  // the unconstrained impulse is `free`
+    const double t = trial % 2 == 0 ? 0.45 : 1.5, angle = 0.5 * trial;
+    const Vector3d free(std::cos(angle) * t, std::sin(angle) * t, 1.0);
+    MatrixBody body = point(L, -L * L.transpose() * free);  // the unconstrained impulse is `free`
     ProblemList list;
-    Single3DContactProblem& P = addProblem(list, 0.3, &body);
-    P.mu = 0.6;
+    addProblem(list, 0.3, &body).mu = 0.6;
     solveList(list, 1);
-    const Vector3d p = list[0].impulse.e(), rest = body.contactVel(0);
+    const Vector3d p = list[0].impulse.e();
     SCOPED_TRACE("trial " + std::to_string(trial));
-    EXPECT_NEAR(rest.z(), 0.0, 1e-12);
-    if (sticks) {
+    EXPECT_NEAR(body.contactVel(0).z(), 0.0, 1e-12);
+    if (t < 1.0) {
       EXPECT_LT((p - free).norm(), 1e-12);
-      EXPECT_LT(rest.norm(), 1e-12);
     } else {
       EXPECT_NEAR(std::hypot(p.x(), p.y()) / 0.3, p.z(), 1e-12 * p.z());
-      EXPECT_GT(rest.head<2>().norm(), 0.1);  // it slides
     }
   }
 }
@@ -258,41 +201,4 @@ TEST(ContactProblem, CheckRankClassifiesTheDelassusBlock) {
     EXPECT_TRUE((B * B.transpose() * G).isApprox(G, 1e-9)) << variant;  // B spans G's range
     EXPECT_TRUE((B.transpose() * G * B * P.reducedDelassusInverse.e()).isApprox(Matrix2d::Identity(), 1e-10));
   }
-}
-
-TEST(ContactProblem, EveryFieldStartsDefinedAndEveryRecordIsAligned) {
-  // Built over memory full of NaN bit patterns, a problem reads as zeros
-  // wherever its constructor has no value to give.
-  alignas(Single3DContactProblem) unsigned char raw[sizeof(Single3DContactProblem)];
-  vorsim::MaterialPairProperties mat;
-  mat.c_f = 0.5, mat.c_r = 0.25, mat.r_th = 0.125, mat.c_static_f = 0.75, mat.v_static = 2.0, mat.v_static_inv = 0.5;
-  for (const bool fromMaterial : {false, true}) {
-    std::memset(raw, 0xFF, sizeof(raw));
-    const Single3DContactProblem& P = fromMaterial ? *new (raw) Single3DContactProblem(mat, 1.0, 2.0, 3.0, -0.5)
-                                                   : *new (raw) Single3DContactProblem();
-    Matrix<double, 3, 6> vectors;
-    vectors << P.impulse.e(), P.tauStar.e(), P.basis[0].e(), P.basis[1].e(), P.reducedColumnX.e(), P.reducedColumnY.e();
-    EXPECT_EQ(vectors, (Matrix<double, 3, 6>::Zero()));
-    EXPECT_EQ(P.position.e(), fromMaterial ? Vector3d(1, 2, 3) : Vector3d::Zero());
-    EXPECT_EQ(P.delassus.e().squaredNorm() + P.delassusInverse.e().squaredNorm(), 0.0);
-    EXPECT_EQ(P.reducedDelassus.e().squaredNorm() + P.reducedDelassusInverse.e().squaredNorm(), 0.0);
-    const double k = fromMaterial ? 1.0 : 0.0;
-    EXPECT_EQ((std::vector<double>{P.normalDelassusOverMu, P.targetNormalVel, P.rankOneDelassus, P.impactVel,
-                                   P.inverseGzz, P.mu, P.muInverse, P.restitution, P.restitutionThreshold, P.depth,
-                                   P.staticFriction, P.staticFrictionThreshold, P.inverseStaticThreshold}),
-              (std::vector<double>{0, 0, 0, 0, 0, 0.5 * k, 2.0 * k, 0.25 * k, 0.125 * k, -0.5 * k, 0.75 * k, 2.0 * k,
-                                   0.5 * k}));
-    EXPECT_TRUE(P.objectA == nullptr && P.objectB == nullptr);
-    EXPECT_EQ(P.rank, 3);
-    EXPECT_EQ(P.localIndexA + P.localIndexB, 0u);
-  }
-
-  // In a world's list every record, not only the first, starts on 32 bytes.
-  vorsim::World world;
-  world.addGround();
-  for (int i = 0; i < 3; ++i) world.addBox(0.2, 0.2, 0.2, 1.0)->setPosition(0.5 * i, 0, 0.099);
-  world.integrate1();
-  const auto& problems = world.getContactProblem();
-  ASSERT_EQ(problems.size(), 12u);
-  for (const auto& P : problems) EXPECT_EQ(reinterpret_cast<std::uintptr_t>(&P) % 32, 0u) << &P - &problems[0];
 }
