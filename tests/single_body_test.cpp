@@ -181,6 +181,9 @@ TEST(Primitives, MassProperties) {
   getInertialAssumingUniformDensity(Shape::Box, Mat<4, 1>{1, 2, 3, 0}, R, 2.0, mass, I);
   EXPECT_DOUBLE_EQ(mass, 12.0);
   EXPECT_NEAR(I(0, 0), 10.0, 1e-12);
+  getInertialAssumingUniformDensity(Shape::Sphere, Mat<4, 1>{0.5, 0, 0, 0}, R, 3.0, mass, I);
+  EXPECT_DOUBLE_EQ(mass, M_PI / 2.0);
+  EXPECT_LT((I.e() - 0.1 * mass * Eigen::Matrix3d::Identity()).norm(), 1e-15);
   getInertialAssumingUniformDensity(Shape::Mesh, Mat<4, 1>{1, 1, 1, 0}, R, 2.0, mass, I);
   EXPECT_EQ(mass + I.squaredNorm(), 0.0);
 }
