@@ -138,6 +138,17 @@ TEST(ContactRules, ImpactTargetFromTheStartOfStepVelocity) {
       }
     }
   }
+  // Against a wall facing +y, with gravity off: the normal is along y.
+  World world;
+  world.setTimeStep(kDt);
+  world.setGravity(Mat<3, 1>{0, 0, 0});
+  world.addBox(1.0, 0.2, 1.0, 1.0)->setBodyType(STATIC);
+  Sphere* ball = world.addSphere(0.1, 1.0);
+  ball->setPosition(0.0, 0.198, 0.0);
+  ball->setVelocity(0.3, -V, 0.1, 0, 0, 0);
+  world.integrate();
+  ASSERT_EQ(world.getContactProblem().size(), 1u);
+  EXPECT_NEAR(world.getContactProblem()[0].impactVel, -V, 1e-15);
 }
 
 TEST(ContactRules, StaticFrictionBlendsByTheRelativeSlipAtTheStartOfTheStep) {
