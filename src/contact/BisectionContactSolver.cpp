@@ -72,6 +72,14 @@ class SlidingSearch {
   SlidingSearch(const Single3DContactProblem& P, const Mat<3, 1>& c, const Mat<3, 1>& v)
       : P_(P), c_(c), vz_(v[2]), g20_(P.delassus(2, 0)), g21_(P.delassus(2, 1)) {
     for (size_t i = 0; i < 3; ++i) q_[i] = v[i] - (v[2] * P.inverseGzz) * c[i];
+    // The first two columns of G with the normal's share taken out along the
+    // third (built here: most problems of a solve never slide).
+    const Mat<3, 3>& G = P.delassus;
+    const double fx = G(2, 0) / G(2, 2), fy = G(2, 1) / G(2, 2);
+    for (size_t i = 0; i < 3; ++i) {
+      columnX_[i] = G(i, 0) - fx * G(i, 2);
+      columnY_[i] = G(i, 1) - fy * G(i, 2);
+    }
   }
 
   // Normal-zeroing magnitude along the cone direction of cos/sin.
@@ -82,7 +90,7 @@ class SlidingSearch {
   double f(double ix, double iy, const Mat<3, 1>& dir) const {
     const Mat<3, 1> e = cross(c_, dir);
     double s = 0.0;
-    for (size_t i = 0; i < 3; ++i) s += (ix * P_.reducedColumnX[i] + iy * P_.reducedColumnY[i] + q_[i]) * e[i];
+    for (size_t i = 0; i < 3; ++i) s += (ix * columnX_[i] + iy * columnY_[i] + q_[i]) * e[i];
     return s / e.norm();
   }
 
@@ -97,7 +105,7 @@ class SlidingSearch {
  private:
   const Single3DContactProblem& P_;
   const Mat<3, 1>& c_;
-  Mat<3, 1> q_;
+  Mat<3, 1> q_, columnX_, columnY_;
   double vz_, g20_, g21_;
 };
 
@@ -398,14 +406,7 @@ void BisectionContactSolver::solve(ProblemList& problems) {
     P.targetNormalVel = std::max(0.0, ((v[2] - 2.0 * P.impactVel) - P.restitutionThreshold) * (P.restitution + erp2));
     P.targetNormalVel -= P.depth * erp;
     if (P.rank == 3 || P.rank == 9) invert33(G, P.delassusInverse);
-    if (P.rank == 2 || P.rank == 3) {
-      const double fx = G(2, 0) / G(2, 2), fy = G(2, 1) / G(2, 2);
-      for (size_t i = 0; i < 3; ++i) {
-        P.reducedColumnX[i] = G(i, 0) - fx * G(i, 2);
-        P.reducedColumnY[i] = G(i, 1) - fy * G(i, 2);
-      }
-      if (P.mu == 0.0) P.impulse[0] = P.impulse[1] = 0.0;
-    }
+    if ((P.rank == 2 || P.rank == 3) && P.mu == 0.0) P.impulse[0] = P.impulse[1] = 0.0;
   }
 
   const double limit = double(n) * threshold;
