@@ -401,7 +401,7 @@ void usage() {
          "contact-free robots)\n"
          "  --engines L   comma-separated engines to run (default all that were built)\n"
          "  --vorsim L    comma-separated vorsim configurations: default, fast, warm, fast warm, exact,\n"
-         "                fast exact, warm exact, fast warm exact (default all)\n"
+         "                fast exact, warm exact, fast warm exact, fast warm loose, warm capped (default all)\n"
          "  --sweep       run every candidate setting of the peers instead of the chosen ones\n"
          "  --candidates T  with --sweep: only the candidates whose name contains T\n"
          "  --budget S    give up a configuration whose measuring run would take longer than S seconds\n"
