@@ -76,6 +76,11 @@ struct Contact {
   // Rows t/|t|, s/|s|, n/|n| with t = (n.y, -n.x, 0) (or (1,0,0) for a normal
   // along z) and s = n x t.
   static void computeFrame(const Mat<3, 1>& normal, Mat<3, 3>& frame);
+  // Two points at once, from the normals a and b as the collision library
+  // gives them: na = a / |a| and fa its computeFrame, nb and fb the same for
+  // b, bit for bit as the scalar steps (the two are worked in packed lanes).
+  static void unitNormalsAndFrames(const double* a, const double* b, Mat<3, 1>& na, Mat<3, 3>& fa, Mat<3, 1>& nb,
+                                   Mat<3, 3>& fb);
 
   const Mat<3, 1>& getPosition() const { return position; }
   const Mat<3, 1>& getNormal() const { return normal; }
