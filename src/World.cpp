@@ -215,42 +215,18 @@ void World::generateContacts() {
     const Mat<3, 1> pos{g.pos[0], g.pos[1], g.pos[2]};
     const size_t problemIndex = contactProblems_.size();
 
-    auto fill = [&](Contact& c) {
-      c.frame = frame;
-      c.position = pos;
-      c.normal = n;
-      c.impulse = nullptr;
-      c.depth = -g.depth;
-      c.contactProblemIndex = problemIndex;
-      c.colObjectA = g.g1;
-      c.colObjectB = g.g2;
-      c.isSelfCollision = false;
-      c.skip = false;
-    };
-
+    // Each record is built in place, every field written once.
     if (typeA != STATIC) {
       auto& list = A->getContacts();
       const size_t pairIndex = B->getContacts().size() + (A == B ? 1 : 0);
-      Contact& c = list.emplace_back();
-      fill(c);
-      c.isObjectA = true;
-      c.localContactIndex = list.size() - 1;
-      c.pairObjectIndex = d2.objectIndex;
-      c.pairObjectBodyType = typeB;
-      c.pairContactIndex = pairIndex;
-      c.localBodyIndex = la;
+      list.emplace_back(frame, pos, n, -g.depth, list.size(), d2.objectIndex, pairIndex, problemIndex, la, true, typeB,
+                        g.g1, g.g2);
     }
     if (typeB != STATIC) {
       auto& list = B->getContacts();
       const size_t pairIndex = A->getContacts().size() - 1;
-      Contact& c = list.emplace_back();
-      fill(c);
-      c.isObjectA = false;
-      c.localContactIndex = list.size() - 1;
-      c.pairObjectIndex = d1.objectIndex;
-      c.pairObjectBodyType = typeA;
-      c.pairContactIndex = pairIndex;
-      c.localBodyIndex = lb;
+      list.emplace_back(frame, pos, n, -g.depth, list.size(), d1.objectIndex, pairIndex, problemIndex, lb, false, typeA,
+                        g.g1, g.g2);
     }
 
     // Geoms mostly share one name string: equal addresses skip the compare.
