@@ -14,6 +14,19 @@ namespace vorsim {
 
 namespace {
 inline Mat<3, 1> toMat(const Eigen::Vector3d& v) { return {v(0), v(1), v(2)}; }
+
+// Whether a holds the same text as *b (b not null). Material names are short:
+// a plain loop beats a call to the library's compare.
+inline bool sameText(const std::string& a, const std::string* b) {
+  if (&a == b) return true;
+  const size_t n = a.size();
+  if (n != b->size()) return false;
+  const char* p = a.data();
+  const char* q = b->data();
+  for (size_t k = 0; k < n; ++k)
+    if (p[k] != q[k]) return false;
+  return true;
+}
 }  // namespace
 
 World::World() { init(); }
@@ -229,13 +242,13 @@ void World::generateContacts() {
                         g.g1, g.g2);
     }
 
-    // Geoms mostly share one name string: equal addresses skip the compare.
-    if (material == nullptr || (&d1.material != lastMaterial1 && !(d1.material == *lastMaterial1)) ||
-        (&d2.material != lastMaterial2 && !(d2.material == *lastMaterial2))) {
+    // The pair's properties depend on the names' text only. Points of one
+    // geom pair come in a row, so the strings last compared are remembered
+    // by address whether or not they were the ones looked up.
+    if (material == nullptr || !sameText(d1.material, lastMaterial1) || !sameText(d2.material, lastMaterial2))
       material = &materialManager_.getMaterialPairProp(d1.material, d2.material);
-      lastMaterial1 = &d1.material;
-      lastMaterial2 = &d2.material;
-    }
+    lastMaterial1 = &d1.material;
+    lastMaterial2 = &d2.material;
     contactProblems_.emplace_back(*material, pos[0], pos[1], pos[2], -g.depth);
   }
 }
