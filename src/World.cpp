@@ -202,16 +202,19 @@ void World::generateContacts() {
   const std::string* lastMaterial1 = nullptr;
   const std::string* lastMaterial2 = nullptr;
   const MaterialPairProperties* material = nullptr;
-  // Normals and frames are made two points at a time (in packed lanes, the
-  // same bits as one at a time), for the point and its successor.
-  Mat<3, 1> normals[2];
-  Mat<3, 3> frames[2];
+  // The unit normals and frames of all points first, in one pass of
+  // independent points (packed lanes, the same bits as one at a time). The
+  // buffers follow the size of the point store, so a steady scene allocates
+  // nothing here.
+  if (contactNormals_.size() != contactGeoms_.size()) {
+    contactNormals_.resize(contactGeoms_.size());
+    contactFrames_.resize(contactGeoms_.size());
+  }
+  if (numContacts_ > 0)
+    Contact::unitNormalsAndFrames(contactGeoms_[0].normal, sizeof(dContactGeom), size_t(numContacts_),
+                                  contactNormals_.data(), contactFrames_.data());
   for (int i = 0; i < numContacts_; ++i) {
     const dContactGeom& g = contactGeoms_[size_t(i)];
-    if ((i & 1) == 0) {
-      const dContactGeom& next = i + 1 < numContacts_ ? contactGeoms_[size_t(i) + 1] : g;
-      Contact::unitNormalsAndFrames(g.normal, next.normal, normals[0], frames[0], normals[1], frames[1]);
-    }
     const GeomData& d1 = geomData(g.g1);
     const GeomData& d2 = geomData(g.g2);
     Object* A = objects_[d1.objectIndex];
@@ -223,8 +226,8 @@ void World::generateContacts() {
     // the first points of its set.
     if (A == B && (la == lb || selfCollisionPairIsFull(*A, la, lb))) continue;
 
-    const Mat<3, 1>& n = normals[i & 1];
-    const Mat<3, 3>& frame = frames[i & 1];
+    const Mat<3, 1>& n = contactNormals_[size_t(i)];
+    const Mat<3, 3>& frame = contactFrames_[size_t(i)];
     const Mat<3, 1> pos{g.pos[0], g.pos[1], g.pos[2]};
     const size_t problemIndex = contactProblems_.size();
 

@@ -102,11 +102,12 @@ struct Contact {
   // Rows t/|t|, s/|s|, n/|n| with t = (n.y, -n.x, 0) (or (1,0,0) for a normal
   // along z) and s = n x t.
   static void computeFrame(const Mat<3, 1>& normal, Mat<3, 3>& frame);
-  // Two points at once, from the normals a and b as the collision library
-  // gives them: na = a / |a| and fa its computeFrame, nb and fb the same for
-  // b, bit for bit as the scalar steps (the two are worked in packed lanes).
-  static void unitNormalsAndFrames(const double* a, const double* b, Mat<3, 1>& na, Mat<3, 3>& fa, Mat<3, 1>& nb,
-                                   Mat<3, 3>& fb);
+  // For `count` points whose normals (as the collision library gives them,
+  // three doubles) start at `normals`, `stride` bytes apart: unitNormals[i] =
+  // g_i / |g_i| and frames[i] its computeFrame, bit for bit as those scalar
+  // steps (the points are worked in packed lanes, each lane one point).
+  static void unitNormalsAndFrames(const double* normals, size_t stride, size_t count, Mat<3, 1>* unitNormals,
+                                   Mat<3, 3>* frames);
 
   const Mat<3, 1>& getPosition() const { return position; }
   const Mat<3, 1>& getNormal() const { return normal; }
