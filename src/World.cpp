@@ -213,14 +213,35 @@ void World::generateContacts() {
   if (numContacts_ > 0)
     Contact::unitNormalsAndFrames(contactGeoms_[0].normal, sizeof(dContactGeom), size_t(numContacts_),
                                   contactNormals_.data(), contactFrames_.data());
+  // What a geom leads to (record, object, body, body type) does not change
+  // during the loop, and the points of one geom pair come in a row: each side
+  // is looked up again only when its geom differs from the last point's.
+  struct Side {
+    dxGeom* geom = nullptr;
+    const GeomData* data = nullptr;
+    Object* object = nullptr;
+    size_t local = 0;
+    BodyType type = STATIC;
+  };
+  auto resolve = [this](Side& side, dxGeom* geom) {
+    if (geom == side.geom) return;
+    side.geom = geom;
+    side.data = &geomData(geom);
+    side.object = objects_[side.data->objectIndex];
+    side.local = side.data->localIndex;
+    side.type = side.object->getBodyType(side.local);
+  };
+  Side side1, side2;
   for (int i = 0; i < numContacts_; ++i) {
     const dContactGeom& g = contactGeoms_[size_t(i)];
-    const GeomData& d1 = geomData(g.g1);
-    const GeomData& d2 = geomData(g.g2);
-    Object* A = objects_[d1.objectIndex];
-    Object* B = objects_[d2.objectIndex];
-    const size_t la = d1.localIndex, lb = d2.localIndex;
-    const BodyType typeA = A->getBodyType(la), typeB = B->getBodyType(lb);
+    resolve(side1, g.g1);
+    resolve(side2, g.g2);
+    const GeomData& d1 = *side1.data;
+    const GeomData& d2 = *side2.data;
+    Object* A = side1.object;
+    Object* B = side2.object;
+    const size_t la = side1.local, lb = side2.local;
+    const BodyType typeA = side1.type, typeB = side2.type;
     if (typeA != DYNAMIC && typeB != DYNAMIC) continue;
     // A body never touches itself; a pair of an object's own bodies keeps only
     // the first points of its set.
