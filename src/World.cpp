@@ -195,7 +195,9 @@ bool World::selfCollisionPairIsFull(const Object& object, size_t la, size_t lb) 
   return found >= object.getMaxSelfCollisionContacts();
 }
 
-void World::generateContacts() {
+// Flattened: the record constructors and the vectors' appends are inlined
+// into the loop, which writes both records of every point.
+__attribute__((flatten)) void World::generateContacts() {
   // One Contact per non-static side and one problem per collision point.
   // Consecutive points mostly share their pair of material names: the pair's
   // properties are looked up again only when a name differs from the last.

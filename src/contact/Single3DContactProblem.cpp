@@ -5,26 +5,6 @@
 namespace vorsim {
 namespace contact {
 
-Single3DContactProblem::Single3DContactProblem(const MaterialPairProperties& mat, double x, double y, double z,
-                                               double depth_)
-    : impulse{},
-      tauStar{},
-      mu(mat.c_f),
-      muInverse(1.0 / mat.c_f),
-      restitution(mat.c_r),
-      restitutionThreshold(mat.r_th),
-      targetNormalVel(0.0),
-      impactVel(0.0),
-      depth(depth_),
-      inverseGzz(0.0),
-      objectA(nullptr),
-      objectB(nullptr),
-      rank(3),
-      position{x, y, z},
-      staticFriction(mat.c_static_f),
-      staticFrictionThreshold(mat.v_static),
-      inverseStaticThreshold(mat.v_static_inv) {}
-
 namespace {
 // The full classification of a block that the quick test in checkRank could
 // not clear; kept out of line so that the common case stays small.
