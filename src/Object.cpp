@@ -24,9 +24,9 @@ inline Lanes2 sqrtLanes(Lanes2 x) {
 #endif
 }
 
-// The points from `first` to `first + count` of Contact::unitNormalsAndFrames
-// worked W at a time in lanes of type L (sqrt: SQRT), lane k for point i + k;
-// lanes past the last point repeat it. Every line is the scalar path's
+// The body of Contact::unitNormalsAndFrames: the `count` points worked W at a
+// time in lanes of type L (square root: SQRT), lane k for point i + k; lanes
+// past the last point repeat it. Every line is the scalar path's
 // operation, in its order: |g| as sqrt(((0 + x^2) + y^2) + z^2), n = g / |g|,
 // then computeFrame(n), its multiplications by the zero of t included (they
 // decide the sign of zeros in s). A macro, so that the AVX copy below is
