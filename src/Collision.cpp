@@ -7,6 +7,10 @@
 #include <mutex>
 #include <unordered_map>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "rayCast.hpp"
 #include "vorsim/VorSimMsg.hpp"
 
@@ -205,9 +209,25 @@ void SweepAndPrune::collide(void* data, dNearCallback* callback) {
   for (size_t i = 0; i < bounded; ++i) {
     const Entry& a = entries_[i];
     if (filterKinds && !kindHasPartner_[a.kind]) continue;
+#if defined(__SSE2__)
+    // The four tests b.x0 > a.x1, a.x0 > b.x1, b.z0 > a.z1, a.z0 > b.z1 in
+    // two packed compares: the second lane compares negated values (exact,
+    // and false with NaN as the plain compare), so that one predicate serves
+    // both lanes. One branch then decides, where the four tests fail in no
+    // pattern a branch predictor could learn.
+    const __m128d flip = _mm_set_pd(-0.0, 0.0);
+    const __m128d ax = _mm_xor_pd(_mm_set_pd(a.box[0], a.box[1]), flip);
+    const __m128d az = _mm_xor_pd(_mm_set_pd(a.box[4], a.box[5]), flip);
+#endif
     for (size_t j = i + 1; j < bounded && entries_[j].box[2] <= a.box[3]; ++j) {
       const Entry& b = entries_[j];
+#if defined(__SSE2__)
+      const __m128d bx = _mm_xor_pd(_mm_loadu_pd(b.box), flip);
+      const __m128d bz = _mm_xor_pd(_mm_loadu_pd(b.box + 4), flip);
+      if (_mm_movemask_pd(_mm_or_pd(_mm_cmpgt_pd(bx, ax), _mm_cmpgt_pd(bz, az))) != 0) continue;
+#else
       if (b.box[0] > a.box[1] || a.box[0] > b.box[1] || b.box[4] > a.box[5] || a.box[4] > b.box[5]) continue;
+#endif
       if (passes(a, b)) callback(data, a.geom, b.geom);
     }
   }

@@ -14,6 +14,19 @@ namespace vorsim {
 
 namespace {
 inline Mat<3, 1> toMat(const Eigen::Vector3d& v) { return {v(0), v(1), v(2)}; }
+
+// Whether a holds the same text as *b (b not null). Material names are short:
+// a plain loop beats a call to the library's compare.
+inline bool sameText(const std::string& a, const std::string* b) {
+  if (&a == b) return true;
+  const size_t n = a.size();
+  if (n != b->size()) return false;
+  const char* p = a.data();
+  const char* q = b->data();
+  for (size_t k = 0; k < n; ++k)
+    if (p[k] != q[k]) return false;
+  return true;
+}
 }  // namespace
 
 World::World() { init(); }
@@ -182,78 +195,86 @@ bool World::selfCollisionPairIsFull(const Object& object, size_t la, size_t lb) 
   return found >= object.getMaxSelfCollisionContacts();
 }
 
-void World::generateContacts() {
+// Flattened: the record constructors and the vectors' appends are inlined
+// into the loop, which writes both records of every point.
+__attribute__((flatten)) void World::generateContacts() {
   // One Contact per non-static side and one problem per collision point.
   // Consecutive points mostly share their pair of material names: the pair's
   // properties are looked up again only when a name differs from the last.
   const std::string* lastMaterial1 = nullptr;
   const std::string* lastMaterial2 = nullptr;
   const MaterialPairProperties* material = nullptr;
+  // The unit normals and frames of all points first, in one pass of
+  // independent points (packed lanes, the same bits as one at a time). The
+  // buffers follow the size of the point store, so a steady scene allocates
+  // nothing here.
+  if (contactNormals_.size() != contactGeoms_.size()) {
+    contactNormals_.resize(contactGeoms_.size());
+    contactFrames_.resize(contactGeoms_.size());
+  }
+  if (numContacts_ > 0)
+    Contact::unitNormalsAndFrames(contactGeoms_[0].normal, sizeof(dContactGeom), size_t(numContacts_),
+                                  contactNormals_.data(), contactFrames_.data());
+  // What a geom leads to (record, object, body, body type) does not change
+  // during the loop, and the points of one geom pair come in a row: each side
+  // is looked up again only when its geom differs from the last point's.
+  struct Side {
+    dxGeom* geom = nullptr;
+    const GeomData* data = nullptr;
+    Object* object = nullptr;
+    size_t local = 0;
+    BodyType type = STATIC;
+  };
+  auto resolve = [this](Side& side, dxGeom* geom) {
+    if (geom == side.geom) return;
+    side.geom = geom;
+    side.data = &geomData(geom);
+    side.object = objects_[side.data->objectIndex];
+    side.local = side.data->localIndex;
+    side.type = side.object->getBodyType(side.local);
+  };
+  Side side1, side2;
   for (int i = 0; i < numContacts_; ++i) {
     const dContactGeom& g = contactGeoms_[size_t(i)];
-    const GeomData& d1 = geomData(g.g1);
-    const GeomData& d2 = geomData(g.g2);
-    Object* A = objects_[d1.objectIndex];
-    Object* B = objects_[d2.objectIndex];
-    const size_t la = d1.localIndex, lb = d2.localIndex;
-    const BodyType typeA = A->getBodyType(la), typeB = B->getBodyType(lb);
+    resolve(side1, g.g1);
+    resolve(side2, g.g2);
+    const GeomData& d1 = *side1.data;
+    const GeomData& d2 = *side2.data;
+    Object* A = side1.object;
+    Object* B = side2.object;
+    const size_t la = side1.local, lb = side2.local;
+    const BodyType typeA = side1.type, typeB = side2.type;
     if (typeA != DYNAMIC && typeB != DYNAMIC) continue;
     // A body never touches itself; a pair of an object's own bodies keeps only
     // the first points of its set.
     if (A == B && (la == lb || selfCollisionPairIsFull(*A, la, lb))) continue;
 
-    Mat<3, 1> n{g.normal[0], g.normal[1], g.normal[2]};
-    n /= n.norm();
-    Mat<3, 3> frame;
-    Contact::computeFrame(n, frame);
+    const Mat<3, 1>& n = contactNormals_[size_t(i)];
+    const Mat<3, 3>& frame = contactFrames_[size_t(i)];
     const Mat<3, 1> pos{g.pos[0], g.pos[1], g.pos[2]};
     const size_t problemIndex = contactProblems_.size();
 
-    auto fill = [&](Contact& c) {
-      c.frame = frame;
-      c.position = pos;
-      c.normal = n;
-      c.impulse = nullptr;
-      c.depth = -g.depth;
-      c.contactProblemIndex = problemIndex;
-      c.colObjectA = g.g1;
-      c.colObjectB = g.g2;
-      c.isSelfCollision = false;
-      c.skip = false;
-    };
-
+    // Each record is built in place, every field written once.
     if (typeA != STATIC) {
       auto& list = A->getContacts();
       const size_t pairIndex = B->getContacts().size() + (A == B ? 1 : 0);
-      Contact& c = list.emplace_back();
-      fill(c);
-      c.isObjectA = true;
-      c.localContactIndex = list.size() - 1;
-      c.pairObjectIndex = d2.objectIndex;
-      c.pairObjectBodyType = typeB;
-      c.pairContactIndex = pairIndex;
-      c.localBodyIndex = la;
+      list.emplace_back(frame, pos, n, -g.depth, list.size(), d2.objectIndex, pairIndex, problemIndex, la, true, typeB,
+                        g.g1, g.g2);
     }
     if (typeB != STATIC) {
       auto& list = B->getContacts();
       const size_t pairIndex = A->getContacts().size() - 1;
-      Contact& c = list.emplace_back();
-      fill(c);
-      c.isObjectA = false;
-      c.localContactIndex = list.size() - 1;
-      c.pairObjectIndex = d1.objectIndex;
-      c.pairObjectBodyType = typeA;
-      c.pairContactIndex = pairIndex;
-      c.localBodyIndex = lb;
+      list.emplace_back(frame, pos, n, -g.depth, list.size(), d1.objectIndex, pairIndex, problemIndex, lb, false, typeA,
+                        g.g1, g.g2);
     }
 
-    // Geoms mostly share one name string: equal addresses skip the compare.
-    if (material == nullptr || (&d1.material != lastMaterial1 && !(d1.material == *lastMaterial1)) ||
-        (&d2.material != lastMaterial2 && !(d2.material == *lastMaterial2))) {
+    // The pair's properties depend on the names' text only. Points of one
+    // geom pair come in a row, so the strings last compared are remembered
+    // by address whether or not they were the ones looked up.
+    if (material == nullptr || !sameText(d1.material, lastMaterial1) || !sameText(d2.material, lastMaterial2))
       material = &materialManager_.getMaterialPairProp(d1.material, d2.material);
-      lastMaterial1 = &d1.material;
-      lastMaterial2 = &d2.material;
-    }
+    lastMaterial1 = &d1.material;
+    lastMaterial2 = &d2.material;
     contactProblems_.emplace_back(*material, pos[0], pos[1], pos[2], -g.depth);
   }
 }
@@ -341,16 +362,35 @@ void World::applyStaticFriction() {
   // toward the static one. 1/mu keeps the dynamic value.
   for (auto& P : contactProblems_) {
     if (P.rank > 3) continue;
-    Mat<3, 1> v = P.tauStar;
-    if (P.singleBodyA)
-      static_cast<SingleBodyObject*>(P.objectA)->SingleBodyObject::addContactPointVel2(P.localIndexA, v);
-    else if (P.objectA)
-      P.objectA->addContactPointVel2(P.localIndexA, v);
-    if (P.singleBodyB)
-      static_cast<SingleBodyObject*>(P.objectB)->SingleBodyObject::subContactPointVel2(P.localIndexB, v);
-    else if (P.objectB)
-      P.objectB->subContactPointVel2(P.localIndexB, v);
-    const double vt = std::sqrt(v[0] * v[0] + v[1] * v[1]);
+    // The tangential speed is a square root: zero or more, or NaN. A threshold
+    // that is not above zero is above no speed, so such a problem keeps mu and
+    // its velocity need not be read.
+    if (!(P.staticFrictionThreshold > 0.0)) continue;
+    double vx, vy;
+    if ((P.singleBodyA || P.objectA == nullptr) && (P.singleBodyB || P.objectB == nullptr)) {
+      // Single bodies (or no object) on both sides: the velocity stays in
+      // registers, and its normal part, never read, is not computed.
+      Mat<3, 1> v = P.tauStar;
+      if (P.singleBodyA)
+        static_cast<SingleBodyObject*>(P.objectA)->SingleBodyObject::addContactPointVel2(P.localIndexA, v);
+      if (P.singleBodyB)
+        static_cast<SingleBodyObject*>(P.objectB)->SingleBodyObject::subContactPointVel2(P.localIndexB, v);
+      vx = v[0];
+      vy = v[1];
+    } else {
+      Mat<3, 1> v = P.tauStar;
+      if (P.singleBodyA)
+        static_cast<SingleBodyObject*>(P.objectA)->SingleBodyObject::addContactPointVel2(P.localIndexA, v);
+      else if (P.objectA)
+        P.objectA->addContactPointVel2(P.localIndexA, v);
+      if (P.singleBodyB)
+        static_cast<SingleBodyObject*>(P.objectB)->SingleBodyObject::subContactPointVel2(P.localIndexB, v);
+      else if (P.objectB)
+        P.objectB->subContactPointVel2(P.localIndexB, v);
+      vx = v[0];
+      vy = v[1];
+    }
+    const double vt = std::sqrt(vx * vx + vy * vy);
     if (P.staticFrictionThreshold > vt) P.mu = P.mu + (1.0 - vt * P.inverseStaticThreshold) * (P.staticFriction - P.mu);
   }
 }

@@ -1,6 +1,7 @@
 // The order in which a step drives objects, and the world's settings.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -147,6 +148,23 @@ TEST(WorldStep, SettersObjectTypesAndFrames) {
   EXPECT_LT((F * F.transpose() - Eigen::Matrix3d::Identity()).norm(), 1e-12);
   EXPECT_NEAR(F.determinant(), 1.0, 1e-12);
   EXPECT_LT((Eigen::Vector3d(F.row(2).transpose()) - n.e().normalized()).norm(), 1e-15);
+
+  // The batch form gives the bits of n = g / |g| and computeFrame(n), signed
+  // zeros included, for every point of a strided array of any length.
+  const double raw[][4] = {{0, 0, -2, 9}, {-0.0, 0, 1, 9}, {0, -0.0, -1, 9}, {0.3, -0.4, 0.866, 9},
+                           {-1e-300, 2e-300, 1, 9}, {5, 0, 0, 9}, {-0.2, 0.0, -3, 9}};
+  for (size_t count = 1; count <= 7; ++count) {
+    std::vector<Mat<3, 1>> normals(count);
+    std::vector<Mat<3, 3>> frames(count);
+    Contact::unitNormalsAndFrames(raw[0], sizeof(raw[0]), count, normals.data(), frames.data());
+    for (size_t i = 0; i < count; ++i) {
+      Mat<3, 1> u{raw[i][0], raw[i][1], raw[i][2]};
+      u /= u.norm();
+      Contact::computeFrame(u, f);
+      EXPECT_EQ(std::memcmp(normals[i].v, u.v, sizeof(u.v)), 0) << count << " " << i;
+      EXPECT_EQ(std::memcmp(frames[i].v, f.v, sizeof(f.v)), 0) << count << " " << i;
+    }
+  }
 }
 
 TEST(WorldStep, GeomsThatCanTouchNothingStillShowTheirPoses) {

@@ -73,9 +73,41 @@ struct Contact {
   dxGeom* colObjectA = nullptr;
   dxGeom* colObjectB = nullptr;
 
+  Contact() = default;
+  // The record of one side of a collision point, as the world makes it: every
+  // field set, the block and the impact velocity zero, the impulse null.
+  Contact(const Mat<3, 3>& frame_, const Mat<3, 1>& position_, const Mat<3, 1>& normal_, double depth_,
+          size_t localContactIndex_, size_t pairObjectIndex_, size_t pairContactIndex_, size_t contactProblemIndex_,
+          size_t localBodyIndex_, bool isObjectA_, BodyType pairObjectBodyType_, dxGeom* colObjectA_,
+          dxGeom* colObjectB_)
+      : frame(frame_),
+        position(position_),
+        normal(normal_),
+        delassus{},
+        impulse(nullptr),
+        impactVel(0.0),
+        depth(depth_),
+        localContactIndex(localContactIndex_),
+        pairObjectIndex(pairObjectIndex_),
+        pairContactIndex(pairContactIndex_),
+        contactProblemIndex(contactProblemIndex_),
+        localBodyIndex(localBodyIndex_),
+        isSelfCollision(false),
+        skip(false),
+        isObjectA(isObjectA_),
+        pairObjectBodyType(pairObjectBodyType_),
+        colObjectA(colObjectA_),
+        colObjectB(colObjectB_) {}
+
   // Rows t/|t|, s/|s|, n/|n| with t = (n.y, -n.x, 0) (or (1,0,0) for a normal
   // along z) and s = n x t.
   static void computeFrame(const Mat<3, 1>& normal, Mat<3, 3>& frame);
+  // For `count` points whose normals (as the collision library gives them,
+  // three doubles) start at `normals`, `stride` bytes apart: unitNormals[i] =
+  // g_i / |g_i| and frames[i] its computeFrame, bit for bit as those scalar
+  // steps (the points are worked in packed lanes, each lane one point).
+  static void unitNormalsAndFrames(const double* normals, size_t stride, size_t count, Mat<3, 1>* unitNormals,
+                                   Mat<3, 3>* frames);
 
   const Mat<3, 1>& getPosition() const { return position; }
   const Mat<3, 1>& getNormal() const { return normal; }

@@ -377,6 +377,9 @@ class World {
 
   dxSpace* collisionSpace_ = nullptr;
   std::vector<dContactGeom> contactGeoms_;
+  // Unit normal and contact frame of each point of contactGeoms_.
+  std::vector<Mat<3, 1>> contactNormals_;
+  std::vector<Mat<3, 3>> contactFrames_;
   int numContacts_ = 0;
   Mat<3, 1> gravity_{0.0, 0.0, -9.81};
   contact::BisectionContactSolver solver_;

@@ -26,7 +26,26 @@ namespace contact {
 class alignas(32) Single3DContactProblem {
  public:
   Single3DContactProblem() = default;
-  Single3DContactProblem(const MaterialPairProperties& mat, double x, double y, double z, double depth);
+  // A collision point of the pair `mat` at (x, y, z); depth is the negated
+  // penetration. Inline, so that the world's contact loop builds it in place.
+  Single3DContactProblem(const MaterialPairProperties& mat, double x, double y, double z, double depth_)
+      : impulse{},
+        tauStar{},
+        mu(mat.c_f),
+        muInverse(1.0 / mat.c_f),
+        restitution(mat.c_r),
+        restitutionThreshold(mat.r_th),
+        targetNormalVel(0.0),
+        impactVel(0.0),
+        depth(depth_),
+        inverseGzz(0.0),
+        objectA(nullptr),
+        objectB(nullptr),
+        rank(3),
+        position{x, y, z},
+        staticFriction(mat.c_static_f),
+        staticFrictionThreshold(mat.v_static),
+        inverseStaticThreshold(mat.v_static_inv) {}
 
   // Classifies G at the start of every solve and builds the reduced blocks for
   // the singular cases.
