@@ -32,6 +32,32 @@ inline Col3 combine(const Col3& a, const Col3& b, const Col3& c, double s0, doub
   const Lanes2 v0 = {s0, s0}, v1 = {s1, s1}, v2 = {s2, s2};
   return {a.xy * v0 + b.xy * v1 + c.xy * v2, a.z * s0 + b.z * s1 + c.z * s2};
 }
+// similarityTransform(r, s1, out1) and similarityTransform(r, s2, out2) at
+// once, the first in lane 0 and the second in lane 1: every element is the
+// same sum of the same products in the same order. The outputs may alias s1
+// or s2, not r.
+inline void similarityTransformPair(const Mat<3, 3>& r, const Mat<3, 3>& s1, const Mat<3, 3>& s2, Mat<3, 3>& out1,
+                                    Mat<3, 3>& out2) {
+  Lanes2 s[9], rb[9];
+  for (size_t m = 0; m < 9; ++m) {
+    s[m] = Lanes2{s1.v[m], s2.v[m]};
+    rb[m] = Lanes2{r.v[m], r.v[m]};
+  }
+  // t = r * s^T: t(i, k) = r(i, 0) s(k, 0) + r(i, 1) s(k, 1) + r(i, 2) s(k, 2).
+  Lanes2 t[9];
+  for (size_t i = 0; i < 3; ++i)
+    for (size_t k = 0; k < 3; ++k) t[i + 3 * k] = rb[i] * s[k] + rb[i + 3] * s[k + 3] + rb[i + 6] * s[k + 6];
+  // Lower part of t * r^T: o(i, j) = t(i, 0) r(j, 0) + t(i, 1) r(j, 1) + t(i, 2) r(j, 2).
+  Lanes2 o[6];
+  size_t idx = 0;
+  for (size_t j = 0; j < 3; ++j)
+    for (size_t i = j; i < 3; ++i) o[idx++] = t[i] * rb[j] + t[i + 3] * rb[j + 3] + t[i + 6] * rb[j + 6];
+  const size_t row[6] = {0, 1, 2, 1, 2, 2}, col[6] = {0, 0, 0, 1, 1, 2};
+  for (size_t q = 0; q < 6; ++q) {
+    out1(row[q], col[q]) = out1(col[q], row[q]) = o[q][0];
+    out2(row[q], col[q]) = out2(col[q], row[q]) = o[q][1];
+  }
+}
 inline Mat<3, 3> inverse33(const Mat<3, 3>& m) {
   Mat<3, 3> out;
   invert33(m, out);
@@ -155,8 +181,7 @@ void SingleBodyObject::updateOrientation() {
 
 void SingleBodyObject::updateWorldInertia() {
   if (bodyType_ != DYNAMIC) return;
-  similarityTransform(rotationMatrix_, bodyInertia_, worldInertia_);
-  similarityTransform(rotationMatrix_, bodyInertiaInverse_, worldInertiaInverse_);
+  similarityTransformPair(rotationMatrix_, bodyInertia_, bodyInertiaInverse_, worldInertia_, worldInertiaInverse_);
 }
 
 void SingleBodyObject::initPrimitive(dxGeom* geom, double mass, const Mat<3, 3>& inertia) {
@@ -255,8 +280,7 @@ void SingleBodyObject::getContactPointVel(size_t c, Mat<3, 1>& vel) const {
 
 void SingleBodyObject::preContactSolverUpdate1(const Mat<3, 1>&, double) {
   if (bodyType_ == DYNAMIC) {
-    similarityTransform(rotationMatrix_, bodyInertia_, worldInertia_);
-    similarityTransform(rotationMatrix_, bodyInertiaInverse_, worldInertiaInverse_);
+    similarityTransformPair(rotationMatrix_, bodyInertia_, bodyInertiaInverse_, worldInertia_, worldInertiaInverse_);
   }
   contactPoints_.resize(contacts_.size());
   const Mat<3, 3>& I = worldInertiaInverse_;
@@ -356,8 +380,7 @@ void SingleBodyObject::preContactSolverUpdate2(const Mat<3, 1>& gravity, double 
 
 void SingleBodyObject::eulerIntegrate(double dt, const Mat<3, 3>& R, const Mat<3, 1>& w, Mat<3, 1>& out) const {
   Mat<3, 3> Iw, IwInv;
-  similarityTransform(R, bodyInertia_, Iw);
-  similarityTransform(R, bodyInertiaInverse_, IwInv);
+  similarityTransformPair(R, bodyInertia_, bodyInertiaInverse_, Iw, IwInv);
   Mat<3, 1> gyro;
   VecXMatVec(w, Iw, w, gyro);
   const Mat<3, 1> acc = mul(IwInv, sub(externalTorque_, gyro));
