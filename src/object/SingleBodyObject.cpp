@@ -72,19 +72,21 @@ void rotationIntegration(const Mat<3, 3>& R, Mat<3, 3>& Rout, double dt, const M
     Rout = R;
     return;
   }
-  const double ax = w[0] / s, ay = w[1] / s, az = w[2] / s;
+  const Lanes2 axy = Lanes2{w[0], w[1]} / Lanes2{s, s};
+  const double ax = axy[0], ay = axy[1], az = w[2] / s;
   const double sn = std::sin(theta), c1 = 1.0 - std::cos(theta);
-  Mat<3, 3> D;
-  D(0, 0) = 1.0 - c1 * (ay * ay + az * az);
-  D(1, 1) = 1.0 - c1 * (ax * ax + az * az);
-  D(2, 2) = 1.0 - c1 * (ax * ax + ay * ay);
-  D(0, 1) = -sn * az + c1 * ax * ay;
-  D(1, 0) = sn * az + c1 * ax * ay;
-  D(0, 2) = sn * ay + c1 * ax * az;
-  D(2, 0) = -sn * ay + c1 * ax * az;
-  D(1, 2) = -sn * ax + c1 * ay * az;
-  D(2, 1) = sn * ax + c1 * ay * az;
-  matmul(D, R, Rout);
+  // The columns of D, rows 0 and 1 in lanes.
+  const Col3 D0{Lanes2{1.0 - c1 * (ay * ay + az * az), sn * az + c1 * ax * ay}, -sn * ay + c1 * ax * az};
+  const Col3 D1{Lanes2{-sn * az + c1 * ax * ay, 1.0 - c1 * (ax * ax + az * az)}, sn * ax + c1 * ay * az};
+  const Col3 D2{Lanes2{sn * ay + c1 * ax * az, -sn * ax + c1 * ay * az}, 1.0 - c1 * (ax * ax + ay * ay)};
+  // Rout = D R, column by column (as matmul: D(i, 0) R(0, j) + D(i, 1) R(1, j)
+  // + D(i, 2) R(2, j)); every column is formed before Rout is written.
+  const Col3 c0 = combine(D0, D1, D2, R(0, 0), R(1, 0), R(2, 0));
+  const Col3 c1R = combine(D0, D1, D2, R(0, 1), R(1, 1), R(2, 1));
+  const Col3 c2 = combine(D0, D1, D2, R(0, 2), R(1, 2), R(2, 2));
+  Rout(0, 0) = c0.lane(0), Rout(1, 0) = c0.lane(1), Rout(2, 0) = c0.z;
+  Rout(0, 1) = c1R.lane(0), Rout(1, 1) = c1R.lane(1), Rout(2, 1) = c1R.z;
+  Rout(0, 2) = c2.lane(0), Rout(1, 2) = c2.lane(1), Rout(2, 2) = c2.z;
 }
 
 void evalEulerEqn(const Mat<3, 1>& w, const Mat<3, 1>& wOld, const Mat<3, 1>& torque, double dt,
