@@ -163,7 +163,11 @@ void WarmStartCache::store(const ProblemList& problems) {
       while (slots_[s] != kNone && groups_[slots_[s]].key != P.warmStartKey) s = (s + 1) & mask;
       if (slots_[s] == kNone) {
         slots_[s] = uint32_t(groups_.size());
-        groups_.push_back(Group{P.warmStartKey, uint32_t(entries_.size()), uint32_t(entries_.size())});
+        // Filled field by field: a whole-record copy would read back the
+        // halves of a record just written on the stack.
+        Group& g = groups_.emplace_back();
+        g.key = P.warmStartKey;
+        g.begin = g.end = uint32_t(entries_.size());
       } else {
         consecutive = false;
       }
