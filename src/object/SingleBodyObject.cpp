@@ -321,8 +321,7 @@ void SingleBodyObject::preContactSolverUpdate1(const Mat<3, 1>&, double) {
     // (T F^T)(row, j) = T(row, 0) F(j, 0) + T(row, 1) F(j, 1) + T(row, 2) F(j, 2), lower part
     Lanes2 D[3][3];
     for (size_t j = 0; j < 3; ++j)
-      for (size_t row = j; row < 3; ++row)
-        D[row][j] = T[row][0] * F[j][0] + T[row][1] * F[j][1] + T[row][2] * F[j][2];
+      for (size_t row = j; row < 3; ++row) D[row][j] = T[row][0] * F[j][0] + T[row][1] * F[j][1] + T[row][2] * F[j][2];
     for (size_t k = 0; k < 3; ++k) D[k][k] = D[k][k] + im;
     for (size_t lane = 0; lane < 2 && i + lane < n; ++lane) {
       Contact& c = lane == 0 ? ca : cb;

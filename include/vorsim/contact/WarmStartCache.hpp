@@ -71,10 +71,10 @@ class WarmStartCache {
   // The index of the group of `key`, or the largest uint32_t if none.
   uint32_t findGroup(const WarmStartKey& key) const;
 
-  std::vector<Entry> entries_;    // grouped by key, list order within a group
-  std::vector<uint8_t> used_;     // per entry: taken by a problem of this seed
+  std::vector<Entry> entries_;  // grouped by key, list order within a group
+  std::vector<uint8_t> used_;   // per entry: taken by a problem of this seed
   std::vector<Group> groups_;
-  std::vector<uint32_t> slots_;   // open addressing over groups_, by hash
+  std::vector<uint32_t> slots_;    // open addressing over groups_, by hash
   std::vector<uint32_t> groupOf_;  // store's scratch: group of each entry in list order
   std::vector<Entry> regrouped_;   // store's scratch when a key's points are not consecutive
   // Per problem of this step: its contact frame (null without contact
@@ -87,7 +87,6 @@ class WarmStartCache {
     bool keyed;
   };
   std::vector<ProblemFrame> frames_;
-  uint64_t mask_ = 0;
   double tolerance_ = 0.01;
   double storedTimeStep_ = 0.0;
   int storedConfiguration_ = 0;
