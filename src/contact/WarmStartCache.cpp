@@ -48,24 +48,36 @@ uint64_t WarmStartCache::hash(const WarmStartKey& key) {
   return h ^ (h >> 31);
 }
 
+uint32_t WarmStartCache::findGroup(const WarmStartKey& key) const {
+  const uint64_t mask = slots_.size() - 1;
+  for (uint64_t s = hash(key) & mask;; s = (s + 1) & mask) {
+    const uint32_t g = slots_[s];
+    if (g == kNone || groups_[g].key == key) return g;
+  }
+}
+
 void WarmStartCache::clear() {
   entries_.clear();
-  heads_.clear();
-  next_.clear();
+  used_.clear();
+  groups_.clear();
+  slots_.clear();
 }
 
 size_t WarmStartCache::seed(const std::vector<Object*>& objects, ProblemList& problems, int configuration,
                             double timeStep) {
   seedConfiguration_ = configuration;
   seedTimeStep_ = timeStep;
-  frames_.assign(problems.size(), ProblemFrame{nullptr, 1.0});
+  frames_.assign(problems.size(), ProblemFrame{nullptr, false, false});
   for (Object* object : objects) {
     for (const Contact& c : object->getContacts()) {
       if (c.contactProblemIndex >= problems.size()) continue;
-      Single3DContactProblem& P = problems[c.contactProblemIndex];
       ProblemFrame& f = frames_[c.contactProblemIndex];
       f.frame = &c.frame;
-      if (P.warmStartKey.empty() && c.colObjectA != nullptr) {
+      // Once a problem's key is set, a further record of its point changes
+      // nothing: it is not looked at again.
+      if (f.keyed || c.colObjectA == nullptr) continue;
+      Single3DContactProblem& P = problems[c.contactProblemIndex];
+      if (P.warmStartKey.empty()) {
         // The collision library may report a pair in either order from step
         // to step (the broad phase sorts by position): the key takes the geoms
         // in address order, and the impulse is kept as the one on the side of
@@ -73,26 +85,36 @@ size_t WarmStartCache::seed(const std::vector<Object*>& objects, ProblemList& pr
         const bool swapped = std::less<const void*>()(c.colObjectB, c.colObjectA);
         P.warmStartKey =
             swapped ? WarmStartKey::geoms(c.colObjectB, c.colObjectA) : WarmStartKey::geoms(c.colObjectA, c.colObjectB);
-        f.sign = swapped ? -1.0 : 1.0;
+        f.swapped = swapped;
       }
+      f.keyed = !P.warmStartKey.empty();
     }
   }
 
   if (entries_.empty() || configuration != storedConfiguration_) return 0;
-  for (Entry& e : entries_) e.used = false;
+  std::fill(used_.begin(), used_.end(), uint8_t(0));
   const double scale = timeStep == storedTimeStep_ ? 1.0 : timeStep / storedTimeStep_;
   const double tolerance2 = tolerance_ * tolerance_;
 
   size_t matched = 0;
+  // The points of one pair of geoms come one after another: the group of the
+  // last key is kept.
+  WarmStartKey lastKey;
+  uint32_t group = kNone;
   for (size_t i = 0; i < problems.size(); ++i) {
     Single3DContactProblem& P = problems[i];
     if (P.warmStartKey.empty() || P.rank == 0) continue;
+    if (P.warmStartKey != lastKey) {
+      lastKey = P.warmStartKey;
+      group = findGroup(lastKey);
+    }
+    if (group == kNone) continue;
     const bool inWorld = frames_[i].frame != nullptr;
     uint32_t best = kNone;
     double bestDistance2 = 0.0;
-    for (uint32_t k = heads_[hash(P.warmStartKey) & mask_]; k != kNone; k = next_[k]) {
+    for (uint32_t k = groups_[group].begin, end = groups_[group].end; k < end; ++k) {
       const Entry& e = entries_[k];
-      if (e.used || e.key != P.warmStartKey || e.inWorld != inWorld) continue;
+      if (used_[k] || e.inWorld != inWorld) continue;
       const double dx = e.position[0] - P.position[0], dy = e.position[1] - P.position[1],
                    dz = e.position[2] - P.position[2];
       const double d2 = dx * dx + dy * dy + dz * dz;
@@ -102,15 +124,15 @@ size_t WarmStartCache::seed(const std::vector<Object*>& objects, ProblemList& pr
       }
     }
     if (best == kNone) continue;
-    Entry& e = entries_[best];
-    e.used = true;
+    const Entry& e = entries_[best];
+    used_[best] = 1;
     if (inWorld) {
       // World vector into this step's contact frame (rows of the frame).
       matvecmul(*frames_[i].frame, e.impulse, P.impulse);
     } else {
       P.impulse = e.impulse;
     }
-    const double factor = scale * frames_[i].sign;
+    const double factor = scale * (frames_[i].swapped ? -1.0 : 1.0);
     for (size_t k = 0; k < 3; ++k) P.impulse[k] *= factor;
     if (P.rank <= 3) {
       clipToCone(P);
@@ -125,18 +147,41 @@ size_t WarmStartCache::seed(const std::vector<Object*>& objects, ProblemList& pr
 
 void WarmStartCache::store(const ProblemList& problems) {
   entries_.clear();
+  groups_.clear();
+  groupOf_.clear();
+  // At most one group per problem: the table is at most half full.
+  slots_.assign(tableSize(problems.size()), kNone);
+  const uint64_t mask = slots_.size() - 1;
+  // Whether every key's points stand one after another in the list.
+  bool consecutive = true;
+  uint32_t group = kNone;
   for (size_t i = 0; i < problems.size(); ++i) {
     const Single3DContactProblem& P = problems[i];
     if (P.warmStartKey.empty()) continue;
+    if (group == kNone || groups_[group].key != P.warmStartKey) {
+      uint64_t s = hash(P.warmStartKey) & mask;
+      while (slots_[s] != kNone && groups_[slots_[s]].key != P.warmStartKey) s = (s + 1) & mask;
+      if (slots_[s] == kNone) {
+        slots_[s] = uint32_t(groups_.size());
+        // Filled field by field: a whole-record copy would read back the
+        // halves of a record just written on the stack.
+        Group& g = groups_.emplace_back();
+        g.key = P.warmStartKey;
+        g.begin = g.end = uint32_t(entries_.size());
+      } else {
+        consecutive = false;
+      }
+      group = slots_[s];
+    }
+    groupOf_.push_back(group);
+    ++groups_[group].end;
     Entry& e = entries_.emplace_back();
-    e.key = P.warmStartKey;
     e.position = P.position;
-    e.used = false;
     e.inWorld = i < frames_.size() && frames_[i].frame != nullptr;
     if (e.inWorld) {
       // Contact frame to world: the transpose of the frame.
       const Mat<3, 3>& F = *frames_[i].frame;
-      const double sign = frames_[i].sign;
+      const double sign = frames_[i].swapped ? -1.0 : 1.0;
       for (size_t r = 0; r < 3; ++r)
         e.impulse[r] = sign * (F(0, r) * P.impulse[0] + F(1, r) * P.impulse[1] + F(2, r) * P.impulse[2]);
     } else {
@@ -145,18 +190,20 @@ void WarmStartCache::store(const ProblemList& problems) {
   }
   storedConfiguration_ = seedConfiguration_;
   storedTimeStep_ = seedTimeStep_;
+  used_.resize(entries_.size());
+  if (consecutive) return;
 
-  const uint64_t size = tableSize(entries_.size());
-  mask_ = size - 1;
-  heads_.assign(size, kNone);
-  next_.resize(entries_.size());
-  // Entries are pushed to the front of their bucket from the last to the
-  // first, so that a bucket lists them in list order.
-  for (size_t k = entries_.size(); k-- > 0;) {
-    const uint64_t b = hash(entries_[k].key) & mask_;
-    next_[k] = heads_[b];
-    heads_[b] = uint32_t(k);
+  // A key came back after other keys: its group's end counted its points
+  // from its begin. Lay the groups out one after another, each in list order.
+  uint32_t begin = 0;
+  for (Group& g : groups_) {
+    const uint32_t count = g.end - g.begin;
+    g.begin = g.end = begin;
+    begin += count;
   }
+  regrouped_.resize(entries_.size());
+  for (size_t k = 0; k < entries_.size(); ++k) regrouped_[groups_[groupOf_[k]].end++] = entries_[k];
+  entries_.swap(regrouped_);
 }
 
 }  // namespace contact

@@ -26,11 +26,36 @@ struct Col3 {
   double z;
   double lane(int k) const { return xy[k]; }
 };
-inline Col3 column(const Mat<3, 3>& m, size_t j) { return {Lanes2{m(0, j), m(1, j)}, m(2, j)}; }
 // (a s0 + b s1) + c s2, element by element.
 inline Col3 combine(const Col3& a, const Col3& b, const Col3& c, double s0, double s1, double s2) {
   const Lanes2 v0 = {s0, s0}, v1 = {s1, s1}, v2 = {s2, s2};
   return {a.xy * v0 + b.xy * v1 + c.xy * v2, a.z * s0 + b.z * s1 + c.z * s2};
+}
+// similarityTransform(r, s1, out1) and similarityTransform(r, s2, out2) at
+// once, the first in lane 0 and the second in lane 1: every element is the
+// same sum of the same products in the same order. The outputs may alias s1
+// or s2, not r.
+inline void similarityTransformPair(const Mat<3, 3>& r, const Mat<3, 3>& s1, const Mat<3, 3>& s2, Mat<3, 3>& out1,
+                                    Mat<3, 3>& out2) {
+  Lanes2 s[9], rb[9];
+  for (size_t m = 0; m < 9; ++m) {
+    s[m] = Lanes2{s1.v[m], s2.v[m]};
+    rb[m] = Lanes2{r.v[m], r.v[m]};
+  }
+  // t = r * s^T: t(i, k) = r(i, 0) s(k, 0) + r(i, 1) s(k, 1) + r(i, 2) s(k, 2).
+  Lanes2 t[9];
+  for (size_t i = 0; i < 3; ++i)
+    for (size_t k = 0; k < 3; ++k) t[i + 3 * k] = rb[i] * s[k] + rb[i + 3] * s[k + 3] + rb[i + 6] * s[k + 6];
+  // Lower part of t * r^T: o(i, j) = t(i, 0) r(j, 0) + t(i, 1) r(j, 1) + t(i, 2) r(j, 2).
+  Lanes2 o[6];
+  size_t idx = 0;
+  for (size_t j = 0; j < 3; ++j)
+    for (size_t i = j; i < 3; ++i) o[idx++] = t[i] * rb[j] + t[i + 3] * rb[j + 3] + t[i + 6] * rb[j + 6];
+  const size_t row[6] = {0, 1, 2, 1, 2, 2}, col[6] = {0, 0, 0, 1, 1, 2};
+  for (size_t q = 0; q < 6; ++q) {
+    out1(row[q], col[q]) = out1(col[q], row[q]) = o[q][0];
+    out2(row[q], col[q]) = out2(col[q], row[q]) = o[q][1];
+  }
 }
 inline Mat<3, 3> inverse33(const Mat<3, 3>& m) {
   Mat<3, 3> out;
@@ -46,19 +71,21 @@ void rotationIntegration(const Mat<3, 3>& R, Mat<3, 3>& Rout, double dt, const M
     Rout = R;
     return;
   }
-  const double ax = w[0] / s, ay = w[1] / s, az = w[2] / s;
+  const Lanes2 axy = Lanes2{w[0], w[1]} / Lanes2{s, s};
+  const double ax = axy[0], ay = axy[1], az = w[2] / s;
   const double sn = std::sin(theta), c1 = 1.0 - std::cos(theta);
-  Mat<3, 3> D;
-  D(0, 0) = 1.0 - c1 * (ay * ay + az * az);
-  D(1, 1) = 1.0 - c1 * (ax * ax + az * az);
-  D(2, 2) = 1.0 - c1 * (ax * ax + ay * ay);
-  D(0, 1) = -sn * az + c1 * ax * ay;
-  D(1, 0) = sn * az + c1 * ax * ay;
-  D(0, 2) = sn * ay + c1 * ax * az;
-  D(2, 0) = -sn * ay + c1 * ax * az;
-  D(1, 2) = -sn * ax + c1 * ay * az;
-  D(2, 1) = sn * ax + c1 * ay * az;
-  matmul(D, R, Rout);
+  // The columns of D, rows 0 and 1 in lanes.
+  const Col3 D0{Lanes2{1.0 - c1 * (ay * ay + az * az), sn * az + c1 * ax * ay}, -sn * ay + c1 * ax * az};
+  const Col3 D1{Lanes2{-sn * az + c1 * ax * ay, 1.0 - c1 * (ax * ax + az * az)}, sn * ax + c1 * ay * az};
+  const Col3 D2{Lanes2{sn * ay + c1 * ax * az, -sn * ax + c1 * ay * az}, 1.0 - c1 * (ax * ax + ay * ay)};
+  // Rout = D R, column by column (as matmul: D(i, 0) R(0, j) + D(i, 1) R(1, j)
+  // + D(i, 2) R(2, j)); every column is formed before Rout is written.
+  const Col3 c0 = combine(D0, D1, D2, R(0, 0), R(1, 0), R(2, 0));
+  const Col3 c1R = combine(D0, D1, D2, R(0, 1), R(1, 1), R(2, 1));
+  const Col3 c2 = combine(D0, D1, D2, R(0, 2), R(1, 2), R(2, 2));
+  Rout(0, 0) = c0.lane(0), Rout(1, 0) = c0.lane(1), Rout(2, 0) = c0.z;
+  Rout(0, 1) = c1R.lane(0), Rout(1, 1) = c1R.lane(1), Rout(2, 1) = c1R.z;
+  Rout(0, 2) = c2.lane(0), Rout(1, 2) = c2.lane(1), Rout(2, 2) = c2.z;
 }
 
 void evalEulerEqn(const Mat<3, 1>& w, const Mat<3, 1>& wOld, const Mat<3, 1>& torque, double dt,
@@ -155,8 +182,7 @@ void SingleBodyObject::updateOrientation() {
 
 void SingleBodyObject::updateWorldInertia() {
   if (bodyType_ != DYNAMIC) return;
-  similarityTransform(rotationMatrix_, bodyInertia_, worldInertia_);
-  similarityTransform(rotationMatrix_, bodyInertiaInverse_, worldInertiaInverse_);
+  similarityTransformPair(rotationMatrix_, bodyInertia_, bodyInertiaInverse_, worldInertia_, worldInertiaInverse_);
 }
 
 void SingleBodyObject::initPrimitive(dxGeom* geom, double mass, const Mat<3, 3>& inertia) {
@@ -255,47 +281,57 @@ void SingleBodyObject::getContactPointVel(size_t c, Mat<3, 1>& vel) const {
 
 void SingleBodyObject::preContactSolverUpdate1(const Mat<3, 1>&, double) {
   if (bodyType_ == DYNAMIC) {
-    similarityTransform(rotationMatrix_, bodyInertia_, worldInertia_);
-    similarityTransform(rotationMatrix_, bodyInertiaInverse_, worldInertiaInverse_);
+    similarityTransformPair(rotationMatrix_, bodyInertia_, bodyInertiaInverse_, worldInertia_, worldInertiaInverse_);
   }
-  contactPoints_.resize(contacts_.size());
+  const size_t n = contacts_.size();
+  contactPoints_.resize(n);
+  // D = F S I^-1 S^T F^T + I/m per contact, with S the skew matrix of the arm
+  // r and F the frame: M = I^-1 S^T, the lower part of S M (the upper mirrors
+  // it), T = F (S M)^T, and the lower part of T F^T. Every element is a sum
+  // over k = 0, 1, 2 in that order. Two contacts go through at once, one in
+  // each lane (the last one of an odd count in both).
   const Mat<3, 3>& I = worldInertiaInverse_;
-  const Col3 I0 = column(I, 0), I1 = column(I, 1), I2 = column(I, 2);
-  for (size_t i = 0; i < contacts_.size(); ++i) {
-    Contact& c = contacts_[i];
-    const Mat<3, 1> r = sub(comPosition_, c.position);
-    contactPoints_[i].frame = c.frame;
-    contactPoints_[i].arm = r;
-    // D = F S I^-1 S^T F^T + I/m with S the skew matrix of r and F the frame.
-    // M = I^-1 S^T, column b = sum over k of I's column k times S(b,k); then
-    // column j of S M = sum over k of S's column k times M(k,j) (its lower
-    // part is kept, the upper mirrors it); then T = F (S M)^T and the lower
-    // part of T F^T. Every element is summed over k = 0, 1, 2 in that order,
-    // two rows at a time.
-    const double S[3][3] = {{0.0, -r[2], r[1]}, {r[2], 0.0, -r[0]}, {-r[1], r[0], 0.0}};
-    const Col3 S0{{S[0][0], S[1][0]}, S[2][0]}, S1{{S[0][1], S[1][1]}, S[2][1]}, S2{{S[0][2], S[1][2]}, S[2][2]};
-    Col3 M[3];
-    for (size_t b = 0; b < 3; ++b) M[b] = combine(I0, I1, I2, S[b][0], S[b][1], S[b][2]);
-    double L[3][3];  // S M, lower part read
-    for (size_t j = 0; j < 3; ++j) {
-      const Col3 d = combine(S0, S1, S2, M[j].lane(0), M[j].lane(1), M[j].z);
-      L[0][j] = d.lane(0), L[1][j] = d.lane(1), L[2][j] = d.z;
+  Lanes2 Ib[3][3];
+  for (size_t row = 0; row < 3; ++row)
+    for (size_t col = 0; col < 3; ++col) Ib[row][col] = Lanes2{I(row, col), I(row, col)};
+  const Lanes2 zero = {0.0, 0.0}, im = {inverseMass_, inverseMass_};
+  for (size_t i = 0; i < n; i += 2) {
+    Contact& ca = contacts_[i];
+    Contact& cb = contacts_[i + 1 < n ? i + 1 : i];
+    Lanes2 r[3];
+    for (size_t k = 0; k < 3; ++k)
+      r[k] = Lanes2{comPosition_[k], comPosition_[k]} - Lanes2{ca.position[k], cb.position[k]};
+    const Lanes2 S[3][3] = {{zero, -r[2], r[1]}, {r[2], zero, -r[0]}, {-r[1], r[0], zero}};
+    // M(row, b) = I(row, 0) S(b, 0) + I(row, 1) S(b, 1) + I(row, 2) S(b, 2)
+    Lanes2 M[3][3];
+    for (size_t row = 0; row < 3; ++row)
+      for (size_t b = 0; b < 3; ++b) M[row][b] = Ib[row][0] * S[b][0] + Ib[row][1] * S[b][1] + Ib[row][2] * S[b][2];
+    // L(row, j) = S(row, 0) M(0, j) + S(row, 1) M(1, j) + S(row, 2) M(2, j), lower part
+    Lanes2 Ds[3][3];
+    for (size_t j = 0; j < 3; ++j)
+      for (size_t row = j; row < 3; ++row)
+        Ds[row][j] = Ds[j][row] = S[row][0] * M[0][j] + S[row][1] * M[1][j] + S[row][2] * M[2][j];
+    Lanes2 F[3][3];
+    for (size_t row = 0; row < 3; ++row)
+      for (size_t col = 0; col < 3; ++col) F[row][col] = Lanes2{ca.frame(row, col), cb.frame(row, col)};
+    // T(row, k) = F(row, 0) Ds(k, 0) + F(row, 1) Ds(k, 1) + F(row, 2) Ds(k, 2)
+    Lanes2 T[3][3];
+    for (size_t row = 0; row < 3; ++row)
+      for (size_t k = 0; k < 3; ++k) T[row][k] = F[row][0] * Ds[k][0] + F[row][1] * Ds[k][1] + F[row][2] * Ds[k][2];
+    // (T F^T)(row, j) = T(row, 0) F(j, 0) + T(row, 1) F(j, 1) + T(row, 2) F(j, 2), lower part
+    Lanes2 D[3][3];
+    for (size_t j = 0; j < 3; ++j)
+      for (size_t row = j; row < 3; ++row) D[row][j] = T[row][0] * F[j][0] + T[row][1] * F[j][1] + T[row][2] * F[j][2];
+    for (size_t k = 0; k < 3; ++k) D[k][k] = D[k][k] + im;
+    for (size_t lane = 0; lane < 2 && i + lane < n; ++lane) {
+      Contact& c = lane == 0 ? ca : cb;
+      ContactPoint& cp = contactPoints_[i + lane];
+      cp.frame = c.frame;
+      cp.arm = {r[0][lane], r[1][lane], r[2][lane]};
+      Mat<3, 3>& Dc = c.delassus;
+      for (size_t j = 0; j < 3; ++j)
+        for (size_t row = j; row < 3; ++row) Dc(row, j) = Dc(j, row) = D[row][j][lane];
     }
-    const double Ds[3][3] = {{L[0][0], L[1][0], L[2][0]}, {L[1][0], L[1][1], L[2][1]}, {L[2][0], L[2][1], L[2][2]}};
-    const Mat<3, 3>& F = c.frame;
-    const Col3 F0 = column(F, 0), F1 = column(F, 1), F2 = column(F, 2);
-    Col3 T[3];
-    for (size_t k = 0; k < 3; ++k) T[k] = combine(F0, F1, F2, Ds[k][0], Ds[k][1], Ds[k][2]);
-    const Col3 o0 = combine(T[0], T[1], T[2], F(0, 0), F(0, 1), F(0, 2));
-    const Col3 o1 = combine(T[0], T[1], T[2], F(1, 0), F(1, 1), F(1, 2));
-    const double o2 = T[0].z * F(2, 0) + T[1].z * F(2, 1) + T[2].z * F(2, 2);
-    Mat<3, 3>& D = c.delassus;
-    D(0, 0) = o0.lane(0) + inverseMass_;
-    D(1, 0) = D(0, 1) = o0.lane(1);
-    D(2, 0) = D(0, 2) = o0.z;
-    D(1, 1) = o1.lane(1) + inverseMass_;
-    D(2, 1) = D(1, 2) = o1.z;
-    D(2, 2) = o2 + inverseMass_;
   }
 }
 
@@ -356,8 +392,7 @@ void SingleBodyObject::preContactSolverUpdate2(const Mat<3, 1>& gravity, double 
 
 void SingleBodyObject::eulerIntegrate(double dt, const Mat<3, 3>& R, const Mat<3, 1>& w, Mat<3, 1>& out) const {
   Mat<3, 3> Iw, IwInv;
-  similarityTransform(R, bodyInertia_, Iw);
-  similarityTransform(R, bodyInertiaInverse_, IwInv);
+  similarityTransformPair(R, bodyInertia_, bodyInertiaInverse_, Iw, IwInv);
   Mat<3, 1> gyro;
   VecXMatVec(w, Iw, w, gyro);
   const Mat<3, 1> acc = mul(IwInv, sub(externalTorque_, gyro));

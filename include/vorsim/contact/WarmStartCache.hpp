@@ -21,10 +21,12 @@ namespace contact {
 // normal part. A problem without contact records (a robot's joint limit)
 // keeps its impulse in the owner's own coordinates.
 //
-// Matching walks one hash bucket per problem: the cost is linear in the
-// number of problems, times the number of points one pair of geoms had in the
-// last step. Nothing is allocated once the lists have reached the largest
-// size a scene needs.
+// The last step's points are kept grouped by key, each group in list order,
+// and a problem finds its group through a hash table of the keys (consecutive
+// problems of one pair of geoms share the look-up). Matching then scans the
+// group: the cost is linear in the number of problems, times the number of
+// points one key had in the last step. Nothing is allocated once the lists
+// have reached the largest size a scene needs.
 class WarmStartCache {
  public:
   using ProblemList = std::vector<Single3DContactProblem, AlignedAllocator<Single3DContactProblem, 32>>;
@@ -53,26 +55,38 @@ class WarmStartCache {
   size_t size() const { return entries_.size(); }
 
  private:
+  // A point of the last step; its key is its group's.
   struct Entry {
-    WarmStartKey key;
     Mat<3, 1> position;
     Mat<3, 1> impulse;  // world coordinates, or the owner's own if !inWorld
     bool inWorld;
-    bool used;
+  };
+  // The points of one key: entries_[begin, end).
+  struct Group {
+    WarmStartKey key;
+    uint32_t begin;
+    uint32_t end;
   };
   static uint64_t hash(const WarmStartKey& key);
+  // The index of the group of `key`, or the largest uint32_t if none.
+  uint32_t findGroup(const WarmStartKey& key) const;
 
-  std::vector<Entry> entries_;
-  std::vector<uint32_t> next_;   // next entry of the same bucket
-  std::vector<uint32_t> heads_;  // first entry of each bucket
+  std::vector<Entry> entries_;  // grouped by key, list order within a group
+  std::vector<uint8_t> used_;   // per entry: taken by a problem of this seed
+  std::vector<Group> groups_;
+  std::vector<uint32_t> slots_;    // open addressing over groups_, by hash
+  std::vector<uint32_t> groupOf_;  // store's scratch: group of each entry in list order
+  std::vector<Entry> regrouped_;   // store's scratch when a key's points are not consecutive
   // Per problem of this step: its contact frame (null without contact
-  // records), and -1 where its geoms came in the opposite order of its key.
+  // records), whether its geoms came in the opposite order of its key, and
+  // whether its key is known to be set (so that a second record of the same
+  // point need not look at the problem).
   struct ProblemFrame {
     const Mat<3, 3>* frame;
-    double sign;
+    bool swapped;
+    bool keyed;
   };
   std::vector<ProblemFrame> frames_;
-  uint64_t mask_ = 0;
   double tolerance_ = 0.01;
   double storedTimeStep_ = 0.0;
   int storedConfiguration_ = 0;
