@@ -58,8 +58,6 @@ class alignas(32) Single3DContactProblem {
   Mat<2, 2> reducedDelassus{};
   Mat<2, 2> reducedDelassusInverse{};
   Mat<3, 1> basis[2] = {};
-  Mat<3, 1> reducedColumnX{};
-  Mat<3, 1> reducedColumnY{};
   double mu = 0.0;
   double normalDelassusOverMu = 0.0;
   double muInverse = 0.0;
@@ -94,8 +92,7 @@ class alignas(32) Single3DContactProblem {
 };
 
 static_assert(std::is_trivially_copyable_v<Single3DContactProblem>, "problems are moved by the vector as plain bytes");
-static_assert(sizeof(Single3DContactProblem) == 544,
-              "records stay at 544 bytes (the warm start key sits in what was padding)");
+static_assert(sizeof(Single3DContactProblem) == 512, "records stay at 512 bytes, sixteen 32-byte blocks");
 static_assert(alignof(Single3DContactProblem) == 32 && sizeof(Single3DContactProblem) % 32 == 0,
               "each record of the aligned array starts on a 32-byte boundary");
 
