@@ -366,31 +366,16 @@ void World::applyStaticFriction() {
     // that is not above zero is above no speed, so such a problem keeps mu and
     // its velocity need not be read.
     if (!(P.staticFrictionThreshold > 0.0)) continue;
-    double vx, vy;
-    if ((P.singleBodyA || P.objectA == nullptr) && (P.singleBodyB || P.objectB == nullptr)) {
-      // Single bodies (or no object) on both sides: the velocity stays in
-      // registers, and its normal part, never read, is not computed.
-      Mat<3, 1> v = P.tauStar;
-      if (P.singleBodyA)
-        static_cast<SingleBodyObject*>(P.objectA)->SingleBodyObject::addContactPointVel2(P.localIndexA, v);
-      if (P.singleBodyB)
-        static_cast<SingleBodyObject*>(P.objectB)->SingleBodyObject::subContactPointVel2(P.localIndexB, v);
-      vx = v[0];
-      vy = v[1];
-    } else {
-      Mat<3, 1> v = P.tauStar;
-      if (P.singleBodyA)
-        static_cast<SingleBodyObject*>(P.objectA)->SingleBodyObject::addContactPointVel2(P.localIndexA, v);
-      else if (P.objectA)
-        P.objectA->addContactPointVel2(P.localIndexA, v);
-      if (P.singleBodyB)
-        static_cast<SingleBodyObject*>(P.objectB)->SingleBodyObject::subContactPointVel2(P.localIndexB, v);
-      else if (P.objectB)
-        P.objectB->subContactPointVel2(P.localIndexB, v);
-      vx = v[0];
-      vy = v[1];
-    }
-    const double vt = std::sqrt(vx * vx + vy * vy);
+    Mat<3, 1> v = P.tauStar;
+    if (P.singleBodyA)
+      static_cast<SingleBodyObject*>(P.objectA)->SingleBodyObject::addContactPointVel2(P.localIndexA, v);
+    else if (P.objectA)
+      P.objectA->addContactPointVel2(P.localIndexA, v);
+    if (P.singleBodyB)
+      static_cast<SingleBodyObject*>(P.objectB)->SingleBodyObject::subContactPointVel2(P.localIndexB, v);
+    else if (P.objectB)
+      P.objectB->subContactPointVel2(P.localIndexB, v);
+    const double vt = std::sqrt(v[0] * v[0] + v[1] * v[1]);
     if (P.staticFrictionThreshold > vt) P.mu = P.mu + (1.0 - vt * P.inverseStaticThreshold) * (P.staticFriction - P.mu);
   }
 }
