@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
+#include <random>
 
 #include "test_helpers.hpp"
 #include "vorsim/Collision.hpp"
@@ -139,6 +141,57 @@ TEST(SingleBody, LoadsDampingAndKinematicBodies) {
   for (int i = 0; i < 1000; ++i) world.integrate();
   EXPECT_NEAR(kin->getPosition()[0], 1.0, 1e-12);
   EXPECT_NEAR(std::atan2(kin->getRotationMatrix()(1, 0), kin->getRotationMatrix()(0, 0)), 0.5, 1e-9);
+}
+
+TEST(SingleBody, ContactBlocksAreTheSameBitsInEveryLaneCount) {
+  // The Delassus blocks F S I^-1 S^T F^T + I/m of 1 to 9 records against a
+  // scalar form of the same sums in the same order, for two and four lanes.
+  // Arms and frames with exact zeros take the signs of zeros through.
+  std::mt19937 rng(7);
+  std::uniform_real_distribution<double> u(-1.0, 1.0);
+  Mat<3, 3> I;
+  for (size_t j = 0; j < 3; ++j)
+    for (size_t i = j; i < 3; ++i) I(i, j) = I(j, i) = i == j ? 2.0 + u(rng) : 0.3 * u(rng);
+  I(2, 0) = I(0, 2) = 0.0;
+  const Mat<3, 1> com{0.25, -0.5, 1.0};
+  for (size_t count = 1; count <= 9; ++count) {
+    std::vector<Contact> records[2];
+    for (size_t c = 0; c < count; ++c) {
+      Contact rec;
+      for (size_t k = 0; k < 3; ++k) rec.position[k] = (c + k) % 4 == 0 ? com[k] : u(rng);
+      for (size_t k = 0; k < 9; ++k) rec.frame.v[k] = (c + k) % 5 == 0 ? 0.0 : u(rng);
+      records[0].push_back(rec);
+      records[1].push_back(rec);
+    }
+    std::vector<SingleBodyObject::ContactPoint> points[2];
+    for (int l = 0; l < 2; ++l) {
+      points[l].resize(count);
+      SingleBodyObject::contactBlocks(I, com, 0.5, records[l].data(), count, points[l].data(), l == 0 ? 2 : 4);
+    }
+    for (size_t c = 0; c < count; ++c) {
+      const Contact& rec = records[0][c];
+      const Mat<3, 1> r{com[0] - rec.position[0], com[1] - rec.position[1], com[2] - rec.position[2]};
+      const double S[3][3] = {{0.0, -r[2], r[1]}, {r[2], 0.0, -r[0]}, {-r[1], r[0], 0.0}};
+      double M[3][3], Ds[3][3], T[3][3];
+      for (size_t i = 0; i < 3; ++i)
+        for (size_t b = 0; b < 3; ++b) M[i][b] = I(i, 0) * S[b][0] + I(i, 1) * S[b][1] + I(i, 2) * S[b][2];
+      for (size_t j = 0; j < 3; ++j)
+        for (size_t i = j; i < 3; ++i) Ds[i][j] = Ds[j][i] = S[i][0] * M[0][j] + S[i][1] * M[1][j] + S[i][2] * M[2][j];
+      const Mat<3, 3>& F = rec.frame;
+      for (size_t i = 0; i < 3; ++i)
+        for (size_t k = 0; k < 3; ++k) T[i][k] = F(i, 0) * Ds[k][0] + F(i, 1) * Ds[k][1] + F(i, 2) * Ds[k][2];
+      Mat<3, 3> D;
+      for (size_t j = 0; j < 3; ++j)
+        for (size_t i = j; i < 3; ++i)
+          D(i, j) = D(j, i) = T[i][0] * F(j, 0) + T[i][1] * F(j, 1) + T[i][2] * F(j, 2);
+      for (size_t k = 0; k < 3; ++k) D(k, k) = D(k, k) + 0.5;
+      for (int l = 0; l < 2; ++l) {
+        EXPECT_EQ(std::memcmp(records[l][c].delassus.v, D.v, sizeof(D.v)), 0) << count << " " << c << " " << l;
+        EXPECT_EQ(std::memcmp(points[l][c].arm.v, r.v, sizeof(r.v)), 0) << count << " " << c << " " << l;
+        EXPECT_EQ(std::memcmp(points[l][c].frame.v, F.v, sizeof(F.v)), 0) << count << " " << c << " " << l;
+      }
+    }
+  }
 }
 
 TEST(Primitives, MassProperties) {

@@ -57,6 +57,96 @@ inline void similarityTransformPair(const Mat<3, 3>& r, const Mat<3, 3>& s1, con
     out2(row[q], col[q]) = out2(col[q], row[q]) = o[q][1];
   }
 }
+// The Delassus blocks of `count` contact records of one body, W records at a
+// time in lanes of type L, lane k for record i + k (lanes past the last record
+// repeat it): D = F S I^-1 S^T F^T + I/m per record, with S the skew matrix of
+// the arm r = com - position and F the frame: M = I^-1 S^T, the lower part of
+// S M (the upper mirrors it), T = F (S M)^T, and the lower part of T F^T.
+// Every element is a sum over k = 0, 1, 2 in that order, the products with
+// the zeros of S included (they decide the sign of zeros). Each record's frame
+// and arm go to points[i]. A macro, so that the AVX copy is compiled for AVX
+// as a whole.
+#define VORSIM_CONTACT_BLOCKS(L, W, GATHER)                                                                      \
+  {                                                                                                              \
+    L Ib[3][3], zero, im, cm[3];                                                                                 \
+    for (size_t k = 0; k < W; ++k) {                                                                             \
+      for (size_t row = 0; row < 3; ++row)                                                                       \
+        for (size_t col = 0; col < 3; ++col) Ib[row][col][k] = I(row, col);                                      \
+      for (size_t e = 0; e < 3; ++e) cm[e][k] = com[e];                                                          \
+      zero[k] = 0.0;                                                                                             \
+      im[k] = inverseMass;                                                                                       \
+    }                                                                                                            \
+    for (size_t i = 0; i < count; i += W) {                                                                      \
+      const double *fp[W], *pp[W];                                                                               \
+      for (size_t k = 0; k < W; ++k) {                                                                           \
+        const Contact& c = contacts[i + k < count ? i + k : count - 1];                                          \
+        fp[k] = c.frame.v;                                                                                       \
+        pp[k] = c.position.v;                                                                                    \
+      }                                                                                                          \
+      L r[3], F[3][3];                                                                                           \
+      for (size_t e = 0; e < 3; ++e) r[e] = cm[e] - GATHER(pp, e);                                               \
+      for (size_t row = 0; row < 3; ++row)                                                                       \
+        for (size_t col = 0; col < 3; ++col) F[row][col] = GATHER(fp, row + 3 * col);                            \
+      const L S[3][3] = {{zero, -r[2], r[1]}, {r[2], zero, -r[0]}, {-r[1], r[0], zero}};                         \
+      /* M(row, b) = I(row, 0) S(b, 0) + I(row, 1) S(b, 1) + I(row, 2) S(b, 2) */                                \
+      L M[3][3];                                                                                                 \
+      for (size_t row = 0; row < 3; ++row)                                                                       \
+        for (size_t b = 0; b < 3; ++b) M[row][b] = Ib[row][0] * S[b][0] + Ib[row][1] * S[b][1] + Ib[row][2] * S[b][2]; \
+      /* L(row, j) = S(row, 0) M(0, j) + S(row, 1) M(1, j) + S(row, 2) M(2, j), lower part */                     \
+      L Ds[3][3];                                                                                                \
+      for (size_t j = 0; j < 3; ++j)                                                                             \
+        for (size_t row = j; row < 3; ++row)                                                                     \
+          Ds[row][j] = Ds[j][row] = S[row][0] * M[0][j] + S[row][1] * M[1][j] + S[row][2] * M[2][j];             \
+      /* T(row, k) = F(row, 0) Ds(k, 0) + F(row, 1) Ds(k, 1) + F(row, 2) Ds(k, 2) */                             \
+      L T[3][3];                                                                                                 \
+      for (size_t row = 0; row < 3; ++row)                                                                       \
+        for (size_t k = 0; k < 3; ++k) T[row][k] = F[row][0] * Ds[k][0] + F[row][1] * Ds[k][1] + F[row][2] * Ds[k][2]; \
+      /* (T F^T)(row, j) = T(row, 0) F(j, 0) + T(row, 1) F(j, 1) + T(row, 2) F(j, 2), lower part */               \
+      L D[3][3];                                                                                                 \
+      for (size_t j = 0; j < 3; ++j)                                                                             \
+        for (size_t row = j; row < 3; ++row) D[row][j] = T[row][0] * F[j][0] + T[row][1] * F[j][1] + T[row][2] * F[j][2]; \
+      for (size_t k = 0; k < 3; ++k) D[k][k] = D[k][k] + im;                                                     \
+      for (size_t k = 0; k < W && i + k < count; ++k) {                                                          \
+        Contact& c = contacts[i + k];                                                                            \
+        SingleBodyObject::ContactPoint& cp = points[i + k];                                                      \
+        cp.frame = c.frame;                                                                                      \
+        cp.arm = {r[0][k], r[1][k], r[2][k]};                                                                    \
+        Mat<3, 3>& Dc = c.delassus;                                                                              \
+        for (size_t j = 0; j < 3; ++j)                                                                           \
+          for (size_t row = j; row < 3; ++row) Dc(row, j) = Dc(j, row) = D[row][j][k];                           \
+      }                                                                                                          \
+    }                                                                                                            \
+  }
+
+// Lane k holds p[k][m]: built from the scalars directly, not element by
+// element through memory (a wide load of narrow stores stalls).
+inline Lanes2 gather2(const double* const* p, size_t m) { return Lanes2{p[0][m], p[1][m]}; }
+
+void contactBlocks2(const Mat<3, 3>& I, const Mat<3, 1>& com, double inverseMass, Contact* contacts, size_t count,
+                    SingleBodyObject::ContactPoint* points) VORSIM_CONTACT_BLOCKS(Lanes2, 2, gather2)
+
+#if defined(__GNUC__) && defined(__x86_64__)
+#define VORSIM_HAVE_AVX_BLOCKS 1
+// Four lanes where the processor has AVX. Only "avx" is enabled, not "fma":
+// no multiply and add may fuse.
+typedef double Lanes4 __attribute__((vector_size(32)));
+__attribute__((target("avx"))) inline Lanes4 gather4(const double* const* p, size_t m) {
+  return Lanes4{p[0][m], p[1][m], p[2][m], p[3][m]};
+}
+__attribute__((target("avx"))) void contactBlocks4(const Mat<3, 3>& I, const Mat<3, 1>& com, double inverseMass,
+                                                   Contact* contacts, size_t count,
+                                                   SingleBodyObject::ContactPoint* points)
+    VORSIM_CONTACT_BLOCKS(Lanes4, 4, gather4)
+
+bool processorHasAvx() {
+  static const bool has = __builtin_cpu_supports("avx");
+  return has;
+}
+#else
+#define VORSIM_HAVE_AVX_BLOCKS 0
+#endif
+#undef VORSIM_CONTACT_BLOCKS
+
 inline Mat<3, 3> inverse33(const Mat<3, 3>& m) {
   Mat<3, 3> out;
   invert33(m, out);
@@ -285,54 +375,18 @@ void SingleBodyObject::preContactSolverUpdate1(const Mat<3, 1>&, double) {
   }
   const size_t n = contacts_.size();
   contactPoints_.resize(n);
-  // D = F S I^-1 S^T F^T + I/m per contact, with S the skew matrix of the arm
-  // r and F the frame: M = I^-1 S^T, the lower part of S M (the upper mirrors
-  // it), T = F (S M)^T, and the lower part of T F^T. Every element is a sum
-  // over k = 0, 1, 2 in that order. Two contacts go through at once, one in
-  // each lane (the last one of an odd count in both).
-  const Mat<3, 3>& I = worldInertiaInverse_;
-  Lanes2 Ib[3][3];
-  for (size_t row = 0; row < 3; ++row)
-    for (size_t col = 0; col < 3; ++col) Ib[row][col] = Lanes2{I(row, col), I(row, col)};
-  const Lanes2 zero = {0.0, 0.0}, im = {inverseMass_, inverseMass_};
-  for (size_t i = 0; i < n; i += 2) {
-    Contact& ca = contacts_[i];
-    Contact& cb = contacts_[i + 1 < n ? i + 1 : i];
-    Lanes2 r[3];
-    for (size_t k = 0; k < 3; ++k)
-      r[k] = Lanes2{comPosition_[k], comPosition_[k]} - Lanes2{ca.position[k], cb.position[k]};
-    const Lanes2 S[3][3] = {{zero, -r[2], r[1]}, {r[2], zero, -r[0]}, {-r[1], r[0], zero}};
-    // M(row, b) = I(row, 0) S(b, 0) + I(row, 1) S(b, 1) + I(row, 2) S(b, 2)
-    Lanes2 M[3][3];
-    for (size_t row = 0; row < 3; ++row)
-      for (size_t b = 0; b < 3; ++b) M[row][b] = Ib[row][0] * S[b][0] + Ib[row][1] * S[b][1] + Ib[row][2] * S[b][2];
-    // L(row, j) = S(row, 0) M(0, j) + S(row, 1) M(1, j) + S(row, 2) M(2, j), lower part
-    Lanes2 Ds[3][3];
-    for (size_t j = 0; j < 3; ++j)
-      for (size_t row = j; row < 3; ++row)
-        Ds[row][j] = Ds[j][row] = S[row][0] * M[0][j] + S[row][1] * M[1][j] + S[row][2] * M[2][j];
-    Lanes2 F[3][3];
-    for (size_t row = 0; row < 3; ++row)
-      for (size_t col = 0; col < 3; ++col) F[row][col] = Lanes2{ca.frame(row, col), cb.frame(row, col)};
-    // T(row, k) = F(row, 0) Ds(k, 0) + F(row, 1) Ds(k, 1) + F(row, 2) Ds(k, 2)
-    Lanes2 T[3][3];
-    for (size_t row = 0; row < 3; ++row)
-      for (size_t k = 0; k < 3; ++k) T[row][k] = F[row][0] * Ds[k][0] + F[row][1] * Ds[k][1] + F[row][2] * Ds[k][2];
-    // (T F^T)(row, j) = T(row, 0) F(j, 0) + T(row, 1) F(j, 1) + T(row, 2) F(j, 2), lower part
-    Lanes2 D[3][3];
-    for (size_t j = 0; j < 3; ++j)
-      for (size_t row = j; row < 3; ++row) D[row][j] = T[row][0] * F[j][0] + T[row][1] * F[j][1] + T[row][2] * F[j][2];
-    for (size_t k = 0; k < 3; ++k) D[k][k] = D[k][k] + im;
-    for (size_t lane = 0; lane < 2 && i + lane < n; ++lane) {
-      Contact& c = lane == 0 ? ca : cb;
-      ContactPoint& cp = contactPoints_[i + lane];
-      cp.frame = c.frame;
-      cp.arm = {r[0][lane], r[1][lane], r[2][lane]};
-      Mat<3, 3>& Dc = c.delassus;
-      for (size_t j = 0; j < 3; ++j)
-        for (size_t row = j; row < 3; ++row) Dc(row, j) = Dc(j, row) = D[row][j][lane];
-    }
+  contactBlocks(worldInertiaInverse_, comPosition_, inverseMass_, contacts_.data(), n, contactPoints_.data(), 4);
+}
+
+void SingleBodyObject::contactBlocks(const Mat<3, 3>& inertiaInverse, const Mat<3, 1>& com, double inverseMass,
+                                     Contact* contacts, size_t count, ContactPoint* points, int lanes) {
+#if VORSIM_HAVE_AVX_BLOCKS
+  if (lanes == 4 && count > 2 && processorHasAvx()) {
+    contactBlocks4(inertiaInverse, com, inverseMass, contacts, count, points);
+    return;
   }
+#endif
+  contactBlocks2(inertiaInverse, com, inverseMass, contacts, count, points);
 }
 
 void SingleBodyObject::preContactSolverUpdate2(const Mat<3, 1>& gravity, double dt, ContactProblemList&) {

@@ -169,6 +169,23 @@ class SingleBodyObject : public Object {
   // Angular momentum about the centre of mass, world frame.
   Eigen::Vector3d getAngularMomentum() const;
 
+  // Per contact: the contact frame and the arm from the contact point to the
+  // centre of mass. They are all the solver's reads and writes need: the point
+  // velocity frame*(v + arm x w), and for an impulse p the world impulse
+  // F = frame^T p, with u += (F/m, I^-1 (F x arm)). Kept dense, one record per
+  // contact, because the solver visits them in its inner loop.
+  struct ContactPoint {
+    Mat<3, 3> frame;
+    Mat<3, 1> arm;
+  };
+  // The Delassus block (into each record) and the frame and arm (into
+  // points[i]) of `count` contact records of a body with the given inverse
+  // world inertia, centre of mass and inverse mass; two records at a time in
+  // packed lanes, or four where `lanes` is 4 and the processor has AVX. Every
+  // lane count gives the same bits.
+  static void contactBlocks(const Mat<3, 3>& inertiaInverse, const Mat<3, 1>& com, double inverseMass,
+                            Contact* contacts, size_t count, ContactPoint* points, int lanes);
+
  protected:
   // Recomputes the rotation (and, for a dynamic body, the world inertia) from
   // the quaternion and moves the geom. The centre of mass is not moved.
@@ -215,15 +232,6 @@ class SingleBodyObject : public Object {
   Mat<3, 1> freeAngularVelocity_{};
   Mat<3, 1> externalForce_{};
   Mat<3, 1> externalTorque_{};
-  // Per contact: the contact frame and the arm from the contact point to the
-  // centre of mass. They are all the solver's reads and writes need: the point
-  // velocity frame*(v + arm x w), and for an impulse p the world impulse
-  // F = frame^T p, with u += (F/m, I^-1 (F x arm)). Kept dense, one record per
-  // contact, because the solver visits them in its inner loop.
-  struct ContactPoint {
-    Mat<3, 3> frame;
-    Mat<3, 1> arm;
-  };
   std::vector<ContactPoint> contactPoints_;
   double mass_ = 1.0;
   double inverseMass_ = 1.0;
