@@ -194,6 +194,62 @@ TEST(SingleBody, ContactBlocksAreTheSameBitsInEveryLaneCount) {
   }
 }
 
+TEST(SingleBody, BodiesInLanesIntegrateToTheSameBits) {
+  // Seven bodies (three passes of two or two of four, the last one short)
+  // stepped one by one and in two and four lanes must agree bit for bit:
+  // random poses, velocities, inertias, damping and torques; one body at rest
+  // (the copy of R below |w| dt < 1e-11) and one kinematic.
+  std::mt19937 rng(11);
+  std::uniform_real_distribution<double> u(-1.0, 1.0);
+  World worlds[3];
+  std::vector<SingleBodyObject*> bodies[3];
+  for (size_t b = 0; b < 7; ++b) {
+    Eigen::Matrix3d I = Eigen::Vector3d(1.0 + u(rng) * 0.5, 1.2, 0.9).asDiagonal();
+    I(0, 1) = I(1, 0) = 0.1 * u(rng);
+    const Eigen::Quaterniond q(Eigen::AngleAxisd(3.0 * u(rng), Eigen::Vector3d(u(rng), u(rng), 1.0).normalized()));
+    const Eigen::Vector3d v(u(rng), u(rng), u(rng));
+    const Eigen::Vector3d w = b == 2 ? Eigen::Vector3d::Zero() : Eigen::Vector3d(5.0 * u(rng), u(rng), 3.0 * u(rng));
+    const Mat<3, 1> damping{0.1 * b, 0.05, 0.0};
+    for (int k = 0; k < 3; ++k) {
+      SingleBodyObject* body = b % 2 ? static_cast<SingleBodyObject*>(worlds[k].addBox(1, 2, 3, 1.5))
+                                     : worlds[k].addSphere(0.5, 2.0);
+      body->setInertia(I);
+      body->setPose(Eigen::Vector3d(2.0 * b, 0, 0), q);
+      body->setVelocity(v, w);
+      body->setAngularDamping(damping);
+      if (b == 5) body->setBodyType(KINEMATIC);
+      bodies[k].push_back(body);
+    }
+  }
+  ContactProblemList problems;
+  const Mat<3, 1> gravity{0, 0, -9.81};
+  for (int step = 0; step < 20; ++step) {
+    for (int k = 0; k < 3; ++k) {
+      for (size_t b = 0; b < 7; ++b) {
+        if (b != 2) bodies[k][b]->setExternalTorque(0, Mat<3, 1>{0.5 * b, -0.25, 1.0});
+        bodies[k][b]->preContactSolverUpdate2(gravity, 0.01, problems);
+      }
+      if (k == 0)
+        for (SingleBodyObject* body : bodies[0]) body->integrate(0.01, worlds[0]);
+      else
+        SingleBodyObject::integrateBodies(bodies[k].data(), 7, 0.01, 2 * k);
+    }
+  }
+  for (size_t b = 0; b < 7; ++b) {
+    for (int k = 1; k < 3; ++k) {
+      const SingleBodyObject &x = *bodies[0][b], &y = *bodies[k][b];
+      EXPECT_EQ(std::memcmp(x.getRotationMatrix().v, y.getRotationMatrix().v, 9 * sizeof(double)), 0) << b << " " << k;
+      EXPECT_EQ(std::memcmp(x.getQuaternion().v, y.getQuaternion().v, 4 * sizeof(double)), 0) << b << " " << k;
+      EXPECT_EQ(std::memcmp(x.getAngularVelocity().v, y.getAngularVelocity().v, 3 * sizeof(double)), 0) << b << " " << k;
+      EXPECT_EQ(std::memcmp(x.getPosition().v, y.getPosition().v, 3 * sizeof(double)), 0) << b << " " << k;
+    }
+    if (b != 2) {
+      EXPECT_GT(std::abs(bodies[0][b]->getQuaternion()[0] - 1.0), 1e-6) << b;
+    }
+  }
+  EXPECT_EQ(bodies[0][2]->getAngularVelocity().norm(), 0.0);
+}
+
 TEST(Primitives, MassProperties) {
   Box box(1, 2, 3, 12);
   EXPECT_EQ(box.getInertiaMatrix_B().e().diagonal(), Eigen::Vector3d(13, 10, 5));

@@ -3,6 +3,11 @@
 #include "vorsim/Collision.hpp"
 #include "vorsim/World.hpp"
 
+#include <cmath>
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
 namespace vorsim {
 
 namespace {
@@ -121,6 +126,13 @@ inline void similarityTransformPair(const Mat<3, 3>& r, const Mat<3, 3>& s1, con
 // Lane k holds p[k][m]: built from the scalars directly, not element by
 // element through memory (a wide load of narrow stores stalls).
 inline Lanes2 gather2(const double* const* p, size_t m) { return Lanes2{p[0][m], p[1][m]}; }
+inline Lanes2 sqrtLanes2(Lanes2 x) {
+#if defined(__SSE2__)
+  return _mm_sqrt_pd(x);
+#else
+  return Lanes2{std::sqrt(x[0]), std::sqrt(x[1])};
+#endif
+}
 
 void contactBlocks2(const Mat<3, 3>& I, const Mat<3, 1>& com, double inverseMass, Contact* contacts, size_t count,
                     SingleBodyObject::ContactPoint* points) VORSIM_CONTACT_BLOCKS(Lanes2, 2, gather2)
@@ -192,6 +204,146 @@ void evalEulerEqnDeriv(const Mat<3, 1>& w, const Mat<3, 1>& /*wOld*/, double dt,
   const Eigen::Matrix3d d = inertia.e() + dt * (skewMatEigen(w.e()) * inertia.e() - skewMatEigen(Iw.e()));
   out = d;
 }
+
+// ------------------------------------------------------- bodies in lanes --
+//
+// The rotation and angular velocity part of SingleBodyObject::integrate for W
+// bodies at once, lane k for body k, in lanes of type L. Every lane does the
+// scalar path's operations in its order (sums left to right, the same
+// products, no fused steps); sine and cosine stay scalar library calls per
+// lane, and the copy of R below |w| dt < 1e-11 is a per-lane select. Macros,
+// so that the AVX copy is compiled for AVX as a whole.
+
+// dst[m] = lanes of field.v[off + m], m < n, from bodies b[0 .. W).
+#define VORSIM_LANES_LOAD(W, GATHER, dst, field, off, n) \
+  for (size_t m = 0; m < n; ++m) {                       \
+    const double* q[W];                                  \
+    for (size_t k = 0; k < W; ++k) q[k] = b[k]->field.v + off + m; \
+    dst[m] = GATHER(q, 0);                               \
+  }
+
+// y = a x, a column-major 3x3 (as matvecmul).
+#define VORSIM_LANES_MATVEC(L, a, x, y)                            \
+  {                                                                \
+    const L y0_ = a[0] * x[0] + a[3] * x[1] + a[6] * x[2];          \
+    const L y1_ = a[1] * x[0] + a[4] * x[1] + a[7] * x[2];          \
+    const L y2_ = a[2] * x[0] + a[5] * x[1] + a[8] * x[2];          \
+    y[0] = y0_, y[1] = y1_, y[2] = y2_;                            \
+  }
+
+// o = r s r^T (as similarityTransformPair, per lane).
+#define VORSIM_LANES_SIMILARITY(L, r, s, o)                                                        \
+  {                                                                                                \
+    L t_[9];                                                                                       \
+    for (size_t i = 0; i < 3; ++i)                                                                 \
+      for (size_t k = 0; k < 3; ++k) t_[i + 3 * k] = r[i] * s[k] + r[i + 3] * s[k + 3] + r[i + 6] * s[k + 6]; \
+    for (size_t j = 0; j < 3; ++j)                                                                 \
+      for (size_t i = j; i < 3; ++i) o[i + 3 * j] = o[j + 3 * i] = t_[i] * r[j] + t_[i + 3] * r[j + 3] + t_[i + 6] * r[j + 6]; \
+  }
+
+// Rout = D(w h) R (as rotationIntegration); Rout must not alias R.
+#define VORSIM_LANES_ROTATION(L, W, GATHER, SQRT, R, Rout, h, w)                                   \
+  {                                                                                                \
+    const L s_ = SQRT(((zero + w[0] * w[0]) + w[1] * w[1]) + w[2] * w[2]);                         \
+    const L theta_ = s_ * (h);                                                                     \
+    const L ax = w[0] / s_, ay = w[1] / s_, az = w[2] / s_;                                        \
+    double snv_[W], c1v_[W];                                                                       \
+    const double *snp_[W], *c1p_[W];                                                               \
+    for (size_t k = 0; k < W; ++k) {                                                               \
+      snv_[k] = 0.0, c1v_[k] = 0.0;                                                                \
+      if (!(theta_[k] < 1e-11)) snv_[k] = std::sin(theta_[k]), c1v_[k] = 1.0 - std::cos(theta_[k]); \
+      snp_[k] = &snv_[k], c1p_[k] = &c1v_[k];                                                      \
+    }                                                                                              \
+    const L sn = GATHER(snp_, 0), c1 = GATHER(c1p_, 0);                                            \
+    const L D00 = 1.0 - c1 * (ay * ay + az * az), D10 = sn * az + c1 * ax * ay, D20 = -sn * ay + c1 * ax * az; \
+    const L D01 = -sn * az + c1 * ax * ay, D11 = 1.0 - c1 * (ax * ax + az * az), D21 = sn * ax + c1 * ay * az; \
+    const L D02 = sn * ay + c1 * ax * az, D12 = -sn * ax + c1 * ay * az, D22 = 1.0 - c1 * (ax * ax + ay * ay); \
+    const auto small_ = theta_ < 1e-11;                                                            \
+    for (size_t j = 0; j < 3; ++j) {                                                               \
+      const L r0 = R[3 * j], r1 = R[3 * j + 1], r2 = R[3 * j + 2];                                 \
+      Rout[3 * j] = small_ ? r0 : D00 * r0 + D01 * r1 + D02 * r2;                                  \
+      Rout[3 * j + 1] = small_ ? r1 : D10 * r0 + D11 * r1 + D12 * r2;                              \
+      Rout[3 * j + 2] = small_ ? r2 : D20 * r0 + D21 * r1 + D22 * r2;                              \
+    }                                                                                              \
+  }
+
+// out = the angular increment over dt at orientation Rr and velocity w (as
+// eulerIntegrate).
+#define VORSIM_LANES_EULER(L, Rr, w, out)                                                          \
+  {                                                                                                \
+    L Iw_[9], IwI_[9], mb_[3], tt_[3], acc_[3], d_[3], y_[3], dt_[3];                              \
+    VORSIM_LANES_SIMILARITY(L, Rr, Ib, Iw_)                                                        \
+    VORSIM_LANES_SIMILARITY(L, Rr, Ii, IwI_)                                                       \
+    VORSIM_LANES_MATVEC(L, Iw_, w, mb_)                                                            \
+    tt_[0] = tq[0] - (w[1] * mb_[2] - w[2] * mb_[1]);                                              \
+    tt_[1] = tq[1] - (w[2] * mb_[0] - w[0] * mb_[2]);                                              \
+    tt_[2] = tq[2] - (w[0] * mb_[1] - w[1] * mb_[0]);                                              \
+    VORSIM_LANES_MATVEC(L, IwI_, tt_, acc_)                                                        \
+    d_[0] = Rr[0] * w[0] + Rr[1] * w[1] + Rr[2] * w[2];                                            \
+    d_[1] = Rr[3] * w[0] + Rr[4] * w[1] + Rr[5] * w[2];                                            \
+    d_[2] = Rr[6] * w[0] + Rr[7] * w[1] + Rr[8] * w[2];                                            \
+    for (size_t i = 0; i < 3; ++i) d_[i] = dt * ad[i] * d_[i];                                     \
+    VORSIM_LANES_MATVEC(L, Ii, d_, y_)                                                             \
+    VORSIM_LANES_MATVEC(L, Rr, y_, dt_)                                                            \
+    for (size_t i = 0; i < 3; ++i) out[i] = dt * acc_[i] - dt_[i];                                 \
+  }
+
+#define VORSIM_BODY_LANES(L, W, GATHER, SQRT)                                                     \
+  {                                                                                                \
+    SingleBodyObject* b[W];                                                                        \
+    for (size_t k = 0; k < W; ++k) b[k] = bodies[k < count ? k : count - 1];                       \
+    L zero;                                                                                        \
+    for (size_t k = 0; k < W; ++k) zero[k] = 0.0;                                                  \
+    L ua[3], fw[3], av[3], R[9], Ib[9], Ii[9], tq[3], ad[3];                                       \
+    VORSIM_LANES_LOAD(W, GATHER, ua, generalizedVelocity_, 3, 3)                                   \
+    VORSIM_LANES_LOAD(W, GATHER, fw, freeAngularVelocity_, 0, 3)                                   \
+    VORSIM_LANES_LOAD(W, GATHER, av, angularVelocity_, 0, 3)                                       \
+    VORSIM_LANES_LOAD(W, GATHER, R, rotationMatrix_, 0, 9)                                         \
+    VORSIM_LANES_LOAD(W, GATHER, Ib, bodyInertia_, 0, 9)                                           \
+    VORSIM_LANES_LOAD(W, GATHER, Ii, bodyInertiaInverse_, 0, 9)                                    \
+    VORSIM_LANES_LOAD(W, GATHER, tq, externalTorque_, 0, 3)                                        \
+    VORSIM_LANES_LOAD(W, GATHER, ad, angularDamping_, 0, 3)                                        \
+    L w0[3], k1[3], W1[3], W2[3], W3[3], Wm[3], k2[3], k3[3], k4[3], x[3], Rk[9], Rn[9];           \
+    for (size_t i = 0; i < 3; ++i) w0[i] = av[i] + (ua[i] - fw[i]);                               \
+    for (size_t i = 0; i < 3; ++i) k1[i] = ua[i] - w0[i];                                          \
+    const double hdt = 0.5 * dt;                                                                   \
+    VORSIM_LANES_ROTATION(L, W, GATHER, SQRT, R, Rk, hdt, w0)                                      \
+    for (size_t i = 0; i < 3; ++i) W1[i] = (w0[i] + ua[i]) * 0.5;                                  \
+    VORSIM_LANES_EULER(L, Rk, W1, k2)                                                              \
+    for (size_t i = 0; i < 3; ++i) x[i] = w0[i] + k2[i];                                           \
+    VORSIM_LANES_ROTATION(L, W, GATHER, SQRT, R, Rk, hdt, x)                                       \
+    for (size_t i = 0; i < 3; ++i) W2[i] = w0[i] + k2[i] * 0.5;                                    \
+    VORSIM_LANES_EULER(L, Rk, W2, k3)                                                              \
+    for (size_t i = 0; i < 3; ++i) x[i] = w0[i] + k3[i];                                           \
+    VORSIM_LANES_ROTATION(L, W, GATHER, SQRT, R, Rk, dt, x)                                        \
+    for (size_t i = 0; i < 3; ++i) W3[i] = w0[i] + k3[i];                                          \
+    VORSIM_LANES_EULER(L, Rk, W3, k4)                                                              \
+    for (size_t i = 0; i < 3; ++i) av[i] = w0[i] + k1[i] / 6.0 + k2[i] / 3.0 + k3[i] / 3.0 + k4[i] / 6.0; \
+    for (size_t i = 0; i < 3; ++i) Wm[i] = w0[i] / 6.0 + W1[i] / 3.0 + W2[i] / 3.0 + W3[i] / 6.0;  \
+    VORSIM_LANES_ROTATION(L, W, GATHER, SQRT, R, Rn, dt, Wm)                                       \
+    for (size_t k = 0; k < W && k < count; ++k) {                                                  \
+      SingleBodyObject& body = *b[k];                                                              \
+      for (size_t i = 0; i < 3; ++i) body.angularVelocity_[i] = av[i][k];                          \
+      for (size_t m = 0; m < 9; ++m) body.rotationMatrix_.v[m] = Rn[m][k];                         \
+      body.finishIntegrate(dt);                                                                    \
+    }                                                                                              \
+  }
+
+struct BodyLanes {
+  static void integrate2(SingleBodyObject* const* bodies, size_t count, double dt)
+      VORSIM_BODY_LANES(Lanes2, 2, gather2, sqrtLanes2)
+#if VORSIM_HAVE_AVX_BLOCKS
+  __attribute__((target("avx"))) static void integrate4(SingleBodyObject* const* bodies, size_t count, double dt)
+      VORSIM_BODY_LANES(Lanes4, 4, gather4, _mm256_sqrt_pd)
+#endif
+};
+
+#undef VORSIM_BODY_LANES
+#undef VORSIM_LANES_EULER
+#undef VORSIM_LANES_ROTATION
+#undef VORSIM_LANES_SIMILARITY
+#undef VORSIM_LANES_MATVEC
+#undef VORSIM_LANES_LOAD
 
 SingleBodyObject::SingleBodyObject(ObjectType type) : objectType_(type) {}
 
@@ -456,7 +608,9 @@ void SingleBodyObject::eulerIntegrate(double dt, const Mat<3, 3>& R, const Mat<3
   for (size_t i = 0; i < 3; ++i) out[i] = dt * acc[i] - dampTerm[i];
 }
 
-void SingleBodyObject::integrate(double dt, World&) {
+void SingleBodyObject::integrate(double dt, World&) { integrateAlone(dt); }
+
+void SingleBodyObject::integrateAlone(double dt) {
   const Mat<3, 1> ua{generalizedVelocity_[3], generalizedVelocity_[4], generalizedVelocity_[5]};
   const Mat<3, 3> R = rotationMatrix_;
 
@@ -486,7 +640,10 @@ void SingleBodyObject::integrate(double dt, World&) {
   Mat<3, 1> Wm;
   for (size_t i = 0; i < 3; ++i) Wm[i] = W0[i] / 6.0 + W1[i] / 3.0 + W2[i] / 3.0 + W3[i] / 6.0;
   rotationIntegration(R, rotationMatrix_, dt, Wm);
+  finishIntegrate(dt);
+}
 
+void SingleBodyObject::finishIntegrate(double dt) {
   if (bodyType_ == DYNAMIC)
     linearVelocity_ = {generalizedVelocity_[0], generalizedVelocity_[1], generalizedVelocity_[2]};
 
@@ -504,6 +661,17 @@ void SingleBodyObject::integrate(double dt, World&) {
   position_ = sub(comPosition_, mul(rotationMatrix_, comOffset_));
   externalForce_.setZero();
   externalTorque_.setZero();
+}
+
+void SingleBodyObject::integrateBodies(SingleBodyObject* const* bodies, size_t count, double dt, int lanes) {
+  size_t i = 0;
+#if VORSIM_HAVE_AVX_BLOCKS
+  if (lanes == 4 && processorHasAvx()) {
+    for (; i + 1 < count; i += 4) BodyLanes::integrate4(bodies + i, count - i < 4 ? count - i : 4, dt);
+  }
+#endif
+  for (; i + 1 < count; i += 2) BodyLanes::integrate2(bodies + i, 2, dt);
+  if (i < count) bodies[i]->integrateAlone(dt);
 }
 
 }  // namespace vorsim

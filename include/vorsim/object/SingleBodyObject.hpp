@@ -46,6 +46,9 @@ class SingleBodyObject : public Object {
   void updateCollision() override;
   void preContactSolverUpdate1(const Mat<3, 1>& gravity, double dt) override;
   void preContactSolverUpdate2(const Mat<3, 1>& gravity, double dt, ContactProblemList& problems) override;
+  // The world integrates the bodies of the single-body types (isSingleBody)
+  // through integrateBodies, not through this function: it does the same work
+  // for several bodies at once, in packed lanes.
   void integrate(double dt, World& world) override;
   void setExternalForce(size_t localIdx, const Mat<3, 1>& pos, const Mat<3, 1>& force) override;
   void setExternalForce(size_t localIdx, const Mat<3, 1>& force) override;
@@ -183,6 +186,10 @@ class SingleBodyObject : public Object {
   // world inertia, centre of mass and inverse mass; two records at a time in
   // packed lanes, or four where `lanes` is 4 and the processor has AVX. Every
   // lane count gives the same bits.
+  // integrate(dt) of `count` bodies, their rotation and angular velocity part
+  // two at a time in packed lanes, or four where `lanes` is 4 and the
+  // processor has AVX; the same bits as one by one.
+  static void integrateBodies(SingleBodyObject* const* bodies, size_t count, double dt, int lanes);
   static void contactBlocks(const Mat<3, 3>& inertiaInverse, const Mat<3, 1>& com, double inverseMass,
                             Contact* contacts, size_t count, ContactPoint* points, int lanes);
 
@@ -194,6 +201,11 @@ class SingleBodyObject : public Object {
   // Shared part of the primitives' constructors: pose at the origin, the geom
   // (given its record here), mass, inertia and their inverses.
   void initPrimitive(dxGeom* geom, double mass, const Mat<3, 3>& inertia);
+  friend struct BodyLanes;
+  // integrate without the world, which it does not use; finishIntegrate is its
+  // last part, after the rotation and the angular velocity are new.
+  void integrateAlone(double dt);
+  void finishIntegrate(double dt);
   // Angular increment over dt at orientation R and angular velocity w.
   void eulerIntegrate(double dt, const Mat<3, 3>& R, const Mat<3, 1>& w, Mat<3, 1>& out) const;
   // The velocity of contact c from linear velocity v and angular velocity w, in
