@@ -321,11 +321,40 @@ void evalEulerEqnDeriv(const Mat<3, 1>& w, const Mat<3, 1>& /*wOld*/, double dt,
     for (size_t i = 0; i < 3; ++i) av[i] = w0[i] + k1[i] / 6.0 + k2[i] / 3.0 + k3[i] / 3.0 + k4[i] / 6.0; \
     for (size_t i = 0; i < 3; ++i) Wm[i] = w0[i] / 6.0 + W1[i] / 3.0 + W2[i] / 3.0 + W3[i] / 6.0;  \
     VORSIM_LANES_ROTATION(L, W, GATHER, SQRT, R, Rn, dt, Wm)                                       \
-    for (size_t k = 0; k < W && k < count; ++k) {                                                  \
-      SingleBodyObject& body = *b[k];                                                              \
-      for (size_t i = 0; i < 3; ++i) body.angularVelocity_[i] = av[i][k];                          \
-      for (size_t m = 0; m < 9; ++m) body.rotationMatrix_.v[m] = Rn[m][k];                         \
-      body.finishIntegrate(dt);                                                                    \
+    /* The quaternion of Rn where every lane takes rotMatToQuat's first case */                    \
+    /* (trace above zero), normalised, and its rotation matrix. */                                 \
+    const L tr = Rn[0] + Rn[4] + Rn[8];                                                            \
+    bool allPositive = true;                                                                       \
+    for (size_t k = 0; k < W; ++k) allPositive = allPositive && tr[k] > 0;                         \
+    if (allPositive) {                                                                             \
+      const L S = 2.0 * SQRT(tr + 1.0);                                                            \
+      const L q0 = 0.25 * S, q1 = (Rn[5] - Rn[7]) / S, q2 = (Rn[6] - Rn[2]) / S, q3 = (Rn[1] - Rn[3]) / S; \
+      const L qn = SQRT((((zero + q0 * q0) + q1 * q1) + q2 * q2) + q3 * q3);                       \
+      const L w = q0 / qn, xq = q1 / qn, y = q2 / qn, z = q3 / qn;                                 \
+      L Rq[9];                                                                                     \
+      Rq[0] = w * w + xq * xq - y * y - z * z;                                                     \
+      Rq[1] = 2 * w * z + 2 * xq * y;                                                              \
+      Rq[2] = 2 * xq * z - 2 * w * y;                                                              \
+      Rq[3] = 2 * xq * y - 2 * w * z;                                                              \
+      Rq[4] = w * w - xq * xq + y * y - z * z;                                                     \
+      Rq[5] = 2 * y * z + 2 * w * xq;                                                              \
+      Rq[6] = 2 * xq * z + 2 * w * y;                                                              \
+      Rq[7] = 2 * y * z - 2 * w * xq;                                                              \
+      Rq[8] = w * w - xq * xq - y * y + z * z;                                                     \
+      for (size_t k = 0; k < W && k < count; ++k) {                                                \
+        SingleBodyObject& body = *b[k];                                                            \
+        for (size_t i = 0; i < 3; ++i) body.angularVelocity_[i] = av[i][k];                        \
+        body.orientationQuat_ = {w[k], xq[k], y[k], z[k]};                                         \
+        for (size_t m = 0; m < 9; ++m) body.rotationMatrix_.v[m] = Rq[m][k];                       \
+        body.finishIntegrate(dt, false);                                                           \
+      }                                                                                            \
+    } else {                                                                                       \
+      for (size_t k = 0; k < W && k < count; ++k) {                                                \
+        SingleBodyObject& body = *b[k];                                                            \
+        for (size_t i = 0; i < 3; ++i) body.angularVelocity_[i] = av[i][k];                        \
+        for (size_t m = 0; m < 9; ++m) body.rotationMatrix_.v[m] = Rn[m][k];                       \
+        body.finishIntegrate(dt, true);                                                            \
+      }                                                                                            \
     }                                                                                              \
   }
 
@@ -640,10 +669,10 @@ void SingleBodyObject::integrateAlone(double dt) {
   Mat<3, 1> Wm;
   for (size_t i = 0; i < 3; ++i) Wm[i] = W0[i] / 6.0 + W1[i] / 3.0 + W2[i] / 3.0 + W3[i] / 6.0;
   rotationIntegration(R, rotationMatrix_, dt, Wm);
-  finishIntegrate(dt);
+  finishIntegrate(dt, true);
 }
 
-void SingleBodyObject::finishIntegrate(double dt) {
+void SingleBodyObject::finishIntegrate(double dt, bool orientationFromMatrix) {
   if (bodyType_ == DYNAMIC)
     linearVelocity_ = {generalizedVelocity_[0], generalizedVelocity_[1], generalizedVelocity_[2]};
 
@@ -654,9 +683,11 @@ void SingleBodyObject::finishIntegrate(double dt) {
     hasConstraintForce_ = false;
   }
 
-  rotMatToQuat(rotationMatrix_, orientationQuat_);
-  orientationQuat_ /= orientationQuat_.norm();
-  quatToRotMat(orientationQuat_, rotationMatrix_);
+  if (orientationFromMatrix) {
+    rotMatToQuat(rotationMatrix_, orientationQuat_);
+    orientationQuat_ /= orientationQuat_.norm();
+    quatToRotMat(orientationQuat_, rotationMatrix_);
+  }
 
   position_ = sub(comPosition_, mul(rotationMatrix_, comOffset_));
   externalForce_.setZero();

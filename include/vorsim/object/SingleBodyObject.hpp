@@ -203,9 +203,11 @@ class SingleBodyObject : public Object {
   void initPrimitive(dxGeom* geom, double mass, const Mat<3, 3>& inertia);
   friend struct BodyLanes;
   // integrate without the world, which it does not use; finishIntegrate is its
-  // last part, after the rotation and the angular velocity are new.
+  // last part, after the rotation and the angular velocity are new: the
+  // quaternion of the rotation, normalised, and the rotation back from it
+  // (unless the caller did that already), then the position.
   void integrateAlone(double dt);
-  void finishIntegrate(double dt);
+  void finishIntegrate(double dt, bool orientationFromMatrix);
   // Angular increment over dt at orientation R and angular velocity w.
   void eulerIntegrate(double dt, const Mat<3, 3>& R, const Mat<3, 1>& w, Mat<3, 1>& out) const;
   // The velocity of contact c from linear velocity v and angular velocity w, in
