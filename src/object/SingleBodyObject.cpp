@@ -3,6 +3,11 @@
 #include "vorsim/Collision.hpp"
 #include "vorsim/World.hpp"
 
+#include <cmath>
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
 namespace vorsim {
 
 namespace {
@@ -57,6 +62,103 @@ inline void similarityTransformPair(const Mat<3, 3>& r, const Mat<3, 3>& s1, con
     out2(row[q], col[q]) = out2(col[q], row[q]) = o[q][1];
   }
 }
+// The Delassus blocks of `count` contact records of one body, W records at a
+// time in lanes of type L, lane k for record i + k (lanes past the last record
+// repeat it): D = F S I^-1 S^T F^T + I/m per record, with S the skew matrix of
+// the arm r = com - position and F the frame: M = I^-1 S^T, the lower part of
+// S M (the upper mirrors it), T = F (S M)^T, and the lower part of T F^T.
+// Every element is a sum over k = 0, 1, 2 in that order, the products with
+// the zeros of S included (they decide the sign of zeros). Each record's frame
+// and arm go to points[i]. A macro, so that the AVX copy is compiled for AVX
+// as a whole.
+#define VORSIM_CONTACT_BLOCKS(L, W, GATHER)                                                                      \
+  {                                                                                                              \
+    L Ib[3][3], zero, im, cm[3];                                                                                 \
+    for (size_t k = 0; k < W; ++k) {                                                                             \
+      for (size_t row = 0; row < 3; ++row)                                                                       \
+        for (size_t col = 0; col < 3; ++col) Ib[row][col][k] = I(row, col);                                      \
+      for (size_t e = 0; e < 3; ++e) cm[e][k] = com[e];                                                          \
+      zero[k] = 0.0;                                                                                             \
+      im[k] = inverseMass;                                                                                       \
+    }                                                                                                            \
+    for (size_t i = 0; i < count; i += W) {                                                                      \
+      const double *fp[W], *pp[W];                                                                               \
+      for (size_t k = 0; k < W; ++k) {                                                                           \
+        const Contact& c = contacts[i + k < count ? i + k : count - 1];                                          \
+        fp[k] = c.frame.v;                                                                                       \
+        pp[k] = c.position.v;                                                                                    \
+      }                                                                                                          \
+      L r[3], F[3][3];                                                                                           \
+      for (size_t e = 0; e < 3; ++e) r[e] = cm[e] - GATHER(pp, e);                                               \
+      for (size_t row = 0; row < 3; ++row)                                                                       \
+        for (size_t col = 0; col < 3; ++col) F[row][col] = GATHER(fp, row + 3 * col);                            \
+      const L S[3][3] = {{zero, -r[2], r[1]}, {r[2], zero, -r[0]}, {-r[1], r[0], zero}};                         \
+      /* M(row, b) = I(row, 0) S(b, 0) + I(row, 1) S(b, 1) + I(row, 2) S(b, 2) */                                \
+      L M[3][3];                                                                                                 \
+      for (size_t row = 0; row < 3; ++row)                                                                       \
+        for (size_t b = 0; b < 3; ++b) M[row][b] = Ib[row][0] * S[b][0] + Ib[row][1] * S[b][1] + Ib[row][2] * S[b][2]; \
+      /* L(row, j) = S(row, 0) M(0, j) + S(row, 1) M(1, j) + S(row, 2) M(2, j), lower part */                     \
+      L Ds[3][3];                                                                                                \
+      for (size_t j = 0; j < 3; ++j)                                                                             \
+        for (size_t row = j; row < 3; ++row)                                                                     \
+          Ds[row][j] = Ds[j][row] = S[row][0] * M[0][j] + S[row][1] * M[1][j] + S[row][2] * M[2][j];             \
+      /* T(row, k) = F(row, 0) Ds(k, 0) + F(row, 1) Ds(k, 1) + F(row, 2) Ds(k, 2) */                             \
+      L T[3][3];                                                                                                 \
+      for (size_t row = 0; row < 3; ++row)                                                                       \
+        for (size_t k = 0; k < 3; ++k) T[row][k] = F[row][0] * Ds[k][0] + F[row][1] * Ds[k][1] + F[row][2] * Ds[k][2]; \
+      /* (T F^T)(row, j) = T(row, 0) F(j, 0) + T(row, 1) F(j, 1) + T(row, 2) F(j, 2), lower part */               \
+      L D[3][3];                                                                                                 \
+      for (size_t j = 0; j < 3; ++j)                                                                             \
+        for (size_t row = j; row < 3; ++row) D[row][j] = T[row][0] * F[j][0] + T[row][1] * F[j][1] + T[row][2] * F[j][2]; \
+      for (size_t k = 0; k < 3; ++k) D[k][k] = D[k][k] + im;                                                     \
+      for (size_t k = 0; k < W && i + k < count; ++k) {                                                          \
+        Contact& c = contacts[i + k];                                                                            \
+        SingleBodyObject::ContactPoint& cp = points[i + k];                                                      \
+        cp.frame = c.frame;                                                                                      \
+        cp.arm = {r[0][k], r[1][k], r[2][k]};                                                                    \
+        Mat<3, 3>& Dc = c.delassus;                                                                              \
+        for (size_t j = 0; j < 3; ++j)                                                                           \
+          for (size_t row = j; row < 3; ++row) Dc(row, j) = Dc(j, row) = D[row][j][k];                           \
+      }                                                                                                          \
+    }                                                                                                            \
+  }
+
+// Lane k holds p[k][m]: built from the scalars directly, not element by
+// element through memory (a wide load of narrow stores stalls).
+inline Lanes2 gather2(const double* const* p, size_t m) { return Lanes2{p[0][m], p[1][m]}; }
+inline Lanes2 sqrtLanes2(Lanes2 x) {
+#if defined(__SSE2__)
+  return _mm_sqrt_pd(x);
+#else
+  return Lanes2{std::sqrt(x[0]), std::sqrt(x[1])};
+#endif
+}
+
+void contactBlocks2(const Mat<3, 3>& I, const Mat<3, 1>& com, double inverseMass, Contact* contacts, size_t count,
+                    SingleBodyObject::ContactPoint* points) VORSIM_CONTACT_BLOCKS(Lanes2, 2, gather2)
+
+#if defined(__GNUC__) && defined(__x86_64__)
+#define VORSIM_HAVE_AVX_BLOCKS 1
+// Four lanes where the processor has AVX. Only "avx" is enabled, not "fma":
+// no multiply and add may fuse.
+typedef double Lanes4 __attribute__((vector_size(32)));
+__attribute__((target("avx"))) inline Lanes4 gather4(const double* const* p, size_t m) {
+  return Lanes4{p[0][m], p[1][m], p[2][m], p[3][m]};
+}
+__attribute__((target("avx"))) void contactBlocks4(const Mat<3, 3>& I, const Mat<3, 1>& com, double inverseMass,
+                                                   Contact* contacts, size_t count,
+                                                   SingleBodyObject::ContactPoint* points)
+    VORSIM_CONTACT_BLOCKS(Lanes4, 4, gather4)
+
+bool processorHasAvx() {
+  static const bool has = __builtin_cpu_supports("avx");
+  return has;
+}
+#else
+#define VORSIM_HAVE_AVX_BLOCKS 0
+#endif
+#undef VORSIM_CONTACT_BLOCKS
+
 inline Mat<3, 3> inverse33(const Mat<3, 3>& m) {
   Mat<3, 3> out;
   invert33(m, out);
@@ -102,6 +204,175 @@ void evalEulerEqnDeriv(const Mat<3, 1>& w, const Mat<3, 1>& /*wOld*/, double dt,
   const Eigen::Matrix3d d = inertia.e() + dt * (skewMatEigen(w.e()) * inertia.e() - skewMatEigen(Iw.e()));
   out = d;
 }
+
+// ------------------------------------------------------- bodies in lanes --
+//
+// The rotation and angular velocity part of SingleBodyObject::integrate for W
+// bodies at once, lane k for body k, in lanes of type L. Every lane does the
+// scalar path's operations in its order (sums left to right, the same
+// products, no fused steps); sine and cosine stay scalar library calls per
+// lane, and the copy of R below |w| dt < 1e-11 is a per-lane select. Macros,
+// so that the AVX copy is compiled for AVX as a whole.
+
+// dst[m] = lanes of field.v[off + m], m < n, from bodies b[0 .. W).
+#define VORSIM_LANES_LOAD(W, GATHER, dst, field, off, n) \
+  for (size_t m = 0; m < n; ++m) {                       \
+    const double* q[W];                                  \
+    for (size_t k = 0; k < W; ++k) q[k] = b[k]->field.v + off + m; \
+    dst[m] = GATHER(q, 0);                               \
+  }
+
+// y = a x, a column-major 3x3 (as matvecmul).
+#define VORSIM_LANES_MATVEC(L, a, x, y)                            \
+  {                                                                \
+    const L y0_ = a[0] * x[0] + a[3] * x[1] + a[6] * x[2];          \
+    const L y1_ = a[1] * x[0] + a[4] * x[1] + a[7] * x[2];          \
+    const L y2_ = a[2] * x[0] + a[5] * x[1] + a[8] * x[2];          \
+    y[0] = y0_, y[1] = y1_, y[2] = y2_;                            \
+  }
+
+// o = r s r^T (as similarityTransformPair, per lane).
+#define VORSIM_LANES_SIMILARITY(L, r, s, o)                                                        \
+  {                                                                                                \
+    L t_[9];                                                                                       \
+    for (size_t i = 0; i < 3; ++i)                                                                 \
+      for (size_t k = 0; k < 3; ++k) t_[i + 3 * k] = r[i] * s[k] + r[i + 3] * s[k + 3] + r[i + 6] * s[k + 6]; \
+    for (size_t j = 0; j < 3; ++j)                                                                 \
+      for (size_t i = j; i < 3; ++i) o[i + 3 * j] = o[j + 3 * i] = t_[i] * r[j] + t_[i + 3] * r[j + 3] + t_[i + 6] * r[j + 6]; \
+  }
+
+// Rout = D(w h) R (as rotationIntegration); Rout must not alias R.
+#define VORSIM_LANES_ROTATION(L, W, GATHER, SQRT, R, Rout, h, w)                                   \
+  {                                                                                                \
+    const L s_ = SQRT(((zero + w[0] * w[0]) + w[1] * w[1]) + w[2] * w[2]);                         \
+    const L theta_ = s_ * (h);                                                                     \
+    const L ax = w[0] / s_, ay = w[1] / s_, az = w[2] / s_;                                        \
+    double snv_[W], c1v_[W];                                                                       \
+    const double *snp_[W], *c1p_[W];                                                               \
+    for (size_t k = 0; k < W; ++k) {                                                               \
+      snv_[k] = 0.0, c1v_[k] = 0.0;                                                                \
+      if (!(theta_[k] < 1e-11)) snv_[k] = std::sin(theta_[k]), c1v_[k] = 1.0 - std::cos(theta_[k]); \
+      snp_[k] = &snv_[k], c1p_[k] = &c1v_[k];                                                      \
+    }                                                                                              \
+    const L sn = GATHER(snp_, 0), c1 = GATHER(c1p_, 0);                                            \
+    const L D00 = 1.0 - c1 * (ay * ay + az * az), D10 = sn * az + c1 * ax * ay, D20 = -sn * ay + c1 * ax * az; \
+    const L D01 = -sn * az + c1 * ax * ay, D11 = 1.0 - c1 * (ax * ax + az * az), D21 = sn * ax + c1 * ay * az; \
+    const L D02 = sn * ay + c1 * ax * az, D12 = -sn * ax + c1 * ay * az, D22 = 1.0 - c1 * (ax * ax + ay * ay); \
+    const auto small_ = theta_ < 1e-11;                                                            \
+    for (size_t j = 0; j < 3; ++j) {                                                               \
+      const L r0 = R[3 * j], r1 = R[3 * j + 1], r2 = R[3 * j + 2];                                 \
+      Rout[3 * j] = small_ ? r0 : D00 * r0 + D01 * r1 + D02 * r2;                                  \
+      Rout[3 * j + 1] = small_ ? r1 : D10 * r0 + D11 * r1 + D12 * r2;                              \
+      Rout[3 * j + 2] = small_ ? r2 : D20 * r0 + D21 * r1 + D22 * r2;                              \
+    }                                                                                              \
+  }
+
+// out = the angular increment over dt at orientation Rr and velocity w (as
+// eulerIntegrate).
+#define VORSIM_LANES_EULER(L, Rr, w, out)                                                          \
+  {                                                                                                \
+    L Iw_[9], IwI_[9], mb_[3], tt_[3], acc_[3], d_[3], y_[3], dt_[3];                              \
+    VORSIM_LANES_SIMILARITY(L, Rr, Ib, Iw_)                                                        \
+    VORSIM_LANES_SIMILARITY(L, Rr, Ii, IwI_)                                                       \
+    VORSIM_LANES_MATVEC(L, Iw_, w, mb_)                                                            \
+    tt_[0] = tq[0] - (w[1] * mb_[2] - w[2] * mb_[1]);                                              \
+    tt_[1] = tq[1] - (w[2] * mb_[0] - w[0] * mb_[2]);                                              \
+    tt_[2] = tq[2] - (w[0] * mb_[1] - w[1] * mb_[0]);                                              \
+    VORSIM_LANES_MATVEC(L, IwI_, tt_, acc_)                                                        \
+    d_[0] = Rr[0] * w[0] + Rr[1] * w[1] + Rr[2] * w[2];                                            \
+    d_[1] = Rr[3] * w[0] + Rr[4] * w[1] + Rr[5] * w[2];                                            \
+    d_[2] = Rr[6] * w[0] + Rr[7] * w[1] + Rr[8] * w[2];                                            \
+    for (size_t i = 0; i < 3; ++i) d_[i] = dt * ad[i] * d_[i];                                     \
+    VORSIM_LANES_MATVEC(L, Ii, d_, y_)                                                             \
+    VORSIM_LANES_MATVEC(L, Rr, y_, dt_)                                                            \
+    for (size_t i = 0; i < 3; ++i) out[i] = dt * acc_[i] - dt_[i];                                 \
+  }
+
+#define VORSIM_BODY_LANES(L, W, GATHER, SQRT)                                                     \
+  {                                                                                                \
+    SingleBodyObject* b[W];                                                                        \
+    for (size_t k = 0; k < W; ++k) b[k] = bodies[k < count ? k : count - 1];                       \
+    L zero;                                                                                        \
+    for (size_t k = 0; k < W; ++k) zero[k] = 0.0;                                                  \
+    L ua[3], fw[3], av[3], R[9], Ib[9], Ii[9], tq[3], ad[3];                                       \
+    VORSIM_LANES_LOAD(W, GATHER, ua, generalizedVelocity_, 3, 3)                                   \
+    VORSIM_LANES_LOAD(W, GATHER, fw, freeAngularVelocity_, 0, 3)                                   \
+    VORSIM_LANES_LOAD(W, GATHER, av, angularVelocity_, 0, 3)                                       \
+    VORSIM_LANES_LOAD(W, GATHER, R, rotationMatrix_, 0, 9)                                         \
+    VORSIM_LANES_LOAD(W, GATHER, Ib, bodyInertia_, 0, 9)                                           \
+    VORSIM_LANES_LOAD(W, GATHER, Ii, bodyInertiaInverse_, 0, 9)                                    \
+    VORSIM_LANES_LOAD(W, GATHER, tq, externalTorque_, 0, 3)                                        \
+    VORSIM_LANES_LOAD(W, GATHER, ad, angularDamping_, 0, 3)                                        \
+    L w0[3], k1[3], W1[3], W2[3], W3[3], Wm[3], k2[3], k3[3], k4[3], x[3], Rk[9], Rn[9];           \
+    for (size_t i = 0; i < 3; ++i) w0[i] = av[i] + (ua[i] - fw[i]);                               \
+    for (size_t i = 0; i < 3; ++i) k1[i] = ua[i] - w0[i];                                          \
+    const double hdt = 0.5 * dt;                                                                   \
+    VORSIM_LANES_ROTATION(L, W, GATHER, SQRT, R, Rk, hdt, w0)                                      \
+    for (size_t i = 0; i < 3; ++i) W1[i] = (w0[i] + ua[i]) * 0.5;                                  \
+    VORSIM_LANES_EULER(L, Rk, W1, k2)                                                              \
+    for (size_t i = 0; i < 3; ++i) x[i] = w0[i] + k2[i];                                           \
+    VORSIM_LANES_ROTATION(L, W, GATHER, SQRT, R, Rk, hdt, x)                                       \
+    for (size_t i = 0; i < 3; ++i) W2[i] = w0[i] + k2[i] * 0.5;                                    \
+    VORSIM_LANES_EULER(L, Rk, W2, k3)                                                              \
+    for (size_t i = 0; i < 3; ++i) x[i] = w0[i] + k3[i];                                           \
+    VORSIM_LANES_ROTATION(L, W, GATHER, SQRT, R, Rk, dt, x)                                        \
+    for (size_t i = 0; i < 3; ++i) W3[i] = w0[i] + k3[i];                                          \
+    VORSIM_LANES_EULER(L, Rk, W3, k4)                                                              \
+    for (size_t i = 0; i < 3; ++i) av[i] = w0[i] + k1[i] / 6.0 + k2[i] / 3.0 + k3[i] / 3.0 + k4[i] / 6.0; \
+    for (size_t i = 0; i < 3; ++i) Wm[i] = w0[i] / 6.0 + W1[i] / 3.0 + W2[i] / 3.0 + W3[i] / 6.0;  \
+    VORSIM_LANES_ROTATION(L, W, GATHER, SQRT, R, Rn, dt, Wm)                                       \
+    /* The quaternion of Rn where every lane takes rotMatToQuat's first case */                    \
+    /* (trace above zero), normalised, and its rotation matrix. */                                 \
+    const L tr = Rn[0] + Rn[4] + Rn[8];                                                            \
+    bool allPositive = true;                                                                       \
+    for (size_t k = 0; k < W; ++k) allPositive = allPositive && tr[k] > 0;                         \
+    if (allPositive) {                                                                             \
+      const L S = 2.0 * SQRT(tr + 1.0);                                                            \
+      const L q0 = 0.25 * S, q1 = (Rn[5] - Rn[7]) / S, q2 = (Rn[6] - Rn[2]) / S, q3 = (Rn[1] - Rn[3]) / S; \
+      const L qn = SQRT((((zero + q0 * q0) + q1 * q1) + q2 * q2) + q3 * q3);                       \
+      const L w = q0 / qn, xq = q1 / qn, y = q2 / qn, z = q3 / qn;                                 \
+      L Rq[9];                                                                                     \
+      Rq[0] = w * w + xq * xq - y * y - z * z;                                                     \
+      Rq[1] = 2 * w * z + 2 * xq * y;                                                              \
+      Rq[2] = 2 * xq * z - 2 * w * y;                                                              \
+      Rq[3] = 2 * xq * y - 2 * w * z;                                                              \
+      Rq[4] = w * w - xq * xq + y * y - z * z;                                                     \
+      Rq[5] = 2 * y * z + 2 * w * xq;                                                              \
+      Rq[6] = 2 * xq * z + 2 * w * y;                                                              \
+      Rq[7] = 2 * y * z - 2 * w * xq;                                                              \
+      Rq[8] = w * w - xq * xq - y * y + z * z;                                                     \
+      for (size_t k = 0; k < W && k < count; ++k) {                                                \
+        SingleBodyObject& body = *b[k];                                                            \
+        for (size_t i = 0; i < 3; ++i) body.angularVelocity_[i] = av[i][k];                        \
+        body.orientationQuat_ = {w[k], xq[k], y[k], z[k]};                                         \
+        for (size_t m = 0; m < 9; ++m) body.rotationMatrix_.v[m] = Rq[m][k];                       \
+        body.finishIntegrate(dt, false);                                                           \
+      }                                                                                            \
+    } else {                                                                                       \
+      for (size_t k = 0; k < W && k < count; ++k) {                                                \
+        SingleBodyObject& body = *b[k];                                                            \
+        for (size_t i = 0; i < 3; ++i) body.angularVelocity_[i] = av[i][k];                        \
+        for (size_t m = 0; m < 9; ++m) body.rotationMatrix_.v[m] = Rn[m][k];                       \
+        body.finishIntegrate(dt, true);                                                            \
+      }                                                                                            \
+    }                                                                                              \
+  }
+
+struct BodyLanes {
+  static void integrate2(SingleBodyObject* const* bodies, size_t count, double dt)
+      VORSIM_BODY_LANES(Lanes2, 2, gather2, sqrtLanes2)
+#if VORSIM_HAVE_AVX_BLOCKS
+  __attribute__((target("avx"))) static void integrate4(SingleBodyObject* const* bodies, size_t count, double dt)
+      VORSIM_BODY_LANES(Lanes4, 4, gather4, _mm256_sqrt_pd)
+#endif
+};
+
+#undef VORSIM_BODY_LANES
+#undef VORSIM_LANES_EULER
+#undef VORSIM_LANES_ROTATION
+#undef VORSIM_LANES_SIMILARITY
+#undef VORSIM_LANES_MATVEC
+#undef VORSIM_LANES_LOAD
 
 SingleBodyObject::SingleBodyObject(ObjectType type) : objectType_(type) {}
 
@@ -285,54 +556,18 @@ void SingleBodyObject::preContactSolverUpdate1(const Mat<3, 1>&, double) {
   }
   const size_t n = contacts_.size();
   contactPoints_.resize(n);
-  // D = F S I^-1 S^T F^T + I/m per contact, with S the skew matrix of the arm
-  // r and F the frame: M = I^-1 S^T, the lower part of S M (the upper mirrors
-  // it), T = F (S M)^T, and the lower part of T F^T. Every element is a sum
-  // over k = 0, 1, 2 in that order. Two contacts go through at once, one in
-  // each lane (the last one of an odd count in both).
-  const Mat<3, 3>& I = worldInertiaInverse_;
-  Lanes2 Ib[3][3];
-  for (size_t row = 0; row < 3; ++row)
-    for (size_t col = 0; col < 3; ++col) Ib[row][col] = Lanes2{I(row, col), I(row, col)};
-  const Lanes2 zero = {0.0, 0.0}, im = {inverseMass_, inverseMass_};
-  for (size_t i = 0; i < n; i += 2) {
-    Contact& ca = contacts_[i];
-    Contact& cb = contacts_[i + 1 < n ? i + 1 : i];
-    Lanes2 r[3];
-    for (size_t k = 0; k < 3; ++k)
-      r[k] = Lanes2{comPosition_[k], comPosition_[k]} - Lanes2{ca.position[k], cb.position[k]};
-    const Lanes2 S[3][3] = {{zero, -r[2], r[1]}, {r[2], zero, -r[0]}, {-r[1], r[0], zero}};
-    // M(row, b) = I(row, 0) S(b, 0) + I(row, 1) S(b, 1) + I(row, 2) S(b, 2)
-    Lanes2 M[3][3];
-    for (size_t row = 0; row < 3; ++row)
-      for (size_t b = 0; b < 3; ++b) M[row][b] = Ib[row][0] * S[b][0] + Ib[row][1] * S[b][1] + Ib[row][2] * S[b][2];
-    // L(row, j) = S(row, 0) M(0, j) + S(row, 1) M(1, j) + S(row, 2) M(2, j), lower part
-    Lanes2 Ds[3][3];
-    for (size_t j = 0; j < 3; ++j)
-      for (size_t row = j; row < 3; ++row)
-        Ds[row][j] = Ds[j][row] = S[row][0] * M[0][j] + S[row][1] * M[1][j] + S[row][2] * M[2][j];
-    Lanes2 F[3][3];
-    for (size_t row = 0; row < 3; ++row)
-      for (size_t col = 0; col < 3; ++col) F[row][col] = Lanes2{ca.frame(row, col), cb.frame(row, col)};
-    // T(row, k) = F(row, 0) Ds(k, 0) + F(row, 1) Ds(k, 1) + F(row, 2) Ds(k, 2)
-    Lanes2 T[3][3];
-    for (size_t row = 0; row < 3; ++row)
-      for (size_t k = 0; k < 3; ++k) T[row][k] = F[row][0] * Ds[k][0] + F[row][1] * Ds[k][1] + F[row][2] * Ds[k][2];
-    // (T F^T)(row, j) = T(row, 0) F(j, 0) + T(row, 1) F(j, 1) + T(row, 2) F(j, 2), lower part
-    Lanes2 D[3][3];
-    for (size_t j = 0; j < 3; ++j)
-      for (size_t row = j; row < 3; ++row) D[row][j] = T[row][0] * F[j][0] + T[row][1] * F[j][1] + T[row][2] * F[j][2];
-    for (size_t k = 0; k < 3; ++k) D[k][k] = D[k][k] + im;
-    for (size_t lane = 0; lane < 2 && i + lane < n; ++lane) {
-      Contact& c = lane == 0 ? ca : cb;
-      ContactPoint& cp = contactPoints_[i + lane];
-      cp.frame = c.frame;
-      cp.arm = {r[0][lane], r[1][lane], r[2][lane]};
-      Mat<3, 3>& Dc = c.delassus;
-      for (size_t j = 0; j < 3; ++j)
-        for (size_t row = j; row < 3; ++row) Dc(row, j) = Dc(j, row) = D[row][j][lane];
-    }
+  contactBlocks(worldInertiaInverse_, comPosition_, inverseMass_, contacts_.data(), n, contactPoints_.data(), 4);
+}
+
+void SingleBodyObject::contactBlocks(const Mat<3, 3>& inertiaInverse, const Mat<3, 1>& com, double inverseMass,
+                                     Contact* contacts, size_t count, ContactPoint* points, int lanes) {
+#if VORSIM_HAVE_AVX_BLOCKS
+  if (lanes == 4 && count > 2 && processorHasAvx()) {
+    contactBlocks4(inertiaInverse, com, inverseMass, contacts, count, points);
+    return;
   }
+#endif
+  contactBlocks2(inertiaInverse, com, inverseMass, contacts, count, points);
 }
 
 void SingleBodyObject::preContactSolverUpdate2(const Mat<3, 1>& gravity, double dt, ContactProblemList&) {
@@ -402,7 +637,9 @@ void SingleBodyObject::eulerIntegrate(double dt, const Mat<3, 3>& R, const Mat<3
   for (size_t i = 0; i < 3; ++i) out[i] = dt * acc[i] - dampTerm[i];
 }
 
-void SingleBodyObject::integrate(double dt, World&) {
+void SingleBodyObject::integrate(double dt, World&) { integrateAlone(dt); }
+
+void SingleBodyObject::integrateAlone(double dt) {
   const Mat<3, 1> ua{generalizedVelocity_[3], generalizedVelocity_[4], generalizedVelocity_[5]};
   const Mat<3, 3> R = rotationMatrix_;
 
@@ -432,7 +669,10 @@ void SingleBodyObject::integrate(double dt, World&) {
   Mat<3, 1> Wm;
   for (size_t i = 0; i < 3; ++i) Wm[i] = W0[i] / 6.0 + W1[i] / 3.0 + W2[i] / 3.0 + W3[i] / 6.0;
   rotationIntegration(R, rotationMatrix_, dt, Wm);
+  finishIntegrate(dt, true);
+}
 
+void SingleBodyObject::finishIntegrate(double dt, bool orientationFromMatrix) {
   if (bodyType_ == DYNAMIC)
     linearVelocity_ = {generalizedVelocity_[0], generalizedVelocity_[1], generalizedVelocity_[2]};
 
@@ -443,13 +683,26 @@ void SingleBodyObject::integrate(double dt, World&) {
     hasConstraintForce_ = false;
   }
 
-  rotMatToQuat(rotationMatrix_, orientationQuat_);
-  orientationQuat_ /= orientationQuat_.norm();
-  quatToRotMat(orientationQuat_, rotationMatrix_);
+  if (orientationFromMatrix) {
+    rotMatToQuat(rotationMatrix_, orientationQuat_);
+    orientationQuat_ /= orientationQuat_.norm();
+    quatToRotMat(orientationQuat_, rotationMatrix_);
+  }
 
   position_ = sub(comPosition_, mul(rotationMatrix_, comOffset_));
   externalForce_.setZero();
   externalTorque_.setZero();
+}
+
+void SingleBodyObject::integrateBodies(SingleBodyObject* const* bodies, size_t count, double dt, int lanes) {
+  size_t i = 0;
+#if VORSIM_HAVE_AVX_BLOCKS
+  if (lanes == 4 && processorHasAvx()) {
+    for (; i + 1 < count; i += 4) BodyLanes::integrate4(bodies + i, count - i < 4 ? count - i : 4, dt);
+  }
+#endif
+  for (; i + 1 < count; i += 2) BodyLanes::integrate2(bodies + i, 2, dt);
+  if (i < count) bodies[i]->integrateAlone(dt);
 }
 
 }  // namespace vorsim

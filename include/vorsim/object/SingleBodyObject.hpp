@@ -46,6 +46,9 @@ class SingleBodyObject : public Object {
   void updateCollision() override;
   void preContactSolverUpdate1(const Mat<3, 1>& gravity, double dt) override;
   void preContactSolverUpdate2(const Mat<3, 1>& gravity, double dt, ContactProblemList& problems) override;
+  // The world integrates the bodies of the single-body types (isSingleBody)
+  // through integrateBodies, not through this function: it does the same work
+  // for several bodies at once, in packed lanes.
   void integrate(double dt, World& world) override;
   void setExternalForce(size_t localIdx, const Mat<3, 1>& pos, const Mat<3, 1>& force) override;
   void setExternalForce(size_t localIdx, const Mat<3, 1>& force) override;
@@ -169,6 +172,27 @@ class SingleBodyObject : public Object {
   // Angular momentum about the centre of mass, world frame.
   Eigen::Vector3d getAngularMomentum() const;
 
+  // Per contact: the contact frame and the arm from the contact point to the
+  // centre of mass. They are all the solver's reads and writes need: the point
+  // velocity frame*(v + arm x w), and for an impulse p the world impulse
+  // F = frame^T p, with u += (F/m, I^-1 (F x arm)). Kept dense, one record per
+  // contact, because the solver visits them in its inner loop.
+  struct ContactPoint {
+    Mat<3, 3> frame;
+    Mat<3, 1> arm;
+  };
+  // The Delassus block (into each record) and the frame and arm (into
+  // points[i]) of `count` contact records of a body with the given inverse
+  // world inertia, centre of mass and inverse mass; two records at a time in
+  // packed lanes, or four where `lanes` is 4 and the processor has AVX. Every
+  // lane count gives the same bits.
+  // integrate(dt) of `count` bodies, their rotation and angular velocity part
+  // two at a time in packed lanes, or four where `lanes` is 4 and the
+  // processor has AVX; the same bits as one by one.
+  static void integrateBodies(SingleBodyObject* const* bodies, size_t count, double dt, int lanes);
+  static void contactBlocks(const Mat<3, 3>& inertiaInverse, const Mat<3, 1>& com, double inverseMass,
+                            Contact* contacts, size_t count, ContactPoint* points, int lanes);
+
  protected:
   // Recomputes the rotation (and, for a dynamic body, the world inertia) from
   // the quaternion and moves the geom. The centre of mass is not moved.
@@ -177,6 +201,13 @@ class SingleBodyObject : public Object {
   // Shared part of the primitives' constructors: pose at the origin, the geom
   // (given its record here), mass, inertia and their inverses.
   void initPrimitive(dxGeom* geom, double mass, const Mat<3, 3>& inertia);
+  friend struct BodyLanes;
+  // integrate without the world, which it does not use; finishIntegrate is its
+  // last part, after the rotation and the angular velocity are new: the
+  // quaternion of the rotation, normalised, and the rotation back from it
+  // (unless the caller did that already), then the position.
+  void integrateAlone(double dt);
+  void finishIntegrate(double dt, bool orientationFromMatrix);
   // Angular increment over dt at orientation R and angular velocity w.
   void eulerIntegrate(double dt, const Mat<3, 3>& R, const Mat<3, 1>& w, Mat<3, 1>& out) const;
   // The velocity of contact c from linear velocity v and angular velocity w, in
@@ -215,15 +246,6 @@ class SingleBodyObject : public Object {
   Mat<3, 1> freeAngularVelocity_{};
   Mat<3, 1> externalForce_{};
   Mat<3, 1> externalTorque_{};
-  // Per contact: the contact frame and the arm from the contact point to the
-  // centre of mass. They are all the solver's reads and writes need: the point
-  // velocity frame*(v + arm x w), and for an impulse p the world impulse
-  // F = frame^T p, with u += (F/m, I^-1 (F x arm)). Kept dense, one record per
-  // contact, because the solver visits them in its inner loop.
-  struct ContactPoint {
-    Mat<3, 3> frame;
-    Mat<3, 1> arm;
-  };
   std::vector<ContactPoint> contactPoints_;
   double mass_ = 1.0;
   double inverseMass_ = 1.0;
