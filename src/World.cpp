@@ -1,6 +1,7 @@
 #include "vorsim/World.hpp"
 
 #include <cmath>
+#include <functional>
 #include <limits>
 
 #include "vorsim/Collision.hpp"
@@ -234,6 +235,10 @@ __attribute__((flatten)) void World::generateContacts() {
     side.type = side.object->getBodyType(side.local);
   };
   Side side1, side2;
+  // With the warm start on, each point's problem gets its key here and the
+  // cache notes its frame (the frames stay in place until the next step).
+  contact::WarmStartCache::ProblemFrame* notes =
+      solver_.warmStart ? warmStartCache_.startPoints(size_t(numContacts_)) : nullptr;
   for (int i = 0; i < numContacts_; ++i) {
     const dContactGeom& g = contactGeoms_[size_t(i)];
     resolve(side1, g.g1);
@@ -275,8 +280,16 @@ __attribute__((flatten)) void World::generateContacts() {
       material = &materialManager_.getMaterialPairProp(d1.material, d2.material);
     lastMaterial1 = &d1.material;
     lastMaterial2 = &d2.material;
-    contactProblems_.emplace_back(*material, pos[0], pos[1], pos[2], -g.depth);
+    contact::Single3DContactProblem& P = contactProblems_.emplace_back(*material, pos[0], pos[1], pos[2], -g.depth);
+    if (notes != nullptr) {
+      // The collision library may report a pair in either order from step to
+      // step: the key takes the geoms in address order (see WarmStartCache).
+      const bool swapped = std::less<const void*>()(g.g2, g.g1);
+      P.warmStartKey = swapped ? contact::WarmStartKey::geoms(g.g2, g.g1) : contact::WarmStartKey::geoms(g.g1, g.g2);
+      notes[problemIndex] = contact::WarmStartCache::ProblemFrame{&frame, swapped, true};
+    }
   }
+  warmStartCache_.endPoints(notes != nullptr ? contactProblems_.size() : 0);
 }
 
 void World::contactProblemUpdate(Object* object) {

@@ -1,6 +1,8 @@
 #include "vorsim/contact/WarmStartCache.hpp"
 
+#include <algorithm>
 #include <cmath>
+#include <cstddef>
 #include <functional>
 #include <limits>
 
@@ -67,9 +69,18 @@ size_t WarmStartCache::seed(const std::vector<Object*>& objects, ProblemList& pr
                             double timeStep) {
   seedConfiguration_ = configuration;
   seedTimeStep_ = timeStep;
-  frames_.assign(problems.size(), ProblemFrame{nullptr, false, false});
+  // Problems the world noted keep their frames and keys; the others are found
+  // in the records that follow the noted problems' records in each list.
+  const size_t noted = notedPoints_ <= problems.size() ? notedPoints_ : 0;
+  notedPoints_ = 0;
+  frames_.resize(problems.size());
+  std::fill(frames_.begin() + std::ptrdiff_t(noted), frames_.end(), ProblemFrame{nullptr, false, false});
   for (Object* object : objects) {
-    for (const Contact& c : object->getContacts()) {
+    const std::vector<Contact>& list = object->getContacts();
+    size_t first = list.size();
+    while (first > 0 && list[first - 1].contactProblemIndex >= noted) --first;
+    for (size_t r = first; r < list.size(); ++r) {
+      const Contact& c = list[r];
       if (c.contactProblemIndex >= problems.size()) continue;
       ProblemFrame& f = frames_[c.contactProblemIndex];
       f.frame = &c.frame;
