@@ -1,7 +1,6 @@
 #include "vorsim/World.hpp"
 
 #include <cmath>
-#include <functional>
 #include <limits>
 
 #include "vorsim/Collision.hpp"
@@ -284,8 +283,11 @@ __attribute__((flatten)) void World::generateContacts() {
     if (notes != nullptr) {
       // The collision library may report a pair in either order from step to
       // step: the key takes the geoms in address order (see WarmStartCache).
-      const bool swapped = std::less<const void*>()(g.g2, g.g1);
-      P.warmStartKey = swapped ? contact::WarmStartKey::geoms(g.g2, g.g1) : contact::WarmStartKey::geoms(g.g1, g.g2);
+      // Integer selects (the order of two addresses is no pattern to predict).
+      const uintptr_t a1 = reinterpret_cast<uintptr_t>(g.g1), a2 = reinterpret_cast<uintptr_t>(g.g2);
+      const bool swapped = a2 < a1;
+      const uintptr_t lo = swapped ? a2 : a1, hi = swapped ? a1 : a2;
+      P.warmStartKey = contact::WarmStartKey::geoms(reinterpret_cast<const void*>(lo), reinterpret_cast<const void*>(hi));
       notes[problemIndex] = contact::WarmStartCache::ProblemFrame{&frame, swapped, true};
     }
   }
