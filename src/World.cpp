@@ -381,6 +381,15 @@ void World::applyStaticFriction() {
     // that is not above zero is above no speed, so such a problem keeps mu and
     // its velocity need not be read.
     if (!(P.staticFrictionThreshold > 0.0)) continue;
+    // A pair whose static coefficient equals its dynamic one (the common
+    // case) blends mu into itself: mu + x * (staticFriction - mu) is mu + x * 0,
+    // which is mu, bit for bit, when mu is finite and not -0 and x is finite.
+    // x = 1 - vt * inverse is finite whenever the blend runs: then vt lies in
+    // [0, threshold), so |vt * inverse| is at most |threshold * inverse|,
+    // checked finite here. Such a problem's velocity need not be read.
+    if (P.staticFriction == P.mu && std::isfinite(P.mu) && !std::signbit(P.mu) &&
+        std::isfinite(P.staticFrictionThreshold * P.inverseStaticThreshold))
+      continue;
     Mat<3, 1> v = P.tauStar;
     if (P.singleBodyA)
       static_cast<SingleBodyObject*>(P.objectA)->SingleBodyObject::addContactPointVel2(P.localIndexA, v);
