@@ -234,9 +234,9 @@ __attribute__((flatten)) void World::generateContacts() {
     side.type = side.object->getBodyType(side.local);
   };
   Side side1, side2;
-  // With the warm start on, each point's problem gets its key here and the
-  // cache notes its frame (the frames stay in place until the next step).
-  contact::WarmStartCache::ProblemFrame* notes =
+  // With the warm start on, the cache notes each point's frame (the frames
+  // stay in place until the next step) and geoms, for its problem's key.
+  contact::WarmStartCache::PointNote* notes =
       solver_.warmStart ? warmStartCache_.startPoints(size_t(numContacts_)) : nullptr;
   for (int i = 0; i < numContacts_; ++i) {
     const dContactGeom& g = contactGeoms_[size_t(i)];
@@ -279,17 +279,8 @@ __attribute__((flatten)) void World::generateContacts() {
       material = &materialManager_.getMaterialPairProp(d1.material, d2.material);
     lastMaterial1 = &d1.material;
     lastMaterial2 = &d2.material;
-    contact::Single3DContactProblem& P = contactProblems_.emplace_back(*material, pos[0], pos[1], pos[2], -g.depth);
-    if (notes != nullptr) {
-      // The collision library may report a pair in either order from step to
-      // step: the key takes the geoms in address order (see WarmStartCache).
-      // Integer selects (the order of two addresses is no pattern to predict).
-      const uintptr_t a1 = reinterpret_cast<uintptr_t>(g.g1), a2 = reinterpret_cast<uintptr_t>(g.g2);
-      const bool swapped = a2 < a1;
-      const uintptr_t lo = swapped ? a2 : a1, hi = swapped ? a1 : a2;
-      P.warmStartKey = contact::WarmStartKey::geoms(reinterpret_cast<const void*>(lo), reinterpret_cast<const void*>(hi));
-      notes[problemIndex] = contact::WarmStartCache::ProblemFrame{&frame, swapped, true};
-    }
+    contactProblems_.emplace_back(*material, pos[0], pos[1], pos[2], -g.depth);
+    if (notes != nullptr) notes[problemIndex] = contact::WarmStartCache::PointNote{&frame, g.g1, g.g2};
   }
   warmStartCache_.endPoints(notes != nullptr ? contactProblems_.size() : 0);
 }

@@ -45,25 +45,23 @@ class WarmStartCache {
   // the time steps. Returns the number of problems that took an impulse.
   size_t seed(const std::vector<Object*>& objects, ProblemList& problems, int configuration, double timeStep);
 
-  // Per problem of this step: its contact frame (null without contact
-  // records), whether its geoms came in the opposite order of its key, and
-  // whether its key is known to be set.
-  struct ProblemFrame {
+  // A collision point as the world makes its problem: the point's contact
+  // frame (which must stay in place until store) and its two geoms in the
+  // collision library's order.
+  struct PointNote {
     const Mat<3, 3>* frame;
-    bool swapped;
-    bool keyed;
+    const void* geom1;
+    const void* geom2;
   };
-  // The world's collision points, noted as it makes their problems (which then
-  // get their keys there), so that seed need not find them in the records:
-  // startPoints(n) gives room for the notes of problems 0 to n - 1, written in
-  // place (frame, swapped, true; the frame must stay in place until store),
-  // and endPoints(count) says how many were written. Records of later
-  // problems (wires, pins) must follow those of the noted ones in every
-  // object's list. The notes serve the next seed only.
-  ProblemFrame* startPoints(size_t n) {
+  // The world notes its collision points so that seed need not find them in
+  // the objects' records: startPoints(n) gives room for the notes of problems
+  // 0 to n - 1, written in place, and endPoints(count) says how many were
+  // written. Records of later problems (wires, pins) must follow those of the
+  // noted ones in every object's list. The notes serve the next seed only.
+  PointNote* startPoints(size_t n) {
     notedPoints_ = 0;
-    if (frames_.size() < n) frames_.resize(n);
-    return frames_.data();
+    if (notes_.size() < n) notes_.resize(n);
+    return notes_.data();
   }
   void endPoints(size_t count) { notedPoints_ = count; }
 
@@ -99,10 +97,18 @@ class WarmStartCache {
   std::vector<uint32_t> slots_;    // open addressing over groups_, by hash
   std::vector<uint32_t> groupOf_;  // store's scratch: group of each entry in list order
   std::vector<Entry> regrouped_;   // store's scratch when a key's points are not consecutive
-  // Per problem of this step (a second record of a keyed point need not look
-  // at the problem).
+  // Per problem of this step: its contact frame (null without contact
+  // records), whether its geoms came in the opposite order of its key, and
+  // whether its key is known to be set (so that a second record of the same
+  // point need not look at the problem).
+  struct ProblemFrame {
+    const Mat<3, 3>* frame;
+    bool swapped;
+    bool keyed;
+  };
   std::vector<ProblemFrame> frames_;
-  size_t notedPoints_ = 0;  // leading entries of frames_ written by notePoint
+  std::vector<PointNote> notes_;
+  size_t notedPoints_ = 0;  // leading entries of notes_ written by the world
   double tolerance_ = 0.01;
   double storedTimeStep_ = 0.0;
   int storedConfiguration_ = 0;
