@@ -37,8 +37,9 @@ class WarmStartCache {
   double getTolerance() const { return tolerance_; }
 
   // Before the solve, with every impulse zeroed: gives each collision point's
-  // problem its key from the objects' contact records (where the owner has not
-  // set one), notes each problem's contact frame, and writes the matched
+  // problem its key, from the world's notes of this step's points (see
+  // startPoints) or else from the objects' contact records (where the owner
+  // has not set one), notes each problem's contact frame, and writes the matched
   // impulses. `configuration` is the world's count of added and removed
   // objects: after a change nothing of the last step is used (geoms may have
   // been freed and their addresses reused). Impulses are scaled by the ratio of
