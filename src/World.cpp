@@ -195,6 +195,20 @@ bool World::selfCollisionPairIsFull(const Object& object, size_t la, size_t lb) 
   return found >= object.getMaxSelfCollisionContacts();
 }
 
+namespace {
+// Whether the static friction blend leaves a problem's mu as it is, bit for
+// bit, whatever its velocity: with no positive threshold it does not run; with
+// the static coefficient equal to the dynamic one, mu + x * (staticFriction -
+// mu) is mu + x * 0, which is mu when mu is finite and not -0 and x finite.
+// x = 1 - vt * inverse is finite whenever the blend runs: then vt lies in
+// [0, threshold), so |vt * inverse| is at most |threshold * inverse|, checked
+// finite here.
+inline bool staticBlendKeepsMu(double mu, double staticFriction, double threshold, double inverse) {
+  if (!(threshold > 0.0)) return true;
+  return staticFriction == mu && std::isfinite(mu) && !std::signbit(mu) && std::isfinite(threshold * inverse);
+}
+}  // namespace
+
 // Flattened: the record constructors and the vectors' appends are inlined
 // into the loop, which writes both records of every point.
 __attribute__((flatten)) void World::generateContacts() {
@@ -204,6 +218,9 @@ __attribute__((flatten)) void World::generateContacts() {
   const std::string* lastMaterial1 = nullptr;
   const std::string* lastMaterial2 = nullptr;
   const MaterialPairProperties* material = nullptr;
+  // Whether the pair's static friction can change mu (see applyStaticFriction).
+  bool materialBlends = false;
+  staticBlendProblems_.clear();
   // The unit normals and frames of all points first, in one pass of
   // independent points (packed lanes, the same bits as one at a time). The
   // buffers follow the size of the point store, so a steady scene allocates
@@ -234,6 +251,10 @@ __attribute__((flatten)) void World::generateContacts() {
     side.type = side.object->getBodyType(side.local);
   };
   Side side1, side2;
+  // With the warm start on, the cache notes each point's frame (the frames
+  // stay in place until the next step) and geoms, for its problem's key.
+  contact::WarmStartCache::PointNote* notes =
+      solver_.warmStart ? warmStartCache_.startPoints(size_t(numContacts_)) : nullptr;
   for (int i = 0; i < numContacts_; ++i) {
     const dContactGeom& g = contactGeoms_[size_t(i)];
     resolve(side1, g.g1);
@@ -271,12 +292,18 @@ __attribute__((flatten)) void World::generateContacts() {
     // The pair's properties depend on the names' text only. Points of one
     // geom pair come in a row, so the strings last compared are remembered
     // by address whether or not they were the ones looked up.
-    if (material == nullptr || !sameText(d1.material, lastMaterial1) || !sameText(d2.material, lastMaterial2))
+    if (material == nullptr || !sameText(d1.material, lastMaterial1) || !sameText(d2.material, lastMaterial2)) {
       material = &materialManager_.getMaterialPairProp(d1.material, d2.material);
+      materialBlends = !staticBlendKeepsMu(material->c_f, material->c_static_f, material->v_static, material->v_static_inv);
+    }
     lastMaterial1 = &d1.material;
     lastMaterial2 = &d2.material;
     contactProblems_.emplace_back(*material, pos[0], pos[1], pos[2], -g.depth);
+    if (materialBlends) staticBlendProblems_.push_back(uint32_t(problemIndex));
+    if (notes != nullptr) notes[problemIndex] = contact::WarmStartCache::PointNote{&frame, g.g1, g.g2};
   }
+  generatedProblems_ = contactProblems_.size();
+  warmStartCache_.endPoints(notes != nullptr ? contactProblems_.size() : 0);
 }
 
 void World::contactProblemUpdate(Object* object) {
@@ -372,13 +399,14 @@ void World::integrate2() {
 
 void World::applyStaticFriction() {
   // Below the threshold velocity the friction coefficient blends linearly
-  // toward the static one. 1/mu keeps the dynamic value.
-  for (auto& P : contactProblems_) {
-    if (P.rank > 3) continue;
-    // The tangential speed is a square root: zero or more, or NaN. A threshold
-    // that is not above zero is above no speed, so such a problem keeps mu and
-    // its velocity need not be read.
-    if (!(P.staticFrictionThreshold > 0.0)) continue;
+  // toward the static one. 1/mu keeps the dynamic value. Problems are
+  // independent: each reads its own numbers and the objects' velocities at the
+  // start of the step, and writes its own mu.
+  auto blend = [](contact::Single3DContactProblem& P) {
+    if (P.rank > 3) return;
+    // A problem whose blend keeps mu whatever the speed (the tangential speed
+    // is a square root: zero or more, or NaN) need not read its velocity.
+    if (staticBlendKeepsMu(P.mu, P.staticFriction, P.staticFrictionThreshold, P.inverseStaticThreshold)) return;
     Mat<3, 1> v = P.tauStar;
     if (P.singleBodyA)
       static_cast<SingleBodyObject*>(P.objectA)->SingleBodyObject::addContactPointVel2(P.localIndexA, v);
@@ -390,7 +418,12 @@ void World::applyStaticFriction() {
       P.objectB->subContactPointVel2(P.localIndexB, v);
     const double vt = std::sqrt(v[0] * v[0] + v[1] * v[1]);
     if (P.staticFrictionThreshold > vt) P.mu = P.mu + (1.0 - vt * P.inverseStaticThreshold) * (P.staticFriction - P.mu);
-  }
+  };
+  // Of the collision points only those whose material can change mu are
+  // listed (their numbers come unchanged from the material); the problems
+  // added after them (wires, robots' limits and pins) are all looked at.
+  for (const uint32_t i : staticBlendProblems_) blend(contactProblems_[i]);
+  for (size_t i = generatedProblems_; i < contactProblems_.size(); ++i) blend(contactProblems_[i]);
 }
 
 // ------------------------------------------------------------------ registry --

@@ -380,6 +380,10 @@ class World {
   // Unit normal and contact frame of each point of contactGeoms_.
   std::vector<Mat<3, 1>> contactNormals_;
   std::vector<Mat<3, 3>> contactFrames_;
+  // The collision points' problems whose material's static friction can
+  // change mu, and the number of collision points' problems.
+  std::vector<uint32_t> staticBlendProblems_;
+  size_t generatedProblems_ = 0;
   int numContacts_ = 0;
   Mat<3, 1> gravity_{0.0, 0.0, -9.81};
   contact::BisectionContactSolver solver_;

@@ -1,6 +1,8 @@
 #include "vorsim/contact/WarmStartCache.hpp"
 
+#include <algorithm>
 #include <cmath>
+#include <cstddef>
 #include <functional>
 #include <limits>
 
@@ -67,9 +69,32 @@ size_t WarmStartCache::seed(const std::vector<Object*>& objects, ProblemList& pr
                             double timeStep) {
   seedConfiguration_ = configuration;
   seedTimeStep_ = timeStep;
-  frames_.assign(problems.size(), ProblemFrame{nullptr, false, false});
+  // Problems the world noted take their frames and keys from the notes; the
+  // others are found in the records that follow the noted problems' records
+  // in each list.
+  const size_t noted = notedPoints_ <= problems.size() ? notedPoints_ : 0;
+  notedPoints_ = 0;
+  frames_.resize(problems.size());
+  for (size_t i = 0; i < noted; ++i) {
+    // The collision library may report a pair in either order from step to
+    // step (the broad phase sorts by position): the key takes the geoms in
+    // address order, and the impulse is kept as the one on the side of the
+    // first of them. Integer selects: the order of two addresses is no
+    // pattern to predict.
+    const PointNote& n = notes_[i];
+    const uintptr_t a1 = reinterpret_cast<uintptr_t>(n.geom1), a2 = reinterpret_cast<uintptr_t>(n.geom2);
+    const bool swapped = a2 < a1;
+    const uintptr_t lo = swapped ? a2 : a1, hi = swapped ? a1 : a2;
+    problems[i].warmStartKey = WarmStartKey::geoms(reinterpret_cast<const void*>(lo), reinterpret_cast<const void*>(hi));
+    frames_[i] = ProblemFrame{n.frame, swapped, true};
+  }
+  std::fill(frames_.begin() + std::ptrdiff_t(noted), frames_.end(), ProblemFrame{nullptr, false, false});
   for (Object* object : objects) {
-    for (const Contact& c : object->getContacts()) {
+    const std::vector<Contact>& list = object->getContacts();
+    size_t first = list.size();
+    while (first > 0 && list[first - 1].contactProblemIndex >= noted) --first;
+    for (size_t r = first; r < list.size(); ++r) {
+      const Contact& c = list[r];
       if (c.contactProblemIndex >= problems.size()) continue;
       ProblemFrame& f = frames_[c.contactProblemIndex];
       f.frame = &c.frame;

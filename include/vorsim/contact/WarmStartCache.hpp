@@ -37,13 +37,34 @@ class WarmStartCache {
   double getTolerance() const { return tolerance_; }
 
   // Before the solve, with every impulse zeroed: gives each collision point's
-  // problem its key from the objects' contact records (where the owner has not
-  // set one), notes each problem's contact frame, and writes the matched
+  // problem its key, from the world's notes of this step's points (see
+  // startPoints) or else from the objects' contact records (where the owner
+  // has not set one), notes each problem's contact frame, and writes the matched
   // impulses. `configuration` is the world's count of added and removed
   // objects: after a change nothing of the last step is used (geoms may have
   // been freed and their addresses reused). Impulses are scaled by the ratio of
   // the time steps. Returns the number of problems that took an impulse.
   size_t seed(const std::vector<Object*>& objects, ProblemList& problems, int configuration, double timeStep);
+
+  // A collision point as the world makes its problem: the point's contact
+  // frame (which must stay in place until store) and its two geoms in the
+  // collision library's order.
+  struct PointNote {
+    const Mat<3, 3>* frame;
+    const void* geom1;
+    const void* geom2;
+  };
+  // The world notes its collision points so that seed need not find them in
+  // the objects' records: startPoints(n) gives room for the notes of problems
+  // 0 to n - 1, written in place, and endPoints(count) says how many were
+  // written. Records of later problems (wires, pins) must follow those of the
+  // noted ones in every object's list. The notes serve the next seed only.
+  PointNote* startPoints(size_t n) {
+    notedPoints_ = 0;
+    if (notes_.size() < n) notes_.resize(n);
+    return notes_.data();
+  }
+  void endPoints(size_t count) { notedPoints_ = count; }
 
   // After the solve: keeps this step's keyed problems for the next seed.
   // Problems must be those of the last seed (their frames are read from it).
@@ -87,6 +108,8 @@ class WarmStartCache {
     bool keyed;
   };
   std::vector<ProblemFrame> frames_;
+  std::vector<PointNote> notes_;
+  size_t notedPoints_ = 0;  // leading entries of notes_ written by the world
   double tolerance_ = 0.01;
   double storedTimeStep_ = 0.0;
   int storedConfiguration_ = 0;

@@ -11,8 +11,9 @@ namespace contact {
 // Two problems of consecutive steps stand for the same constraint when their
 // keys are equal (and, among several with one key, their points are nearest).
 // A key is one of:
-//  - a collision point: the two geoms, in the order the collision library
-//    reported them (filled by the world from the contact records);
+//  - a collision point: the two geoms in address order (the collision library
+//    may report a pair either way round), filled by the warm-start cache from
+//    the world's notes of the points or from the contact records;
 //  - a problem that belongs to an owner and has no geoms (a stiff wire, a
 //    robot's joint limit or pin): the owner, a kind, and the owner's own index.
 // An empty key (first == nullptr) never matches: the problem starts from zero.
