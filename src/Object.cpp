@@ -2,28 +2,12 @@
 
 #include <cmath>
 
-#if defined(__x86_64__)
-#include <immintrin.h>
-#elif defined(__SSE2__)
-#include <emmintrin.h>
-#endif
-
+#include "lanes.hpp"
 #include "vorsim/contact/Single3DContactProblem.hpp"
 
 namespace vorsim {
 
 namespace {
-// Doubles processed together: packed IEEE add, subtract, multiply, divide and
-// square root round each lane exactly as the scalar operation does.
-typedef double Lanes2 __attribute__((vector_size(16)));
-inline Lanes2 sqrtLanes(Lanes2 x) {
-#if defined(__SSE2__)
-  return _mm_sqrt_pd(x);
-#else
-  return Lanes2{std::sqrt(x[0]), std::sqrt(x[1])};
-#endif
-}
-
 // The body of Contact::unitNormalsAndFrames: the `count` points worked W at a
 // time in lanes of type L (square root: SQRT), lane k for point i + k; lanes
 // past the last point repeat it. Every line is the scalar path's
@@ -81,21 +65,13 @@ inline Lanes2 sqrtLanes(Lanes2 x) {
   }
 
 void unitNormalsAndFrames2(const double* normals, size_t stride, size_t count, Mat<3, 1>* unitNormals,
-                           Mat<3, 3>* frames) VORSIM_UNIT_NORMALS_AND_FRAMES(Lanes2, 2, sqrtLanes)
+                           Mat<3, 3>* frames) VORSIM_UNIT_NORMALS_AND_FRAMES(Lanes2, 2, sqrtLanes2)
 
-#if defined(__GNUC__) && defined(__x86_64__)
-#define VORSIM_HAVE_AVX_FRAMES 1
-// Four lanes where the processor has AVX. Only "avx" is enabled, not "fma":
-// no multiply and add may fuse.
-typedef double Lanes4 __attribute__((vector_size(32)));
+#if VORSIM_HAVE_AVX_LANES
+// Four lanes where the processor has AVX.
 __attribute__((target("avx"))) void unitNormalsAndFrames4(const double* normals, size_t stride, size_t count,
                                                           Mat<3, 1>* unitNormals, Mat<3, 3>* frames)
     VORSIM_UNIT_NORMALS_AND_FRAMES(Lanes4, 4, _mm256_sqrt_pd)
-
-bool processorHasAvx() {
-  static const bool has = __builtin_cpu_supports("avx");
-  return has;
-}
 #endif
 #undef VORSIM_UNIT_NORMALS_AND_FRAMES
 }  // namespace
@@ -169,7 +145,7 @@ void Contact::computeFrame(const Mat<3, 1>& n, Mat<3, 3>& frame) {
 
 void Contact::unitNormalsAndFrames(const double* normals, size_t stride, size_t count, Mat<3, 1>* unitNormals,
                                    Mat<3, 3>* frames) {
-#if defined(VORSIM_HAVE_AVX_FRAMES)
+#if VORSIM_HAVE_AVX_LANES
   if (processorHasAvx()) {
     unitNormalsAndFrames4(normals, stride, count, unitNormals, frames);
     return;

@@ -4,9 +4,8 @@
 #include "vorsim/World.hpp"
 
 #include <cmath>
-#if defined(__x86_64__)
-#include <immintrin.h>
-#endif
+
+#include "lanes.hpp"
 
 namespace vorsim {
 
@@ -25,7 +24,6 @@ inline Mat<3, 1> mulT(const Mat<3, 3>& R, const Mat<3, 1>& x) {
 }
 // A column of three: rows 0 and 1 as one two-lane vector, row 2 apart.
 // Lane arithmetic is the scalar arithmetic of each element, two at once.
-typedef double Lanes2 __attribute__((vector_size(16)));
 struct Col3 {
   Lanes2 xy;
   double z;
@@ -123,39 +121,15 @@ inline void similarityTransformPair(const Mat<3, 3>& r, const Mat<3, 3>& s1, con
     }                                                                                                            \
   }
 
-// Lane k holds p[k][m]: built from the scalars directly, not element by
-// element through memory (a wide load of narrow stores stalls).
-inline Lanes2 gather2(const double* const* p, size_t m) { return Lanes2{p[0][m], p[1][m]}; }
-inline Lanes2 sqrtLanes2(Lanes2 x) {
-#if defined(__SSE2__)
-  return _mm_sqrt_pd(x);
-#else
-  return Lanes2{std::sqrt(x[0]), std::sqrt(x[1])};
-#endif
-}
-
 void contactBlocks2(const Mat<3, 3>& I, const Mat<3, 1>& com, double inverseMass, Contact* contacts, size_t count,
-                    SingleBodyObject::ContactPoint* points) VORSIM_CONTACT_BLOCKS(Lanes2, 2, gather2)
+                    SingleBodyObject::ContactPoint* points) VORSIM_CONTACT_BLOCKS(Lanes2, 2, gatherLanes2)
 
-#if defined(__GNUC__) && defined(__x86_64__)
-#define VORSIM_HAVE_AVX_BLOCKS 1
-// Four lanes where the processor has AVX. Only "avx" is enabled, not "fma":
-// no multiply and add may fuse.
-typedef double Lanes4 __attribute__((vector_size(32)));
-__attribute__((target("avx"))) inline Lanes4 gather4(const double* const* p, size_t m) {
-  return Lanes4{p[0][m], p[1][m], p[2][m], p[3][m]};
-}
+#if VORSIM_HAVE_AVX_LANES
+// Four lanes where the processor has AVX.
 __attribute__((target("avx"))) void contactBlocks4(const Mat<3, 3>& I, const Mat<3, 1>& com, double inverseMass,
                                                    Contact* contacts, size_t count,
                                                    SingleBodyObject::ContactPoint* points)
-    VORSIM_CONTACT_BLOCKS(Lanes4, 4, gather4)
-
-bool processorHasAvx() {
-  static const bool has = __builtin_cpu_supports("avx");
-  return has;
-}
-#else
-#define VORSIM_HAVE_AVX_BLOCKS 0
+    VORSIM_CONTACT_BLOCKS(Lanes4, 4, gatherLanes4)
 #endif
 #undef VORSIM_CONTACT_BLOCKS
 
@@ -360,10 +334,10 @@ void evalEulerEqnDeriv(const Mat<3, 1>& w, const Mat<3, 1>& /*wOld*/, double dt,
 
 struct BodyLanes {
   static void integrate2(SingleBodyObject* const* bodies, size_t count, double dt)
-      VORSIM_BODY_LANES(Lanes2, 2, gather2, sqrtLanes2)
-#if VORSIM_HAVE_AVX_BLOCKS
+      VORSIM_BODY_LANES(Lanes2, 2, gatherLanes2, sqrtLanes2)
+#if VORSIM_HAVE_AVX_LANES
   __attribute__((target("avx"))) static void integrate4(SingleBodyObject* const* bodies, size_t count, double dt)
-      VORSIM_BODY_LANES(Lanes4, 4, gather4, _mm256_sqrt_pd)
+      VORSIM_BODY_LANES(Lanes4, 4, gatherLanes4, _mm256_sqrt_pd)
 #endif
 };
 
@@ -561,7 +535,7 @@ void SingleBodyObject::preContactSolverUpdate1(const Mat<3, 1>&, double) {
 
 void SingleBodyObject::contactBlocks(const Mat<3, 3>& inertiaInverse, const Mat<3, 1>& com, double inverseMass,
                                      Contact* contacts, size_t count, ContactPoint* points, int lanes) {
-#if VORSIM_HAVE_AVX_BLOCKS
+#if VORSIM_HAVE_AVX_LANES
   if (lanes == 4 && count > 2 && processorHasAvx()) {
     contactBlocks4(inertiaInverse, com, inverseMass, contacts, count, points);
     return;
@@ -696,7 +670,7 @@ void SingleBodyObject::finishIntegrate(double dt, bool orientationFromMatrix) {
 
 void SingleBodyObject::integrateBodies(SingleBodyObject* const* bodies, size_t count, double dt, int lanes) {
   size_t i = 0;
-#if VORSIM_HAVE_AVX_BLOCKS
+#if VORSIM_HAVE_AVX_LANES
   if (lanes == 4 && processorHasAvx()) {
     for (; i + 1 < count; i += 4) BodyLanes::integrate4(bodies + i, count - i < 4 ? count - i : 4, dt);
   }
